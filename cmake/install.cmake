@@ -1,0 +1,3 @@
+include(GNUInstallDirs)
+install(TARGETS ue-proxy DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS ue-proxyctl DESTINATION ${CMAKE_INSTALL_BINDIR})

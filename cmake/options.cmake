@@ -1,0 +1,36 @@
+# How everything is compiled. Every target of ours links `ue_options`; what it says holds for all.
+
+option(UE_PROXY_TESTS "Build the unit tests" ON)
+option(UE_PROXY_BENCH "Build the benchmarks" OFF)
+option(UE_PROXY_FUZZ "Build the fuzz targets (clang)" OFF)
+set(UE_PROXY_SANITIZE "" CACHE STRING "Sanitizers: address,undefined or thread")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+add_library(ue_options INTERFACE)
+target_compile_options(ue_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnon-virtual-dtor -Woverloaded-virtual
+  -Werror -fno-strict-aliasing)
+target_include_directories(ue_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_compile_definitions(ue_options INTERFACE UE_PROXY_VERSION="${PROJECT_VERSION}")
+
+if(UE_PROXY_SANITIZE)
+  target_compile_options(ue_options INTERFACE -fsanitize=${UE_PROXY_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(ue_options INTERFACE -fsanitize=${UE_PROXY_SANITIZE})
+else()
+  # A terminal's network-facing daemon: hardened wherever no sanitizer takes its place.
+  target_compile_options(ue_options INTERFACE -fstack-protector-strong
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE$<SEMICOLON>-D_FORTIFY_SOURCE=2>)
+  target_link_options(ue_options INTERFACE -pie -Wl,-z,relro,-z,now)
+endif()
+
+# Includes go one way (cmake/check_includes.cmake); a wrong one stops the build.
+add_custom_target(check_includes ALL
+  COMMAND ${CMAKE_COMMAND} -DROOT=${CMAKE_SOURCE_DIR} -P ${CMAKE_SOURCE_DIR}/cmake/check_includes.cmake
+  COMMENT "Checking that includes go one way")

@@ -1,0 +1,46 @@
+// One header value taken apart: the main value and its parameters, read and changed by name.
+//
+// Parameters keep their order and their text. Two shapes of value are known:
+//   value;name=value;...             Via, Contact, Event and most others (RFC 3261 25.1, generic-param)
+//   scheme name=value, name=value    WWW-Authenticate, Proxy-Authenticate, Authorization, Proxy-Authorization
+//                                    (RFC 3261 20.7, 20.44; RFC 2617)
+// In a Via, "host" and "port" are parameters too: the sent-by (RFC 3261 20.42).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+/// Not thread-safe; made, used and deleted by one thread. The caller owns it.
+class SIPLIB_SIPHeader {
+ public:
+  /// Null when `value` is empty, does not have the shape that the name asks for (a Via without sent-by, an
+  /// authentication value without scheme, an unbalanced quote), or has more parameters than the limit.
+  static SIPLIB_SIPHeader* createSIPHeaderObject(std::string_view name, std::string_view value);
+  ~SIPLIB_SIPHeader();
+  SIPLIB_SIPHeader(const SIPLIB_SIPHeader&) = delete;
+  SIPLIB_SIPHeader& operator=(const SIPLIB_SIPHeader&) = delete;
+
+  /// 0 when the parameter is there: `value` gets its text as it stands, quotes included (empty for a parameter
+  /// without "="). -1 when it is not; `value` stays. Names compare without regard to case.
+  int getParameter(std::string_view name, std::string& value) const;
+  /// The same as a decimal number; -1 when absent or not a number of 0 to 65535.
+  int getParameterNumber(std::string_view name) const;
+  /// Replaces the parameter where it stands, or appends it. The value is written as given, except that in an
+  /// authentication header an empty value is written as "" for a parameter whose grammar is a quoted string
+  /// (username, realm, nonce, uri, response, cnonce, opaque, domain) and leaves out any other. False when name or value
+  /// hold what would end the parameter or the line (CR, LF, NUL; outside quotes ";" or, in an authentication header,
+  /// ",").
+  bool setParameter(std::string_view name, std::string_view value);
+  /// False when it was not there. The host of a Via cannot be removed.
+  bool removeParameter(std::string_view name);
+  /// The whole value as it would stand in a message; true always (the value is never empty).
+  bool getHeaderValue(std::string& value) const;
+  /// The value without its parameters: "SIP/2.0/UDP host:port" of a Via, "Digest" of a challenge.
+  std::string mainValue() const;
+
+ private:
+  struct State;
+  explicit SIPLIB_SIPHeader(std::unique_ptr<State> state);
+  std::unique_ptr<State> state_;
+};

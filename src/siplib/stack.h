@@ -1,0 +1,57 @@
+// The stack: settings, start, and its connector. One per process through SIPLIB_SIPInit; tests may make their own.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "siplib/connector.h"
+#include "siplib/limits.h"
+
+namespace siplib {
+class Reactor;
+}
+
+/// Settings of the stack, with their defaults. Times in milliseconds unless named otherwise.
+struct SIPLIB_SIPStackConfig {
+  siplib::Limits limits;
+  /// Open TCP connections of either kind; above it an accepted one is closed at once, an opening one refused.
+  std::size_t max_connections = 256;
+  std::chrono::milliseconds connect_timeout{4000};
+  /// A TCP connection on which nothing moved for so long is closed. 0: never.
+  std::chrono::seconds idle_timeout{900};
+  /// RFC 3261 17.1.1.1, table 4.
+  std::chrono::milliseconds t1{500};
+  std::chrono::milliseconds t2{4000};
+  std::chrono::milliseconds t4{5000};
+  /// Where socket work runs. Null: SIPLIB_SIPInit fails. Must outlive the stack.
+  siplib::Reactor* reactor = nullptr;
+  /// Where log lines go: level 3 for faults, 4 for refusals, 5 for tracing; `where` is a function name. May be
+  /// called on any thread. Empty: nothing is said.
+  std::function<void(int level, const char* where, std::string_view text)> log;
+  /// The log threshold, asked before a line is put together. Empty: every line.
+  std::function<bool(int level)> log_enabled;
+};
+
+/// One stack.
+class SIPLIB_SIPStack {
+ public:
+  /// Null when the configuration cannot work.
+  static std::unique_ptr<SIPLIB_SIPStack> create(const SIPLIB_SIPStackConfig& config);
+  virtual ~SIPLIB_SIPStack() = default;
+  virtual SIPLIB_SIPConnector* connector() = 0;
+  /// Frees what was closed in the turn that ends here. The user's loop calls it between two events, when nothing holds
+  /// a closed connection any more. Cheap when there is nothing to free.
+  virtual void endTurn() = 0;
+  /// The process's stack; null before SIPLIB_SIPInit.
+  static SIPLIB_SIPStack* instance();
+
+ protected:
+  SIPLIB_SIPStack() = default;
+};
+
+/// Makes the process's stack and sets the limits. 0 when done; not 0 when the configuration cannot work or there is
+/// one.
+int SIPLIB_SIPInit(const SIPLIB_SIPStackConfig& config);

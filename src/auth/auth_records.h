@@ -1,0 +1,61 @@
+// What the authentication store remembers. Values of header parameters stand as in the message, quotes included.
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+/// Which challenge: a 401's WWW-Authenticate or a 407's Proxy-Authenticate.
+enum Auth_T { AUTH_WWW = 0, AUTH_PROXY = 1 };
+
+/// One nonce of a challenge. `age`: 3 newest, 2 older, 1 oldest, 0 empty. `nc`: its count, decimal.
+struct Nonce_Slot_T {
+  int age = 0;
+  std::string nonce;
+  std::string nc;
+};
+
+/// One challenge of a domain.
+struct Auth_Hdrs_T {
+  Auth_T auth_type = AUTH_WWW;
+  std::string realm;
+  std::string auth_hdr;  ///< the whole header value
+  std::array<Nonce_Slot_T, 3> nonces;
+};
+
+/// What one client last sent towards a domain.
+struct Client_Info_T {
+  std::string client_key;
+  std::string cseq;
+  int hdr_type = 2;  ///< 0 Authorization, 1 Proxy-Authorization, 2 neither
+  std::string nonce;
+  std::string nc;
+  std::string realm;
+  std::string cnonce;
+};
+
+/// Everything of one domain. A client or challenge is named by its position.
+struct Auth_Info_T {
+  std::string username;
+  std::string password;
+  std::vector<Client_Info_T> clients;
+  std::vector<Auth_Hdrs_T> auth_hdrs;
+};
+
+/// The values of one digest computation.
+struct Req_Msg_T {
+  std::string algorithm;
+  std::string username;
+  std::string realm;
+  std::string domain;
+  std::string password;
+  std::string nonce;
+  std::string cnonce;
+  std::string qop;
+  std::string method;
+  std::string uri;
+  std::string response;
+  std::string opaque;
+  std::string stale;
+  std::string nc;
+};

@@ -93,6 +93,10 @@ class SIPLIB_SIPMessageConnection : public SIPLIB_SIPConnection {
   virtual int send() = 0;
 
  protected:
+  /// What setHeader, addHeader, removeHeader and setContent change; null when nothing can be changed. The current
+  /// message, except while a server transaction's answer is prepared.
+  virtual SIPLIB_message* writable() { return message_.get(); }
+
   SIPLIB_SIPMessageHandle message_;
 };
 

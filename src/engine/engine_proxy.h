@@ -61,6 +61,9 @@ class IMS_engine_proxy : public IMS_UA_With_State_Machine {
   void print_usage() override;
   /// Start-up and loop; returns when the loop ends or start-up failed. Always 0.
   int run();
+  /// The part of run between the SIP stack and the loop: local endpoint, tables, registrar, capability file. False when
+  /// a listening port could not be opened.
+  bool start();
   void init_registrar();
   /// A network-side TCP listening transport on `ip`; the port (or with dynport the first free of 100) comes back in
   /// `port`. Null, and `port` untouched, when none could be opened.
@@ -132,8 +135,7 @@ class IMS_engine_proxy : public IMS_UA_With_State_Machine {
   static bool get_profile_id_from_via(SIPLIB_SIPTransportConnection* connection, std::string& profile);
   static void update_contact(std::string& contact, const std::string& marker, const std::string& tags);
 
-  // --- Forwarding. `from` and `to` may be null and stay the caller's.
-  // -------------------------------------------------
+  // --- Forwarding (`from` and `to` may be null and stay the caller's) -----------------------------------------------
 
   bool update_ua_to_network_request_via_contact(SIPLIB_SIPTransportConnection* connection, SIPLIB_SIPAddress* from,
                                                 SIPLIB_SIPAddress* to, const std::string& method, std::string& via,

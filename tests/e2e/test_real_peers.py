@@ -1,0 +1,91 @@
+"""Real peers: SIPp as user agent and network, kamailio as network proxy, a soft phone brought in with ue-proxyctl."""
+import os
+import subprocess
+import unittest
+
+from support import peers, sip
+from support.proxy import BIN, ProxyCase
+
+
+def ctl(*words, timeout=30):
+    return subprocess.run([os.path.join(BIN, "ue-proxyctl"), *words], capture_output=True, text=True, timeout=timeout)
+
+
+class SippCalls(ProxyCase):
+    def call(self, transport, sipp_transport, calls):
+        listener = self.tcp(5071) if transport == "TCP" else None
+        self.register(5071)
+        network = self.keep(peers.Sipp("network_answers.xml", ip="127.0.0.3", port=5060, transport=sipp_transport,
+                                       calls=calls))
+        if transport == "TCP":
+            sip.wait_until(lambda: _listens(("127.0.0.3", 5060)), 10, "sipp listening")
+        else:
+            network.wait_output("SIPp|Scenario|call", 10)
+        self.set_route("1", f"127.0.0.3:{transport}:5060")
+        if listener:
+            listener.close()
+            self.open.remove(listener)
+        caller = self.keep(peers.Sipp("ua_calls_network.xml", ip="127.0.0.1", port=5071, remote="127.0.0.1:5060",
+                                      transport=sipp_transport, calls=calls, rate=20))
+        caller.succeed()
+        network.succeed()
+
+    def test_calls_over_udp(self):
+        self.call("UDP", "u1", 20)
+
+    def test_calls_over_tcp(self):
+        self.call("TCP", "t1", 20)
+
+
+def _listens(address):
+    try:
+        sip.connect(address, timeout=0.3).close()
+        return True
+    except OSError:
+        return False
+
+
+class ThroughKamailio(ProxyCase):
+    def setUp(self):
+        super().setUp()
+        self.kamailio = self.keep(peers.Kamailio())
+
+    def test_message_and_register_over_both_transports(self):
+        for transport, port in (("UDP", 5071), ("TCP", 5072)):
+            profile = "home" if transport == "UDP" else "work"
+            ua = self.udp(port) if transport == "UDP" else self.keep(sip.Tcp(port))
+            answer = self.register(port, sip.ua_info(profile, f"u{port}@example.net"), user=f"u{port}")
+            profile_id = answer.get("Zel-Profile-ID")
+            self.set_route(profile_id, f"127.0.0.3:{transport}:5060")
+            link = ua if transport == "UDP" else self.connect()
+            link.send(sip.request("MESSAGE", "sip:echo@example.net", via=f"127.0.0.1:{port}", transport=transport,
+                                  frm=f"<sip:u{port}@example.net>", to="<sip:echo@example.net>", body="hello"))
+            heard = link.receive()
+            self.assertEqual((heard.status, heard.start), (200, "SIP/2.0 200 Heard"))
+            self.assertEqual(len(heard.all("Via")), 1)
+            self.assertIn(f"127.0.0.1:{port};", heard.get("Via"))
+            link.send(sip.request("REGISTER", "sip:example.net", via=f"127.0.0.1:{port}", transport=transport,
+                                  frm=f"<sip:u{port}@example.net>", to=f"<sip:u{port}@example.net>",
+                                  contact=f"<sip:u{port}@127.0.0.1:{port}>",
+                                  headers=[("Zel-Profile-ID", profile_id), ("Expires", 600)]))
+            registered = link.receive()
+            self.assertEqual(registered.status, 200, registered.raw)
+            self.assertIn("sip:127.0.0.2:5060", registered.get("Contact"))
+
+    def test_a_soft_phone_registered_with_the_tool_calls_out(self):
+        callee = self.keep(peers.Sipp("callee.xml", ip="127.0.0.5", port=5060))
+        done = ctl("register", "--port", "5071", "--user", "alice", "--profile-name", "home", "--aor",
+                   "alice@example.net", "--methods", "INVITE,MESSAGE")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(done.stdout, "200 OK\nExpires: 3600\nZel-Profile-ID: 1\n")
+        done = ctl("route", "set", "--profile", "1", "--proxy", "127.0.0.3:UDP:5060", "--device", "127.0.0.2")
+        self.assertEqual((done.returncode, done.stdout), (0, "1\n"), done.stderr)
+        phone = self.keep(peers.Baresip(commands=["/dial sip:bob@example.net"]))
+        phone.wait_output("Call established", 20)
+        self.kamailio.wait_output("SEEN INVITE sip:bob@example.net from 127.0.0.2:5060")
+        callee.succeed()
+        phone.wait_output("session closed|terminated", 20)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

@@ -1,0 +1,87 @@
+"""Local registration of external user agents and internal modules."""
+import unittest
+
+from support import sip
+from support.proxy import ProxyCase
+
+
+class Registration(ProxyCase):
+    def test_external_client_gets_its_profile_id(self):
+        answer = self.register(5071)
+        self.assertEqual(answer.get("Zel-Profile-ID"), "1")
+        self.assertEqual(answer.get("Expires"), "3600")
+        self.assertEqual(answer.get("Contact"), "<sip:127.0.0.1:5071>")
+        self.assertTrue(self.proxy.has("Successfully Added client key=1"))
+
+    def test_internal_client_gets_no_profile_id(self):
+        answer = self.register(5072, sip.MODULE_INFO.format(packages="presence"), user="module")
+        self.assertIsNone(answer.get("Zel-Profile-ID"))
+        self.assertEqual(answer.get("Expires"), "3600")
+
+    def test_second_profile_gets_the_next_id(self):
+        self.register(5071)
+        answer = self.register(5072, sip.ua_info("work", "bob@example.net"), user="bob")
+        self.assertEqual(answer.get("Zel-Profile-ID"), "2")
+
+    def test_over_tcp_the_answer_comes_on_the_connection(self):
+        stream = self.connect()
+        stream.send(sip.register(5071, sip.ua_info(), transport="TCP"))
+        answer = stream.receive()
+        self.assertEqual((answer.status, answer.get("Zel-Profile-ID")), (200, "1"))
+
+    def test_a_retransmission_gets_the_same_bytes_again(self):
+        peer = self.udp()
+        data = sip.register(5071, sip.ua_info(), via=peer.via)
+        peer.send(data)
+        first = peer.receive()
+        peer.send(data)
+        self.assertEqual(peer.receive().raw, first.raw)
+        self.assertEqual(self.proxy.log().count("Calling handle_registrar_register_message(ssc)"), 1)
+
+    def test_deregistration_removes_the_client(self):
+        self.register(5071, cseq=1)
+        answer = self.register(5071, cseq=2, expires=0)
+        self.assertEqual(answer.get("Expires"), "0")
+        self.assertTrue(self.proxy.has("Delete Client is Successful"))
+        self.register(5071, cseq=3, call_id="again@127.0.0.1")
+
+    def test_refusals(self):
+        self.register(5071, "<ua-info></ua-info>", expect=400)
+        self.register(5071, "<who-knows/>", expect=400)
+        self.register(5071, "", expect=400)
+        self.register(5071, sip.ua_info(), expires=0, expect=400)
+        self.register(5071, '<!DOCTYPE a [<!ENTITY b "c">]><ua-info><profile-info><name>&b;</name></profile-info></ua-info>',
+                      expect=400)
+        self.register(5071)
+
+    def test_a_register_without_contact_is_answered_400(self):
+        peer = self.udp()
+        peer.send(sip.request("REGISTER", "sip:127.0.0.1", via=peer.via, frm="<sip:a@127.0.0.1>", to="<sip:a@127.0.0.1>",
+                              headers=[("Expires", "60"), ("Content-Type", "application/xml")], body=sip.ua_info()))
+        self.assertEqual(peer.receive().status, 400)
+
+    def test_overlapping_client_of_the_same_profile_is_refused_403(self):
+        self.register(5071, sip.ua_info(tags=["t"]))
+        self.register(5072, sip.ua_info(tags=["t"]), user="bob", expect=403)
+
+    def test_other_methods_to_the_registrar_go_the_proxy_way(self):
+        peer = self.udp(5071)
+        self.register(5071)
+        peer.send(sip.request("OPTIONS", "sip:127.0.0.1", via=peer.via, frm="<sip:alice@127.0.0.1>", to="<sip:127.0.0.1>"))
+        self.proxy.wait_log("ERROR: Can't route OPTIONS request")
+
+
+class NetworkSide(ProxyCase):
+    def test_a_register_for_the_loopback_address_from_the_network_side_is_refused_403(self):
+        self.set_route("1", "127.0.0.3:UDP:5060")
+        network = self.udp(5060, "127.0.0.3")
+        network.send(sip.register(5071, sip.ua_info(), via=network.via), ("127.0.0.2", 5060))
+        self.assertEqual(network.receive().status, 403)
+        stream = self.connect(to=("127.0.0.2", 5060), source=("127.0.0.3", 0))
+        stream.send(sip.register(5071, sip.ua_info(), via="127.0.0.3:5060", transport="TCP"))
+        self.assertEqual(stream.receive().status, 403)
+        self.assertFalse(self.proxy.has("Successfully Added client key=1"))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

@@ -16,7 +16,8 @@ class IMS_log {
   /// Writes the line when `level` is at or below the threshold; costs one comparison otherwise.
   static void loginfo(int level, const char* function, const char* format, ...) __attribute__((format(printf, 3, 4)));
   static bool enabled(int level) { return level <= threshold_.load(std::memory_order_relaxed); }
-  /// Where lines go; not closed by the log. Null: nowhere.
+  /// Where lines go (standard error until then); not closed by the log. Null: nowhere. The descriptor behind the stream
+  /// and JOURNAL_STREAM are looked at now: call it again after redirecting the stream. Ignores SIGPIPE.
   static void log_to_file(FILE* stream);
   /// Copied.
   static void set_progname(const char* name);

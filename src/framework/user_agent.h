@@ -47,8 +47,8 @@ class IMS_User_Agent : public IMS_daemon {
   // --- Command line -------------------------------------------------------------------------------------------------
 
   /// Makes "Xword value" known as an option of the program (any first character X), so that the framework's own parsing
-  /// passes over it. `word` must outlive the process (a literal).
-  static void add_program_option(const char* word);
+  /// passes over it. `help` is what the usage says of it. Both must outlive the process (literals).
+  static void add_program_option(const char* word, const char* help = "");
   /// Reads the framework's options (see --help). An unknown one or a missing argument: one line on standard error,
   /// exit 2. --version prints and exits 0. --check-config reports every fault of the configuration documents, exits 0
   /// or 1.
@@ -93,12 +93,14 @@ class IMS_User_Agent : public IMS_daemon {
 
   // --- SIP ----------------------------------------------------------------------------------------------------------
 
-  /// The process's connector; null before wait_for_framework_init or set by a test. conn_open takes it as argument.
+  /// The process's connector, for conn_open's argument. Null until wait_for_framework_init, until the first conn_open
+  /// with a null connector, or until a test sets it.
   static SIPLIB_SIPConnector* ua_connector;
   /// This user agent's own URI in angle brackets.
   static std::string __ua_myuri;
 
-  /// Opens the local notifier named by `uri` ("sip:5060"). `reserved` is null. Null with a log line.
+  /// Opens the local notifier named by `uri` ("sip:5060"). `reserved` is null. A null connector means the process's
+  /// own, which is there from SIPLIB_SIPInit on, in both forms. Null with a log line.
   static SIPLIB_SIPConnectionNotifier* conn_open(SIPLIB_SIPConnector* connector, const std::string& uri,
                                                  void* reserved);
   /// With `destination` null: a listening transport on `address`:`port`, a SIPLIB_SIPTransportNotifier. Otherwise a

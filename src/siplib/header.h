@@ -7,7 +7,8 @@
 // In a Via, "host" and "port" are parameters too: the sent-by (RFC 3261 20.42).
 #pragma once
 
-#include <memory>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -15,7 +16,8 @@
 class SIPLIB_SIPHeader {
  public:
   /// Null when `value` is empty, does not have the shape that the name asks for (a Via without sent-by, an
-  /// authentication value without scheme, an unbalanced quote), or has more parameters than the limit.
+  /// authentication value without scheme, an unbalanced quote), holds CR, LF or NUL, or has more parameters than the
+  /// limit. `name` may be the compact form; surrounding white space of `value` is left out.
   static SIPLIB_SIPHeader* createSIPHeaderObject(std::string_view name, std::string_view value);
   ~SIPLIB_SIPHeader();
   SIPLIB_SIPHeader(const SIPLIB_SIPHeader&) = delete;
@@ -28,11 +30,14 @@ class SIPLIB_SIPHeader {
   int getParameterNumber(std::string_view name) const;
   /// Replaces the parameter where it stands, or appends it. The value is written as given, except that in an
   /// authentication header an empty value is written as "" for a parameter whose grammar is a quoted string
-  /// (username, realm, nonce, uri, response, cnonce, opaque, domain) and leaves out any other. False when name or value
-  /// hold what would end the parameter or the line (CR, LF, NUL; outside quotes ";" or, in an authentication header,
-  /// ",").
+  /// (username, realm, nonce, uri, response, cnonce, opaque, domain) and leaves out any other; elsewhere an empty value
+  /// leaves the name without "=". False when name or value hold what would end the parameter or the line (CR, LF, NUL,
+  /// an open quote; outside quotes ";", or "," in an authentication header; "," too in a header that is a list), and
+  /// when it would be one parameter more than the limit. Of a Via, "host" takes a host (an IPv6 address gets its
+  /// brackets when it comes without), "port" a number of 1 to 65535.
   bool setParameter(std::string_view name, std::string_view value);
-  /// False when it was not there. The host of a Via cannot be removed.
+  /// False when it was not there. The host of a Via cannot be removed. Of several parameters of one name, this and all
+  /// the others here mean the first.
   bool removeParameter(std::string_view name);
   /// The whole value as it would stand in a message; true always (the value is never empty).
   bool getHeaderValue(std::string& value) const;
@@ -40,7 +45,36 @@ class SIPLIB_SIPHeader {
   std::string mainValue() const;
 
  private:
-  struct State;
-  explicit SIPLIB_SIPHeader(std::unique_ptr<State> state);
-  std::unique_ptr<State> state_;
+  enum class Shape : std::uint8_t { Parameters, Via, Authentication };
+  struct Range {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+  };
+  struct Parameter {
+    Range all;  // without separators
+    Range name;
+    Range value;
+    bool has_value = false;
+  };
+
+  SIPLIB_SIPHeader(Shape shape, bool list, std::string_view value) : shape_(shape), list_(list), text_(value) {}
+  bool findMain();
+  bool findSentBy();
+  bool next(std::size_t& position, Parameter& parameter) const;
+  bool find(std::string_view name, Parameter& parameter) const;
+  std::size_t count() const;
+  bool endsParameter(std::string_view value) const;
+  char separator() const { return shape_ == Shape::Authentication ? ',' : ';'; }
+  std::string_view part(Range range) const {
+    return std::string_view(text_).substr(range.begin, range.end - range.begin);
+  }
+  bool setSentBy(std::string_view name, std::string_view value);
+  void replace(Range range, std::string_view with);
+
+  Shape shape_;
+  bool list_;
+  std::string text_;
+  std::size_t main_end_ = 0;  // the end of the value without parameters
+  Range host_;                // of a Via
+  Range port_;                // of a Via, empty when it has none
 };

@@ -25,14 +25,24 @@
 
 /// One message, request or response. Not thread-safe: used by one thread at a time, handed over through a queue.
 /// Views returned by any reader stay valid until the next change of the message.
+///
+/// What does not parse, each because two readers could see two different messages in it or because it could cost too
+/// much: a line end other than CRLF, a bare CR or LF or a NUL in the head; no blank line after the head; a start line
+/// that is not exactly "method SP uri SP SIP/2.0" or "SIP/2.0 SP status [SP reason]" with a status of 100 to 699; a
+/// header line without colon or whose name is not a token; Content-Length values that differ, are no numbers, or exceed
+/// the text; sizes above siplib::limits(). CRLFs before the start line are skipped (RFC 3261 7.5), text behind the body
+/// is dropped (RFC 3261 18.3), blanks before a colon are allowed (RFC 3261 25.1). Nothing is asked of the values: a
+/// message without From, or with a nonsensical one, parses.
 class SIPLIB_message {
  public:
   /// Parses `length` bytes at `text` (copied). Never fails to construct: see `valid`. `text` may be null when
   /// `length` is 0.
   SIPLIB_message(const char* text, std::size_t length);
-  /// A new response "SIP/2.0 status reason" without headers.
+  /// A new response "SIP/2.0 status reason" without headers but Content-Length. Not valid when the status is not 100 to
+  /// 699 or the reason holds CR, LF or NUL.
   SIPLIB_message(int status, std::string_view reason);
-  /// A new request "method uri SIP/2.0" without headers.
+  /// A new request "method uri SIP/2.0" without headers but Content-Length. Not valid when the method is not a token or
+  /// the URI is empty or holds a blank or control character.
   SIPLIB_message(std::string_view method, std::string_view request_uri);
   ~SIPLIB_message();
   SIPLIB_message(const SIPLIB_message&) = delete;
@@ -57,16 +67,18 @@ class SIPLIB_message {
 
   /// The topmost value of the name, without surrounding white space, folds replaced by one blank each.
   std::optional<std::string_view> header(std::string_view name) const;
-  /// How many values of the name there are.
+  /// How many values of the name there are. A list header without any element ("Supported:") has one, empty.
   std::size_t headerCount(std::string_view name) const;
   /// Every value of the name, topmost first.
   std::vector<std::string_view> headers(std::string_view name) const;
 
-  /// Replaces the topmost value, or adds the header when there is none. False when the message is not valid, the
-  /// name is not a token, or the value holds CR, LF or NUL (one header can never smuggle in another).
+  /// Replaces the topmost value, or adds the header when there is none. Every other byte of the line stays: the form of
+  /// the name, the rest of a list. False when the message is not valid, the name is not a token, or the value holds CR,
+  /// LF or NUL (one header can never smuggle in another). Content-Length belongs to the body: this and the next two
+  /// refuse to make it anything but the body's length.
   bool setHeader(std::string_view name, std::string_view value);
-  /// Puts a new header line with the value above the others of its name; as the last line when there is none.
-  /// Refusals as for setHeader.
+  /// Puts a new header line with the value above the others of its name; as the last line when there is none (in a new
+  /// message above its Content-Length). Refusals as for setHeader.
   bool addHeader(std::string_view name, std::string_view value);
   /// Removes the topmost value. False when there is none.
   bool removeHeader(std::string_view name);
@@ -75,12 +87,13 @@ class SIPLIB_message {
 
   /// The body: exactly Content-Length bytes when the header was there, else the rest of the text. May hold any byte.
   std::string_view body() const { return body_; }
-  /// Replaces the body; Content-Length follows.
+  /// Replaces the body; Content-Length follows. False when the message is not valid.
   bool setBody(std::string_view body);
 
   /// Appends the slices that make up the message as it stands, in order, to `out`. They point into this message and
   /// are good until its next change or its end. A Content-Length line is among them always for a message made or
-  /// given a body here; for a received one as it was received. Nothing is appended for an invalid message.
+  /// given a body here; for a received one as it was received. Nothing is appended for an invalid message. Adjacent
+  /// untouched lines are one slice, so a forwarded message is a handful of them.
   void gather(std::vector<iovec>& out) const;
   /// The same in one text, for tests and for what is not on the fast path.
   std::string text() const;
@@ -88,17 +101,43 @@ class SIPLIB_message {
  private:
   friend class SIPLIB_SIPMessageHandle;
 
-  // The implementer of message.cpp owns this section; nothing outside reads it.
+  // All memory of a message comes in chunks that live as long as it does: the first holds the lines' records, the
+  // received text and room for the usual changes, so a forwarded message costs one allocation besides its own. Nothing
+  // is given back before the end; what a change replaces is simply left behind.
   struct Line;
+  struct Chunk;
+
+  char* room(std::size_t size);
+  void takeChunk(std::size_t size);
+  void dropChunks();
+  std::string_view parse(std::string_view text);
+  std::string_view parseStartLine(std::string_view line);
+  void start(std::string_view line);
+  Line* find(std::string_view name, std::uint8_t id) const;
+  bool refusesChange(std::string_view name, std::string_view value, std::uint8_t id) const;
+  void insert(std::size_t index, std::string_view name, std::string_view value, std::uint8_t id);
+  void erase(Line* line);
+  void rewrite(Line& line, std::size_t begin, std::size_t end, std::string_view value);
+  void place(Line& line);
+  void readValue(Line& line);
+
   bool valid_ = false;
   bool is_request_ = false;
+  bool made_here_ = false;
   int status_ = 0;
   std::uint32_t references_ = 0;
+  std::uint32_t line_count_ = 0;
+  std::uint32_t line_room_ = 0;
+  Line* lines_ = nullptr;
+  Chunk* chunks_ = nullptr;
+  char* free_ = nullptr;
+  char* free_end_ = nullptr;
   std::string_view parse_error_;
+  std::string_view start_line_;  // with its CRLF
   std::string_view method_;
   std::string_view request_uri_;
   std::string_view reason_;
-  std::string_view body_;
+  std::string_view body_;  // always right behind the blank line
 };
 
 /// Shared ownership of one message: after setSipMessageHandle two connections see the same message. The count is
@@ -107,15 +146,17 @@ class SIPLIB_SIPMessageHandle {
  public:
   SIPLIB_SIPMessageHandle() = default;
   /// Takes over a message made with `new`; null gives an empty handle.
-  explicit SIPLIB_SIPMessageHandle(SIPLIB_message* message);
-  SIPLIB_SIPMessageHandle(const SIPLIB_SIPMessageHandle& other);
+  explicit SIPLIB_SIPMessageHandle(SIPLIB_message* message) : message_(message) { hold(); }
+  SIPLIB_SIPMessageHandle(const SIPLIB_SIPMessageHandle& other) : message_(other.message_) { hold(); }
   SIPLIB_SIPMessageHandle(SIPLIB_SIPMessageHandle&& other) noexcept
       : message_(std::exchange(other.message_, nullptr)) {}
   SIPLIB_SIPMessageHandle& operator=(SIPLIB_SIPMessageHandle other) noexcept {
     std::swap(message_, other.message_);
     return *this;
   }
-  ~SIPLIB_SIPMessageHandle();
+  ~SIPLIB_SIPMessageHandle() {
+    if (message_ != nullptr && --message_->references_ == 0) delete message_;
+  }
 
   SIPLIB_message* get() const { return message_; }
   SIPLIB_message* operator->() const { return message_; }
@@ -123,5 +164,8 @@ class SIPLIB_SIPMessageHandle {
   explicit operator bool() const { return message_ != nullptr; }
 
  private:
+  void hold() {
+    if (message_ != nullptr) ++message_->references_;
+  }
   SIPLIB_message* message_ = nullptr;
 };

@@ -1,0 +1,223 @@
+#include "siplib/address.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "siplib/limits.h"
+#include "siplib/text.h"
+#include "siplib/uri_text.h"
+
+namespace {
+
+constexpr std::size_t kNone = std::string_view::npos;
+
+bool isSchemeChar(char c) {
+  return siplib::isAlpha(c) || siplib::isDigit(c) || c == '+' || c == '-' || c == '.';
+}
+
+// What a URI's text cannot hold anywhere.
+bool endsUri(char c) {
+  return static_cast<unsigned char>(c) <= ' ' || c == 0x7f || c == '<' || c == '>' || c == '"';
+}
+
+}  // namespace
+
+SIPLIB_SIPAddress* SIPLIB_SIPAddress::createSIPAddressObject(std::string_view /*header*/, std::string_view value) {
+  value = siplib::trim(value);
+  if (value.empty() || siplib::breaksLine(value) || !siplib::quotesBalanced(value)) return nullptr;
+  std::unique_ptr<SIPLIB_SIPAddress> address(new SIPLIB_SIPAddress(value));
+  return address->parse() ? address.release() : nullptr;
+}
+
+SIPLIB_SIPAddress::~SIPLIB_SIPAddress() = default;
+
+// name-addr or addr-spec, then the header's parameters.
+bool SIPLIB_SIPAddress::parse() {
+  const std::string_view text = text_;
+  const std::size_t open = siplib::findUnquoted(text, '<');
+  bracketed_ = open != kNone;
+  display_ = header_parameters_ = {};
+  std::size_t after = 0;
+  if (bracketed_) {
+    const std::size_t close = text.find('>', open);
+    if (close == kNone) return false;
+    const std::string_view display = siplib::trim(text.substr(0, open));
+    display_.begin = static_cast<std::size_t>(display.data() - text.data());
+    display_.end = display_.begin + display.size();
+    if (!parseUri(open + 1, close)) return false;
+    after = close + 1;
+  } else {
+    after = std::min(text.find(';'), text.size());
+    if (!parseUri(0, after)) return false;
+  }
+  after = siplib::skipLws(text, after);
+  header_parameters_ = {after, text.size()};
+  if (after < text.size() && text[after] != ';') return false;
+  return count(uri_parameters_) + count(header_parameters_) <= siplib::limits().max_parameters;
+}
+
+bool SIPLIB_SIPAddress::parseUri(std::size_t begin, std::size_t end) {
+  const std::string_view text = text_;
+  const std::string_view uri = siplib::trim(text.substr(begin, end - begin));
+  if (uri.empty() || std::any_of(uri.begin(), uri.end(), endsUri)) return false;
+  uri_.begin = static_cast<std::size_t>(uri.data() - text.data());
+  uri_.end = uri_.begin + uri.size();
+  user_info_ = user_ = host_ = port_ = uri_parameters_ = {};
+
+  const std::size_t colon = uri.find(':');
+  const std::string_view scheme = uri.substr(0, colon);
+  if (colon == kNone || colon == 0 || !siplib::isAlpha(scheme[0]) ||
+      !std::all_of(scheme.begin(), scheme.end(), isSchemeChar)) {
+    return false;
+  }
+  scheme_ = {uri_.begin, uri_.begin + colon};
+  const std::size_t rest = scheme_.end + 1;
+
+  if (!siplib::equalsIgnoreCase(scheme, "sip") && !siplib::equalsIgnoreCase(scheme, "sips")) {
+    user_ = {rest, std::min(text.find(';', rest), uri_.end)};
+    uri_parameters_ = {user_.end, uri_.end};
+    return !user_.empty();
+  }
+
+  // Neither parameters nor headers may hold an "@" (RFC 3261 25.1), a user part may hold their separators.
+  const std::size_t at = text.find('@', rest);
+  if (at >= uri_.end) return parseHost(rest, uri_.end);
+  user_info_ = {rest, at + 1};
+  user_ = {rest, std::min(text.find(':', rest), at)};
+  return parseHost(at + 1, uri_.end);
+}
+
+bool SIPLIB_SIPAddress::parseHost(std::size_t begin, std::size_t end) {
+  const std::string_view text = std::string_view(text_).substr(0, end);
+  host_ = {begin, begin + siplib::hostLength(text.substr(begin))};
+  if (host_.empty()) return false;
+  std::size_t after = host_.end;
+  if (after < end && text[after] == ':') {
+    port_ = {after + 1, std::min(text.find_first_of(";?", after), end)};
+    if (!siplib::decimal(part(port_), 65535)) return false;
+    after = port_.end;
+  }
+  if (after < end && text[after] != ';' && text[after] != '?') return false;
+  uri_parameters_ = {after, std::min(text.find('?', after), end)};
+  return true;
+}
+
+// Finds a parameter in a run of ";name=value".
+bool SIPLIB_SIPAddress::find(Range in, std::string_view name, Parameter& parameter) const {
+  const std::string_view text = std::string_view(text_).substr(0, in.end);
+  for (std::size_t at = in.begin; at < in.end;) {
+    const std::size_t end = std::min(siplib::findUnquoted(text, ';', at + 1), in.end);
+    const std::string_view piece = siplib::trim(text.substr(at + 1, end - at - 1));
+    const std::size_t equals = piece.find('=');
+    const std::string_view found = siplib::trim(piece.substr(0, equals));
+    if (!found.empty() && siplib::equalsIgnoreCase(found, name)) {
+      const std::string_view value =
+          equals == kNone ? std::string_view(piece.data() + piece.size(), 0) : siplib::trim(piece.substr(equals + 1));
+      const auto range = [&](std::string_view view) {
+        const auto begin = static_cast<std::size_t>(view.data() - text.data());
+        return Range{begin, begin + view.size()};
+      };
+      parameter = {{at, end}, range(found), range(value)};
+      return true;
+    }
+    at = end;
+  }
+  return false;
+}
+
+std::size_t SIPLIB_SIPAddress::count(Range in) const {
+  std::size_t many = 0;
+  const std::string_view text = std::string_view(text_).substr(0, in.end);
+  for (std::size_t at = in.begin; at < in.end; ++many) at = std::min(siplib::findUnquoted(text, ';', at + 1), in.end);
+  return many;
+}
+
+std::string SIPLIB_SIPAddress::getDisplayName() const {
+  const std::string_view display = part(display_);
+  if (display.empty() || display[0] != '"' || siplib::skipQuoted(display, 0) != display.size()) {
+    return std::string(display);
+  }
+  std::string name;
+  for (std::size_t i = 1; i + 1 < display.size(); ++i) {
+    if (display[i] == '\\') ++i;
+    name += display[i];
+  }
+  return name;
+}
+
+int SIPLIB_SIPAddress::getPort() const {
+  return port_.empty() ? -1 : static_cast<int>(*siplib::decimal(part(port_), 65535));
+}
+
+std::string SIPLIB_SIPAddress::getURI() const {
+  std::string uri = getScheme() + ":" + getUser();
+  if (host_.empty()) return uri;
+  if (!user_.empty()) uri += '@';
+  uri += part(host_);
+  if (!port_.empty()) uri.append(":").append(part(port_));
+  return uri;
+}
+
+int SIPLIB_SIPAddress::getParameter(std::string_view name, std::string& value) const {
+  Parameter parameter;
+  if (!find(uri_parameters_, name, parameter) && !find(header_parameters_, name, parameter)) return -1;
+  value = part(parameter.value);
+  return 0;
+}
+
+void SIPLIB_SIPAddress::replace(Range range, std::string_view with) {
+  text_.replace(range.begin, range.end - range.begin, with);
+  if (!bracketed_) {
+    const std::size_t end = uri_.end - (range.end - range.begin) + with.size();
+    text_.insert(end, ">").insert(uri_.begin, "<");
+  }
+  parse();
+}
+
+bool SIPLIB_SIPAddress::setUser(std::string_view user) {
+  if (std::any_of(user.begin(), user.end(), [](char c) { return endsUri(c) || c == '@'; })) return false;
+  if (host_.empty()) {
+    if (user.empty() || user.find(';') != kNone) return false;
+    replace(user_, user);
+    return true;
+  }
+  if (user.find(':') != kNone) return false;
+  if (user.empty()) {
+    if (!user_info_.empty()) replace(user_info_, {});
+  } else if (user_info_.empty()) {
+    replace({host_.begin, host_.begin}, std::string(user) + "@");
+  } else {
+    replace(user_, user);
+  }
+  return true;
+}
+
+bool SIPLIB_SIPAddress::setHost(std::string_view host) {
+  const std::string text = siplib::hostText(host);
+  if (host_.empty() || text.empty()) return false;
+  replace(host_, text);
+  return true;
+}
+
+bool SIPLIB_SIPAddress::setPort(int port) {
+  if (host_.empty() || port < 1 || port > 65535) return false;
+  const std::string digits = std::to_string(port);
+  if (port_.empty()) {
+    replace({host_.end, host_.end}, ":" + digits);
+  } else {
+    replace(port_, digits);
+  }
+  return true;
+}
+
+bool SIPLIB_SIPAddress::removeParameter(std::string_view name) {
+  if (siplib::equalsIgnoreCase(name, "port")) {
+    if (port_.empty()) return false;
+    replace({host_.end, port_.end}, {});
+    return true;
+  }
+  Parameter parameter;
+  if (!find(uri_parameters_, name, parameter)) return false;
+  replace(parameter.all, {});
+  return true;
+}

@@ -1,0 +1,103 @@
+#include "siplib/text.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "siplib/sip_text.h"
+
+namespace siplib {
+namespace {
+
+constexpr std::size_t kNone = std::string_view::npos;
+
+std::vector<std::string> divide(std::string_view text, List list) {
+  const sip_test::Exact exact(text);
+  std::vector<std::string> all;
+  std::string_view element;
+  for (std::size_t position = 0; nextElement(exact.view(), list, position, element);) all.emplace_back(element);
+  return all;
+}
+
+using Pieces = std::vector<std::string>;
+
+TEST(Text, Tokens) {
+  EXPECT_TRUE(isToken("abcXYZ019-.!%*_+`'~"));
+  EXPECT_FALSE(isToken(""));
+  const std::string_view others("()<>@,;:\\\"/[]?={} \t\r\n\x7f\x80\xff\0", 25);
+  for (const char c : others) {
+    EXPECT_FALSE(isToken(std::string(1, c))) << static_cast<int>(c);
+  }
+}
+
+TEST(Text, ComparesAsciiWithoutRegardToCase) {
+  EXPECT_TRUE(equalsIgnoreCase("", ""));
+  EXPECT_TRUE(equalsIgnoreCase("Via", "vIA"));
+  EXPECT_FALSE(equalsIgnoreCase("Via", "Vi"));
+  EXPECT_FALSE(equalsIgnoreCase("@[`{", "`{@["));
+  EXPECT_FALSE(equalsIgnoreCase("\xc4", "\xe4"));
+}
+
+TEST(Text, TrimsFoldsToo) {
+  EXPECT_EQ(trim("\r\n \ta b\t \r\n"), "a b");
+  EXPECT_EQ(trim(" \t "), "");
+  EXPECT_EQ(trim(""), "");
+}
+
+TEST(Text, NumbersNeitherWrapNorForgive) {
+  EXPECT_EQ(decimal("0", 10), 0u);
+  EXPECT_EQ(decimal("0000000000000000000000000000000000010", 10), 10u);
+  EXPECT_EQ(decimal("4294967295", 4294967295u), 4294967295u);
+  for (const char* bad : {"", "11", "4294967296", "18446744073709551616", "-1", "+1", " 1", "1 ", "1a", "0x1"}) {
+    EXPECT_EQ(decimal(bad, 10), std::nullopt) << bad;
+  }
+}
+
+TEST(Text, QuotedStrings) {
+  EXPECT_EQ(skipQuoted("\"a\"b", 0), 3u);
+  EXPECT_EQ(skipQuoted("\"a\\\"b\"", 0), 6u);
+  EXPECT_EQ(skipQuoted("\"a\\\\\"b\"", 0), 5u);
+  EXPECT_EQ(skipQuoted("\"", 0), kNone);
+  EXPECT_EQ(skipQuoted("\"\\", 0), kNone);
+  EXPECT_EQ(skipQuoted("\"\\\"", 0), kNone);
+  EXPECT_TRUE(quotesBalanced("a \"b\" c"));
+  EXPECT_TRUE(quotesBalanced(""));
+  EXPECT_FALSE(quotesBalanced("a \"b"));
+  EXPECT_FALSE(quotesBalanced("\"a\\\""));
+}
+
+TEST(Text, FindsOutsideOfQuotesAndBrackets) {
+  EXPECT_EQ(findUnquoted("\";\";", ';'), 3u);
+  EXPECT_EQ(findUnquoted("<;>;", ';'), 1u);
+  EXPECT_EQ(findUnquoted("a", ';'), kNone);
+  EXPECT_EQ(findUnquoted("\"a;", ';'), kNone);
+  EXPECT_EQ(findUnquoted("a;b;", ';', 2), 3u);
+  EXPECT_EQ(findUnquoted("a", ';', 7), kNone);
+  EXPECT_EQ(findOutside("<;\";>;", ';'), 5u);
+  EXPECT_EQ(findOutside("\"<\";>", ';'), 3u);
+  EXPECT_EQ(findOutside("<a;", ';'), kNone);
+}
+
+TEST(Text, DividesLists) {
+  EXPECT_EQ(divide("", List::Quoted), Pieces{});
+  EXPECT_EQ(divide(" , ,", List::Quoted), Pieces{});
+  EXPECT_EQ(divide("a", List::Quoted), Pieces{"a"});
+  EXPECT_EQ(divide(" a ,\r\n b\t,c,", List::Quoted), (Pieces{"a", "b", "c"}));
+  EXPECT_EQ(divide("\",\" <,>;x=\",\",b", List::Quoted), (Pieces{"\",\" <,>;x=\",\"", "b"}));
+  EXPECT_EQ(divide("sip:a(b@c,sip:d)@e", List::Quoted), (Pieces{"sip:a(b@c", "sip:d)@e"}));
+  EXPECT_EQ(divide("\",a,b", List::Quoted), Pieces{"\",a,b"});
+  EXPECT_EQ(divide("<,a,b", List::Quoted), Pieces{"<,a,b"});
+  EXPECT_EQ(divide("\",<a,b", List::Plain), (Pieces{"\"", "<a", "b"}));
+  EXPECT_EQ(divide(" a,b ", List::No), Pieces{"a,b"});
+}
+
+TEST(Text, LineBreakers) {
+  EXPECT_TRUE(breaksLine("a\rb"));
+  EXPECT_TRUE(breaksLine("\n"));
+  EXPECT_TRUE(breaksLine(std::string_view("\0", 1)));
+  EXPECT_FALSE(breaksLine("a\tb\x01\xff"));
+}
+
+}  // namespace
+}  // namespace siplib

@@ -1,0 +1,290 @@
+"""The one watcher of the local registrations: subscription, the documents as they go out, and user agents that come and go."""
+import os
+import random
+import subprocess
+import time
+import unittest
+
+from support import sip
+from support.proxy import BIN, ProxyCase
+
+
+class Watcher:
+    """sip:regua@127.0.0.1 with a dialog of its own."""
+
+    def __init__(self, peer):
+        self.peer = peer
+        self.call_id = sip.unique("w")
+        self.cseq = 0
+        self.to = "<sip:registrar@127.0.0.1>"
+
+    def subscribe(self, expires=3600, event="local-reg-events", user="regua", branch=None):
+        self.cseq += 1
+        headers = [("Event", event)] + ([("Expires", expires)] if expires is not None else [])
+        data = sip.request("SUBSCRIBE", "sip:registrar@127.0.0.1", via=self.peer.via, frm=f"<sip:{user}@127.0.0.1>;tag=w",
+                           to=self.to, call_id=self.call_id, cseq=self.cseq, contact=f"<sip:regua@{self.peer.via}>",
+                           headers=headers, branch=branch)
+        self.peer.send(data)
+        return data
+
+    def answered(self):
+        """The next answer; the dialog's To tag is learnt from it."""
+        answer = self.peer.receive()
+        if answer.status == 200:
+            self.to = answer.get("To")
+        return answer
+
+    def notified(self, status=200, reason="OK", timeout=3.0):
+        notify = self.peer.receive(timeout)
+        assert notify.method == "NOTIFY", notify
+        if status:
+            self.peer.send(sip.response(notify, status, reason))
+        return notify
+
+
+def settings(scale):
+    return f"<t1-ms>{500 // scale}</t1-ms><t2-ms>{4000 // scale}</t2-ms><t4-ms>{5000 // scale}</t4-ms>"
+
+
+class Watching(ProxyCase):
+    options = {"settings": settings(10)}
+
+    def setUp(self):
+        super().setUp()
+        self.watcher = Watcher(self.udp())
+
+    def started(self):
+        self.watcher.subscribe()
+        self.assertEqual(self.watcher.answered().status, 200)
+        first = self.watcher.notified()
+        self.assertEqual((first.get("Subscription-State"), first.body), ("active", b""))
+        return first
+
+    def test_create_update_and_delete(self):
+        self.started()
+        self.register(5071, sip.ua_info(aor="alice@example.net", tags=["a"]))
+        create = self.watcher.notified()
+        self.assertEqual(create.get("Event"), "local-reg-events")
+        self.assertEqual(create.get("Content-Type"), "application/xml")
+        self.assertEqual(create.get("Expires"), "3600")
+        self.assertTrue(create.body.startswith(
+            b'<?xml version="1.0" encoding="UTF-8"?>\n<reg-info>\n <profile-info>\n  <name>home</name>\n'
+            b"  <zel-profile-id>1</zel-profile-id>\n </profile-info>\n <action>CREATE</action>\n <ua-info>\n  <id>1</id>\n"),
+            create.body)
+        self.assertIn(b"<impi>alice@example.net</impi>", create.body)
+        self.register(5072, sip.ua_info(aor="bob@example.net", tags=["b"]), user="bob")
+        update = self.watcher.notified()
+        self.assertIn(b" <action>UPDATE</action>\n <update-info>add</update-info>\n <ua-info>\n  <id>2</id>\n", update.body)
+        self.register(5072, sip.ua_info(), user="bob", cseq=2, expires=0)
+        self.assertIn(b"<update-info>delete</update-info>", self.watcher.notified().body)
+        self.register(5071, sip.ua_info(), cseq=2, expires=0)
+        self.assertEqual(self.watcher.notified().body,
+                         b'<?xml version="1.0" encoding="UTF-8"?>\n<reg-info>\n <profile-info>\n  <name/>\n'
+                         b"  <zel-profile-id>1</zel-profile-id>\n </profile-info>\n <action>DELETE</action>\n</reg-info>\n")
+
+    def test_clients_that_were_there_before_are_told_with_the_subscription(self):
+        self.register(5071, sip.ua_info(aor="alice@example.net"))
+        self.register(5072, sip.ua_info(aor="bob@example.net"), user="bob")
+        self.started()
+        create = self.watcher.notified()
+        self.assertEqual(create.body.count(b"<ua-info>"), 2)
+
+    def test_changes_wait_for_the_answer_to_the_one_before(self):
+        self.watcher.subscribe()
+        self.watcher.answered()
+        first = self.watcher.notified(status=0)
+        for number in range(3):
+            self.register(5071 + number, sip.ua_info(aor=f"u{number}@example.net"), user=f"u{number}")
+        time.sleep(0.02)
+        for expected in (b"<id>1</id>", b"<id>2</id>", b"<id>3</id>"):
+            self.watcher.peer.send(sip.response(first, 200, "OK"))
+            cseq = first.get("CSeq")
+            while first.get("CSeq") == cseq:  # a retransmission of the unanswered one may come before
+                first = self.watcher.notified(status=0)
+            self.assertIn(expected, first.body)
+        self.watcher.peer.send(sip.response(first, 200, "OK"))
+
+    def test_refresh_and_unsubscribe(self):
+        self.started()
+        self.watcher.subscribe(expires=60)
+        self.assertEqual(self.watcher.answered().status, 200)
+        self.assertEqual(self.watcher.notified().get("Expires"), "3600")
+        self.watcher.subscribe(expires=0)
+        self.assertEqual(self.watcher.answered().status, 200)
+        last = self.watcher.notified()
+        self.assertEqual((last.get("Subscription-State"), last.get("Expires")), ("terminated", "3600"))
+        self.register(5071)
+        self.assertTrue(self.watcher.peer.nothing())
+
+    def test_refusals(self):
+        for options in ({"user": "other"}, {"event": "local-reg-events;id=1"}, {"event": "presence"}, {"expires": 0},
+                        {"expires": None}):
+            self.watcher.call_id = sip.unique("w")
+            self.watcher.subscribe(**options)
+            self.assertEqual(self.watcher.answered().status, 400, options)
+        self.watcher.call_id = sip.unique("w")
+        self.started()
+        second = Watcher(self.udp())
+        second.subscribe()
+        self.assertEqual(second.answered().status, 400)
+        self.watcher.subscribe(expires=None)
+        self.assertEqual(self.watcher.answered().status, 500)
+        self.register(5071)
+        self.assertIn(b"CREATE", self.watcher.notified().body)
+
+    def test_an_error_answer_ends_the_subscription_and_a_new_one_is_welcome(self):
+        self.started()
+        self.register(5071)
+        self.watcher.notified(481, "Gone")
+        self.assertEqual(self.watcher.notified().get("Subscription-State"), "terminated")
+        again = Watcher(self.udp())
+        again.subscribe()
+        self.assertEqual(again.answered().status, 200)
+        self.assertEqual(again.notified().body, b"")
+        self.assertIn(b"CREATE", again.notified().body)
+
+    def test_a_watcher_that_never_answers_loses_its_subscription_and_a_late_answer_harms_nobody(self):
+        self.started()
+        self.register(5071)
+        lost = self.watcher.notified(status=0)
+        self.proxy.wait_log("REGISTRAR:Subscriber Error response received", timeout=20)
+        again = Watcher(self.udp())
+        again.subscribe()
+        self.assertEqual(again.answered().status, 200)
+        self.assertEqual(again.notified().body, b"")
+        create = again.notified()
+        self.watcher.peer.send(sip.response(lost, 481, "Late"))
+        self.register(5072, sip.ua_info(aor="bob@example.net"), user="bob")
+        self.assertIn(b"CREATE", create.body)
+        self.assertIn(b"UPDATE", again.notified().body)
+
+    def test_a_large_document_goes_over_tcp_when_the_watcher_takes_it(self):
+        listener = self.tcp(self.watcher.peer.port)
+        self.started()
+        body = sip.UA_INFO.format(profile="home", aors="".join(
+            f"<aor>u{n}@example.net<ua-specific-parameters><feature-tag>t{n}</feature-tag></ua-specific-parameters></aor>"
+            for n in range(60)))
+        self.register(5071, body)
+        stream = self.accept(listener)
+        create = stream.receive()
+        self.assertEqual(create.body.count(b"<aor>"), 60)
+        stream.send(sip.response(create, 200, "OK"))
+        self.register(5072, sip.ua_info(aor="bob@other.net"), user="bob")
+        self.assertIn(b"UPDATE", self.watcher.notified().body)
+
+    def test_ten_user_agents_come_refresh_replace_themselves_and_leave(self):
+        self.started()
+        for number in range(10):
+            port = 5071 + number
+            info = sip.ua_info(aor=f"u{number}@example.net", tags=[f"t{number}"])
+            self.register(port, info, user=f"u{number}", cseq=1)
+            self.assertIn(f"<id>{number + 1}</id>".encode(), self.watcher.notified().body)
+            self.register(port, info, user=f"u{number}", cseq=2)
+        for number in range(10):
+            info = sip.ua_info(aor=f"u{number}@example.net", tags=[f"t{number}"])
+            self.register(5071 + number, info, user=f"u{number}", call_id=f"new-{number}@127.0.0.1", cseq=1)
+        self.assertTrue(self.watcher.peer.nothing(0.2))
+        for number in range(10):
+            self.register(5071 + number, sip.ua_info(), user=f"u{number}", call_id=f"new-{number}@127.0.0.1", cseq=2,
+                          expires=0)
+            body = self.watcher.notified().body
+            self.assertIn(b"DELETE" if number == 9 else f"<id>{number + 1}</id>".encode(), body)
+
+
+class BadDocuments(ProxyCase):
+    def test_no_file_outside_the_profiles_is_read_and_memory_stays(self):
+        before = self.proxy.resident_kib()
+        for name in ("../config", "/etc/passwd", "..", "a/b", "x\u0001y", "&#0;", ".hidden"):
+            answer = self.register(5071, sip.ua_info(name), expect=400 if name in ("&#0;", "x\u0001y") else 200)
+            if answer.status == 200:
+                self.register(5071, sip.ua_info(), cseq=2, expires=0)
+        nested = "<ua-info>" + "<a>" * 20000
+        self.register(5071, nested[:60000], expect=400)
+        many = "".join(f"<aor>u{n}@x<p/></aor>" for n in range(2500))
+        self.register(5071, sip.UA_INFO.format(profile="home", aors=many))
+        self.register(5071, sip.ua_info(), cseq=2, expires=0)
+        self.assertLess(self.proxy.resident_kib() - before, 120 * 1024)
+        for expires in ("99999999999999999999", "-5", "abc", ""):
+            peer = self.udp()
+            peer.send(sip.register(5071, sip.ua_info(), via=peer.via, expires=expires, call_id=sip.unique("e")))
+            self.assertIn(peer.receive().status, (200, 400))
+        self.register(5075, sip.ua_info("work", "z@example.net"), user="z")
+
+
+class Lossy(ProxyCase):
+    """REGISTER and SUBSCRIBE through a link that loses or doubles 30 % of the datagrams, both ways."""
+
+    options = {"settings": settings(10), "level": 4}
+
+    def test_each_request_is_answered_once_with_the_same_response(self):
+        seed = 4711
+        chance = random.Random(seed)
+        peer = self.udp()
+        for number in range(40):
+            port = 6000 + number
+            if number % 4 == 3:
+                data = sip.request("SUBSCRIBE", "sip:registrar@127.0.0.1", via=peer.via, frm="<sip:eve@127.0.0.1>",
+                                   to="<sip:registrar@127.0.0.1>", contact=f"<sip:eve@{peer.via}>",
+                                   headers=[("Event", "local-reg-events"), ("Expires", 60)])
+                expected = 400
+            else:
+                data = sip.register(port, sip.ua_info(aor=f"u{number}@example.net", tags=[f"t{number}"]), via=peer.via,
+                                    user=f"u{number}")
+                expected = 200
+            call_id = sip.Message(data).get("Call-ID")
+            answers = set()
+            interval, tries = 0.05, 0
+            while not answers and tries < 40:
+                tries += 1
+                if chance.random() > 0.3:
+                    peer.send(data)
+                    if chance.random() < 0.3:
+                        peer.send(data)
+                end = time.monotonic() + interval
+                while time.monotonic() < end:
+                    try:
+                        answer = peer.receive(max(0.01, end - time.monotonic()))
+                    except TimeoutError:
+                        break
+                    if answer.get("Call-ID") == call_id and chance.random() > 0.3:
+                        answers.add(answer.raw)
+                interval = min(interval * 2, 0.4)
+            peer.send(data)
+            answers.add(self.answer_of(peer, call_id))
+            self.assertEqual(len(answers), 1, f"seed {seed}, request {number}")
+            self.assertEqual(sip.Message(answers.pop()).status, expected)
+
+    def answer_of(self, peer, call_id):
+        while True:
+            answer = peer.receive()
+            if answer.get("Call-ID") == call_id:
+                return answer.raw
+
+
+class Tool(ProxyCase):
+    def test_watch_prints_each_notify_and_unsubscribes(self):
+        watch = subprocess.Popen([os.path.join(BIN, "ue-proxyctl"), "watch", "--xml", "--count", "2"],
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.proxy.wait_log("IMSE_REG: handle_registrar_subscribe_message 0")
+        self.register(5071)
+        out, errors = watch.communicate(timeout=30)
+        self.assertEqual((watch.returncode, errors), (0, ""))
+        self.assertIn("NOTIFY active (no body)", out)
+        self.assertIn("<action>CREATE</action>", out)
+        self.proxy.wait_log("IMSE_REG: deleting subscription")
+
+    def test_ctrl_c_unsubscribes(self):
+        watch = subprocess.Popen([os.path.join(BIN, "ue-proxyctl"), "watch"], stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, text=True)
+        self.proxy.wait_log("IMSE_REG: handle_registrar_subscribe_message 0")
+        self.register(5071)
+        time.sleep(0.3)
+        watch.send_signal(2)
+        out, errors = watch.communicate(timeout=30)
+        self.assertEqual((watch.returncode, errors), (0, ""))
+        self.assertIn("action: CREATE", out)
+        self.proxy.wait_log("IMSE_REG: deleting subscription")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

@@ -1,3 +1,8 @@
 include(GNUInstallDirs)
 install(TARGETS ue-proxy DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS ue-proxyctl DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES docs/man/ue-proxyctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES docs/man/ue-proxy.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES docs/man/ue-proxy.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES packaging/ue-proxy.service DESTINATION lib/systemd/system)
+install(DIRECTORY packaging/sample/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/ue-proxy/sample)

@@ -1,0 +1,233 @@
+#include "registrar/domain.h"
+
+#include <algorithm>
+#include <new>
+
+#include "framework/log.h"
+#include "framework/user_agent.h"
+#include "registrar/ext_client.h"
+#include "registrar/notify_xml_data.h"
+#include "registrar/reg_subscriber.h"
+
+namespace {
+
+struct ProfileKey {
+  std::string IMSE_REG_NW_PROFILE_T::*field;
+  const char* key;
+};
+
+/// Where each setting stands in a profile document.
+constexpr ProfileKey kProfileKeys[] = {
+    {&IMSE_REG_NW_PROFILE_T::operation_mode, "//operation-mode"},
+    {&IMSE_REG_NW_PROFILE_T::reg_initial_retry_after, "//reg/initial-retry-after"},
+    {&IMSE_REG_NW_PROFILE_T::reg_refresh_retry_after, "//reg/refresh-retry-after"},
+    {&IMSE_REG_NW_PROFILE_T::reg_max_attempts, "//reg/max-attempts"},
+    {&IMSE_REG_NW_PROFILE_T::reg_ignore_retry_after, "//reg/ignore-retry-after"},
+    {&IMSE_REG_NW_PROFILE_T::link_max_attempts, "//link/max-attempts"},
+    {&IMSE_REG_NW_PROFILE_T::link_interval, "//link/interval"},
+    {&IMSE_REG_NW_PROFILE_T::reg_expiry, "//reg-expiry"},
+    {&IMSE_REG_NW_PROFILE_T::compression, "//compression"},
+    {&IMSE_REG_NW_PROFILE_T::policy, "//policy"},
+    {&IMSE_REG_NW_PROFILE_T::nw_reg_event_support, "//nw-reg-event-support"},
+    {&IMSE_REG_NW_PROFILE_T::uicc_applications, "//uicc-applications"},
+    {&IMSE_REG_NW_PROFILE_T::sa_in_algo, "//sa-in-algo"},
+    {&IMSE_REG_NW_PROFILE_T::sa_enc_algo, "//sa-enc-algo"},
+    {&IMSE_REG_NW_PROFILE_T::impi, "//impi"},
+    {&IMSE_REG_NW_PROFILE_T::impu, "//impu"},
+    {&IMSE_REG_NW_PROFILE_T::access_network, "//access-network"},
+    {&IMSE_REG_NW_PROFILE_T::authorized_ap, "//authorized-AP"},
+    {&IMSE_REG_NW_PROFILE_T::ieee_access_type, "//IEEE/access-type"},
+    {&IMSE_REG_NW_PROFILE_T::ap_id_type, "//IEEE/AP-id-type"},
+    {&IMSE_REG_NW_PROFILE_T::authorized_plmns, "//authorized-plmns"},
+    {&IMSE_REG_NW_PROFILE_T::access_type_3gpp, "//_3gpp/access-type"},
+    {&IMSE_REG_NW_PROFILE_T::ue_sip_port, "//ue-sip-port"},
+    {&IMSE_REG_NW_PROFILE_T::ue_trans_pref, "//ue-trans-pref"},
+    {&IMSE_REG_NW_PROFILE_T::ue_threshold_pref, "//ue-threshold-pref"},
+    {&IMSE_REG_NW_PROFILE_T::registrar_address, "//registrar-address"},
+    {&IMSE_REG_NW_PROFILE_T::registrar_realm, "//registrar-realm"},
+    {&IMSE_REG_NW_PROFILE_T::domain_name, "//domain-name"},
+    {&IMSE_REG_NW_PROFILE_T::disc_pref, "//disc-pref"},
+    {&IMSE_REG_NW_PROFILE_T::dns_realm, "//dns-realm"},
+    {&IMSE_REG_NW_PROFILE_T::dns_services, "//dns-services"},
+    {&IMSE_REG_NW_PROFILE_T::ip_address, "//ip-address"},
+    {&IMSE_REG_NW_PROFILE_T::napi_profile_name, "//napi-profile-name"},
+    {&IMSE_REG_NW_PROFILE_T::initial_route_set, "//initial-route-set"},
+};
+
+const void* pointer(const void* p) {
+  return p;
+}
+
+}  // namespace
+
+std::uint32_t IMSE_Domain::profile_id_counter = 1;
+
+IMSE_Domain::IMSE_Domain(const std::string& profile_name, IMSE_RegSubscriber* subscriber)
+    : profile_name_(profile_name), profile_id_(profile_id_counter++), subscriber_(subscriber) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::IMSE_Domain %s %u", profile_name_.c_str(), profile_id_);
+  read_nw_profile(profile_name_);
+}
+
+void IMSE_Domain::read_nw_profile(const std::string& document) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::read_nw_profile %s", document.c_str());
+  for (const ProfileKey& key : kProfileKeys)
+    IMS_User_Agent::get_xml_parameter(key.key, nw_profile_.*key.field, document);
+}
+
+bool IMSE_Domain::is_client_exist(IMSE_ExtClient* client) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::is_client_exist %p %d", pointer(client),
+                   static_cast<int>(clients_.size()));
+  const bool exists = std::any_of(clients_.begin(), clients_.end(),
+                                  [client](const IMSE_ExtClient* own) { return own->match_routing_info(client) == 1; });
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::is_client_exist returns %d", exists);
+  return exists;
+}
+
+int IMSE_Domain::add(IMSE_ExtClient* client, bool notify) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::add %p %d %p %d", pointer(client), notify, pointer(subscriber_),
+                   notify_state_);
+  if (subscriber_ == nullptr) {
+    if (notify_state_ != NOTHING_SENT) return 1;
+    clients_.push_back(client);
+    return 0;
+  }
+  if (notify_state_ != CREATE_SENT) return send_notify_and_add(client, notify);
+  const int result = send_notify_update_add(client, notify, "add");
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::add send_notify %d", result);
+  if (result == 0) clients_.push_back(client);
+  return result;
+}
+
+int IMSE_Domain::send_notify_and_add(IMSE_ExtClient* client, bool notify) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::send_notify_and_add %p %d", pointer(client), notify);
+  int result = 0;
+  if (notify) {
+    std::unique_ptr<IMSE_NotifyXmlData> document = create_document();
+    if (document == nullptr) {
+      IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify_and_add: memory allocation failed ");
+      return 1;
+    }
+    IMSE_UA_INFO_T info;
+    client->get_ua_info(info);
+    document->add_ua_info(info);
+    result = subscriber_->send_notify(std::move(document), "active");
+  }
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain:add send_notify %d", result);
+  if (result == 0) {
+    notify_state_ = CREATE_SENT;
+    clients_.push_back(client);
+  }
+  return result;
+}
+
+int IMSE_Domain::send_notify_update_add(IMSE_ExtClient* client, bool notify, const std::string& action) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::send_notify_update_add %d, %s, %p ", notify, action.c_str(),
+                   pointer(client));
+  if (!notify) return 0;
+  std::unique_ptr<IMSE_NotifyXmlData> document = update_document(client, action);
+  if (document == nullptr) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: IMSE_Domain::add memory allocation failed ");
+    return 1;
+  }
+  return subscriber_->send_notify(std::move(document), "active");
+}
+
+int IMSE_Domain::remove(IMSE_ExtClient* client, bool notify) {
+  const auto found = std::find(clients_.begin(), clients_.end(), client);
+  const std::size_t count = clients_.size();
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::remove %d %p %d %d %p", notify, pointer(client),
+                   found != clients_.end(), static_cast<int>(count), pointer(subscriber_));
+  if (found == clients_.end()) return 1;
+  if (notify_state_ == CREATE_SENT && count == 1) {
+    if (notify) send_notify_delete();
+  } else if (notify_state_ == CREATE_SENT) {
+    const int result = send_notify_update_delete(client, notify, "delete");
+    IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::remove send_notify %d", result);
+    if (result == 1) return 1;
+  }
+  clients_.erase(found);
+  return 0;
+}
+
+int IMSE_Domain::send_notify_update_delete(IMSE_ExtClient* client, bool notify, const std::string& action) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::send_notify_update_delete %d, %s, %p ", notify, action.c_str(),
+                   pointer(client));
+  if (!notify) return 0;
+  if (subscriber_ == nullptr) return 1;
+  std::unique_ptr<IMSE_NotifyXmlData> document = update_document(client, action);
+  if (document == nullptr) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG:IMSE_Domain::remove memory allocation failed ");
+    return 1;
+  }
+  subscriber_->send_notify(std::move(document), "active");
+  return 0;
+}
+
+int IMSE_Domain::send_notify_delete() {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::send_notify_delete %p.", pointer(subscriber_));
+  if (subscriber_ == nullptr) return 1;
+  std::unique_ptr<IMSE_NotifyXmlData> document(new (std::nothrow)
+                                                   IMSE_NotifyXmlData(static_cast<unsigned short>(profile_id_)));
+  if (document == nullptr) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify_delete: memory allocation failed");
+    return 1;
+  }
+  subscriber_->send_notify(std::move(document), "active");
+  notify_state_ = DELETE_SENT;
+  return 0;
+}
+
+void IMSE_Domain::set_subscriber(IMSE_RegSubscriber* subscriber) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::set_subscriber %p %d %d", pointer(subscriber),
+                   static_cast<int>(clients_.size()), notify_state_);
+  if (subscriber == nullptr) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: set_subscriber Returning without subscribing");
+    return;
+  }
+  subscriber_ = subscriber;
+  if (clients_.empty() || notify_state_ != NOTHING_SENT) return;
+  std::unique_ptr<IMSE_NotifyXmlData> document = create_document();
+  if (document == nullptr) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: set_subscriber: memory allocation failed");
+    return;
+  }
+  for (const IMSE_ExtClient* client : clients_) {
+    IMSE_UA_INFO_T info;
+    client->get_ua_info(info);
+    document->add_ua_info(info);
+  }
+  if (subscriber_->send_notify(std::move(document), "active") == 0) notify_state_ = CREATE_SENT;
+}
+
+void IMSE_Domain::unset_subscriber() {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::unset_subscriber");
+  notify_state_ = NOTHING_SENT;
+  subscriber_ = nullptr;
+}
+
+void IMSE_Domain::get_profile_credentials(std::string& first, std::string& second, std::string& third) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::get_profile_credentials");
+  first = nw_profile_.impi;
+  IMS_User_Agent::get_xml_parameter("//secret", second, profile_name_);
+  third = nw_profile_.operation_mode;
+}
+
+void IMSE_Domain::forget(const IMSE_ExtClient* client) {
+  std::erase(clients_, client);
+}
+
+std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::create_document() const {
+  return std::unique_ptr<IMSE_NotifyXmlData>(
+      new (std::nothrow) IMSE_NotifyXmlData(profile_name_, nw_profile_, static_cast<unsigned short>(profile_id_)));
+}
+
+std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::update_document(IMSE_ExtClient* client,
+                                                                 const std::string& action) const {
+  std::unique_ptr<IMSE_NotifyXmlData> document(
+      new (std::nothrow) IMSE_NotifyXmlData(action, static_cast<unsigned short>(profile_id_)));
+  if (document == nullptr) return nullptr;
+  IMSE_UA_INFO_T info;
+  client->get_ua_info(info);
+  document->add_ua_info(info);
+  return document;
+}

@@ -1,0 +1,196 @@
+#include "registrar/notify_xml_data.h"
+
+#include "framework/log.h"
+#include "registrar/notify_writer.h"
+
+// As in register_xml_data.cpp, the parser's process-wide state stays: each writer frees what is its own.
+
+namespace {
+
+int result(const NotifyWriter& writer, bool written, int& step) {
+  if (!written) step = writer.step();
+  return written ? 1 : 0;
+}
+
+}  // namespace
+
+IMSE_NotifyXmlData::IMSE_NotifyXmlData(const std::string& name, const IMSE_REG_NW_PROFILE_T& profile,
+                                       unsigned short profile_id)
+    : kind_(CREATE), name_(name), profile_id_(profile_id), profile_(&profile) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::IMSE_NotifyXmlData create %s %d", name_.c_str(),
+                   profile_id_);
+}
+
+IMSE_NotifyXmlData::IMSE_NotifyXmlData(const std::string& update_info, unsigned short profile_id)
+    : kind_(UPDATE), profile_id_(profile_id), update_info_(update_info) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::IMSE_NotifyXmlData update %s %d", update_info_.c_str(),
+                   profile_id_);
+}
+
+IMSE_NotifyXmlData::IMSE_NotifyXmlData(unsigned short profile_id) : kind_(DELETE), profile_id_(profile_id) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::IMSE_NotifyXmlData delete %d", profile_id_);
+}
+
+int IMSE_NotifyXmlData::add_ua_info(const IMSE_UA_INFO_T& info) {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::add_ua_info %d", static_cast<int>(info.aors.size()));
+  if (info.aors.empty()) return 1;
+  ua_infos_.push_back(info);
+  return 0;
+}
+
+int IMSE_NotifyXmlData::encodeXml() {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::encodeXml %d", kind_);
+  switch (kind_) {
+    case CREATE:
+      return encode_notify_create();
+    case UPDATE:
+      return encode_notify_update();
+    case DELETE:
+      return encode_notify_delete();
+  }
+  return -1;
+}
+
+bool IMSE_NotifyXmlData::fits(const IMSE_UA_INFO_T& info) {
+  IMSE_NotifyXmlData update("delete", 0xffff);
+  return update.add_ua_info(info) == 1 || update.encodeXml() == 0;
+}
+
+int IMSE_NotifyXmlData::encode_notify_create() {
+  NotifyWriter writer(max_size_);
+  int step = 0;
+  const bool written = result(writer, writer.begin(), step) && write_generic_notify(writer, "CREATE", step) &&
+                       write_ua_info(writer, step) && write_nw_profile_retry_mech(writer, step) &&
+                       write_nw_profile_till_md5(writer, step) && write_nw_profile_network_logic(writer, step) &&
+                       write_nw_profile_till_domain_name(writer, step) && write_nw_profile_finish(writer, step);
+  return conclude(writer, written, step, "CREATE", __func__);
+}
+
+int IMSE_NotifyXmlData::encode_notify_update() {
+  NotifyWriter writer(max_size_);
+  int step = 0;
+  const bool written = result(writer, writer.begin(), step) && write_generic_notify(writer, "UPDATE", step) &&
+                       result(writer, writer.element("update-info", update_info_), step) &&
+                       write_ua_info(writer, step) && result(writer, writer.finish(), step);
+  return conclude(writer, written, step, "UPDATE", __func__);
+}
+
+int IMSE_NotifyXmlData::encode_notify_delete() {
+  NotifyWriter writer(max_size_);
+  int step = 0;
+  const bool written = result(writer, writer.begin(), step) && write_generic_notify(writer, "DELETE", step) &&
+                       result(writer, writer.finish(), step);
+  return conclude(writer, written, step, "delete", __func__);
+}
+
+int IMSE_NotifyXmlData::conclude(NotifyWriter& writer, bool written, int step, const char* document,
+                                 const char* function) {
+  if (!written) {
+    IMS_log::loginfo(4, function, "Unable to write XML for %s %d", document, step);
+    take(nullptr, 0);
+    return -1;
+  }
+  int length = 0;
+  take(writer.release(length), length);
+  IMS_log::loginfo(5, function, "IMSE_REG: Moving out of %s successfully %d %p", function, length - 1,
+                   static_cast<const void*>(text()));
+  return 0;
+}
+
+int IMSE_NotifyXmlData::write_generic_notify(NotifyWriter& writer, const char* action, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_generic_notify %s", action);
+  return result(writer,
+                writer.start("reg-info") && writer.start("profile-info") && writer.element("name", name_) &&
+                    writer.element("zel-profile-id", profile_id_) && writer.end() && writer.element("action", action),
+                step);
+}
+
+int IMSE_NotifyXmlData::write_ua_info(NotifyWriter& writer, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_ua_info %d", static_cast<int>(ua_infos_.size()));
+  bool written = true;
+  for (const IMSE_UA_INFO_T& info : ua_infos_) {
+    written = written && writer.start("ua-info") && writer.element("id", info.id) &&
+              writer.element("reg-expires-pref", info.reg_expires_pref);
+    for (const IMSE_UA_AOR_T& aor : info.aors) {
+      written = written && writer.start("aor") && writer.text(aor.aor) && writer.start("request-routing-support");
+      for (const std::string& tag : aor.feature_tags) written = written && writer.element("feature-tag", tag);
+      written = written && writer.end();
+      // The watcher reads the headers in each address of record, though they are the user agent's.
+      for (const ClientHeader_T& header : info.sip_headers) {
+        written = written && writer.start("sip-header") && writer.element("name", header.name) &&
+                  writer.element("value", header.value) && writer.end();
+        if (!written) break;
+      }
+      written = written && writer.end();
+      if (!written) return result(writer, false, step);
+    }
+    written = written && writer.end();
+  }
+  return result(writer, written, step);
+}
+
+int IMSE_NotifyXmlData::write_nw_profile_retry_mech(NotifyWriter& writer, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_nw_profile_retry_mech");
+  const IMSE_REG_NW_PROFILE_T& p = *profile_;
+  return result(writer,
+                writer.start("network-profile-info") && writer.element("operation-mode", p.operation_mode) &&
+                    writer.start("retry-mechanism") && writer.start("reg") &&
+                    writer.element("initial-retry-after", p.reg_initial_retry_after) &&
+                    writer.element("refresh-retry-after", p.reg_refresh_retry_after) &&
+                    writer.element("max-attempts", p.reg_max_attempts) &&
+                    writer.element("ignore-retry-after", p.reg_ignore_retry_after) && writer.end() &&
+                    writer.start("link") && writer.element("max-attempts", p.link_max_attempts) &&
+                    writer.element("interval", p.link_interval) && writer.end() && writer.end(),
+                step);
+}
+
+int IMSE_NotifyXmlData::write_nw_profile_till_md5(NotifyWriter& writer, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_nw_profile_till_md5");
+  const IMSE_REG_NW_PROFILE_T& p = *profile_;
+  return result(writer,
+                writer.element("reg-expiry", p.reg_expiry) && writer.element("compression", p.compression) &&
+                    writer.element("policy", p.policy) &&
+                    writer.element("nw-reg-event-support", p.nw_reg_event_support) && writer.start("ims-security") &&
+                    writer.element("uicc-applications", p.uicc_applications) &&
+                    writer.element("sa-in-algo", p.sa_in_algo) && writer.element("sa-enc-algo", p.sa_enc_algo) &&
+                    writer.end() && writer.start("http-digest-md5-credentials") && writer.start("credentials") &&
+                    writer.element("impi", p.impi) && writer.element("impu", p.impu) && writer.end() && writer.end(),
+                step);
+}
+
+int IMSE_NotifyXmlData::write_nw_profile_network_logic(NotifyWriter& writer, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_nw_profile_network_logic");
+  const IMSE_REG_NW_PROFILE_T& p = *profile_;
+  return result(writer,
+                writer.start("network-logic") && writer.element("access-network", p.access_network) &&
+                    writer.start("_3gpp") && writer.element("authorized-plmns", p.authorized_plmns) &&
+                    writer.element("access-type", p.access_type_3gpp) && writer.end() && writer.start("IEEE") &&
+                    writer.element("authorized-AP", p.authorized_ap) &&
+                    writer.element("access-type", p.ieee_access_type) && writer.element("AP-id-type", p.ap_id_type) &&
+                    writer.end() && writer.end(),
+                step);
+}
+
+int IMSE_NotifyXmlData::write_nw_profile_till_domain_name(NotifyWriter& writer, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_nw_profile_till_domain_name");
+  const IMSE_REG_NW_PROFILE_T& p = *profile_;
+  return result(writer,
+                writer.element("ue-sip-port", p.ue_sip_port) && writer.element("ue-trans-pref", p.ue_trans_pref) &&
+                    writer.element("ue-threshold-pref", p.ue_threshold_pref) &&
+                    writer.element("registrar-address", p.registrar_address) &&
+                    writer.element("registrar-realm", p.registrar_realm) &&
+                    writer.element("domain-name", p.domain_name),
+                step);
+}
+
+int IMSE_NotifyXmlData::write_nw_profile_finish(NotifyWriter& writer, int& step) const {
+  IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::write_nw_profile_finish");
+  const IMSE_REG_NW_PROFILE_T& p = *profile_;
+  return result(writer,
+                writer.start("proxy-discovery") && writer.element("disc-pref", p.disc_pref) &&
+                    writer.element("dns-realm", p.dns_realm) && writer.element("dns-services", p.dns_services) &&
+                    writer.element("ip-address", p.ip_address) && writer.end() &&
+                    writer.element("napi-profile-name", p.napi_profile_name) &&
+                    writer.element("initial-route-set", p.initial_route_set) && writer.end() && writer.finish(),
+                step);
+}

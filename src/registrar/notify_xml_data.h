@@ -1,0 +1,66 @@
+// The body of a NOTIFY of the package "local-reg-events": what became of a network profile's user agents.
+//
+//   create   the profile, all its settings, and the user agents registered so far
+//   update   user agents that came or left
+//   delete   the profile has no user agent left
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "framework/xml_data.h"
+#include "registrar/nw_profile.h"
+#include "registrar/ua_info.h"
+
+class NotifyWriter;
+
+class IMSE_NotifyXmlData : public XmlData {
+ public:
+  /// Largest document in bytes: the NOTIFY with its head must stay within what one SIP message may have (64 KiB, of
+  /// which 16 KiB are for the head). The headers of a user agent are repeated in each of its addresses, so a
+  /// REGISTER of allowed size could ask for megabytes.
+  static constexpr std::size_t kMaxSize = 48 * 1024;
+
+  /// A create document. `profile` is not copied and must outlive the encoding.
+  IMSE_NotifyXmlData(const std::string& name, const IMSE_REG_NW_PROFILE_T& profile, unsigned short profile_id);
+  /// An update document; `update_info` is "add" or "delete".
+  IMSE_NotifyXmlData(const std::string& update_info, unsigned short profile_id);
+  /// A delete document.
+  explicit IMSE_NotifyXmlData(unsigned short profile_id);
+
+  /// 1 for a user agent without address of record, which is not added; else 0.
+  int add_ua_info(const IMSE_UA_INFO_T& info);
+  /// 0, or -1 with a line at level 4; the text is then absent.
+  int encodeXml() override;
+  /// True when an update about this user agent has room in one document.
+  static bool fits(const IMSE_UA_INFO_T& info);
+  void set_max_size(std::size_t size) { max_size_ = size; }
+
+  // Pieces of a document, in the order in which a create document has them. 1 when written; 0, and `step` set, when
+  // not.
+  int write_generic_notify(NotifyWriter& writer, const char* action, int& step) const;
+  int write_ua_info(NotifyWriter& writer, int& step) const;
+  int write_nw_profile_retry_mech(NotifyWriter& writer, int& step) const;
+  int write_nw_profile_till_md5(NotifyWriter& writer, int& step) const;
+  int write_nw_profile_network_logic(NotifyWriter& writer, int& step) const;
+  int write_nw_profile_till_domain_name(NotifyWriter& writer, int& step) const;
+  int write_nw_profile_finish(NotifyWriter& writer, int& step) const;
+
+ private:
+  enum Kind { CREATE = 0, UPDATE = 1, DELETE = 2 };
+
+  int encode_notify_create();
+  int encode_notify_update();
+  int encode_notify_delete();
+  /// The common end of the three: takes the text over, or tells the step that failed.
+  int conclude(NotifyWriter& writer, bool written, int step, const char* document, const char* function);
+
+  Kind kind_;
+  std::string name_;  ///< of the profile; empty but for a create document
+  unsigned short profile_id_;
+  std::string update_info_;
+  std::vector<IMSE_UA_INFO_T> ua_infos_;
+  const IMSE_REG_NW_PROFILE_T* profile_ = nullptr;  ///< of a create document
+  std::size_t max_size_ = kMaxSize;
+};

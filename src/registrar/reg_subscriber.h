@@ -1,0 +1,80 @@
+// The one subscription to the package "local-reg-events".
+//
+// Checks and answers SUBSCRIBEs, keeps the dialog, and sends NOTIFYs one at a time: while one is unanswered, further
+// "active" ones wait in a queue, and each 2xx lets one go. Only the terminal's registration agent may watch.
+//
+//   INITIALISED -> SUBSCRIBED -> SUBS_NOTIFY_SENT <-> NOTIFY_ANSWERED -> DELETED
+//
+// Loop thread only.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "registrar/notify_xml_data.h"
+
+class SIPLIB_SIPClientConnection;
+class SIPLIB_SIPClientConnectionListener;
+class SIPLIB_SIPConnector;
+class SIPLIB_SIPDialog;
+class SIPLIB_SIPServerConnection;
+
+class IMSE_RegSubscriber {
+ public:
+  enum State { INITIALISED = 0, SUBSCRIBED = 1, SUBS_NOTIFY_SENT = 2, NOTIFY_ANSWERED = 3, DELETED = 4 };
+  /// Waiting documents from which on no registration that would add one is taken (is_full). Documents that tell of a
+  /// leaving user agent are always taken: there cannot be more of them than user agents.
+  static constexpr std::size_t kMaxPending = 256;
+
+  /// Neither is owned. `listener` gets the answers to the NOTIFYs.
+  IMSE_RegSubscriber(SIPLIB_SIPConnector* connector, const std::string& local_name,
+                     SIPLIB_SIPClientConnectionListener* listener);
+  /// Tells a watcher whose subscription still lives that it is over.
+  ~IMSE_RegSubscriber();
+  IMSE_RegSubscriber(const IMSE_RegSubscriber&) = delete;
+  IMSE_RegSubscriber& operator=(const IMSE_RegSubscriber&) = delete;
+
+  /// 0 when the request was answered here, 1 when it is refused (the caller answers 400).
+  int handle_subscribe(SIPLIB_SIPServerConnection* request);
+  /// Sends the document, or queues it behind a NOTIFY that is not answered yet; "terminated" goes out at once. Null:
+  /// without body. 0 when sent or queued, 1 otherwise; the document is taken over always.
+  int send_notify(std::unique_ptr<IMSE_NotifyXmlData> document, const std::string& subscription_state);
+  /// An answer to a NOTIFY. 1 when the subscription is over, else 0.
+  int received_response(SIPLIB_SIPClientConnection* response);
+  bool is_terminated() const { return state_ == DELETED; }
+  bool is_full() const { return pending_.size() >= kMaxPending; }
+  State state() const { return state_; }
+
+ private:
+  /// The headers that identify a subscription.
+  struct Headers {
+    std::string call_id;
+    std::string cseq;
+    std::string from;
+    std::string to;
+    std::string contact;  ///< URI
+    std::string event;
+  };
+
+  int handle_initial_subs(SIPLIB_SIPServerConnection* request);
+  int handle_refresh(SIPLIB_SIPServerConnection* request);
+  int handle_unsubs(SIPLIB_SIPServerConnection* request);
+  /// 0, or 1 with a line that names the first missing one.
+  static int get_headers(SIPLIB_SIPServerConnection* request, Headers& headers);
+  /// 1 when there is one, 0 when it is missing.
+  static int get_expires(SIPLIB_SIPServerConnection* request, std::string& expires);
+  /// Fills the headers and body in; false when one is refused.
+  bool fill_notify(SIPLIB_SIPClientConnection* notify, IMSE_NotifyXmlData* document,
+                   const std::string& subscription_state) const;
+
+  Headers initial_;  ///< of the SUBSCRIBE that began it; empty until it is accepted
+  int expires_ = 0;  ///< seconds; of the SUBSCRIBE that began it
+  SIPLIB_SIPDialog* dialog_ = nullptr;
+  State state_ = INITIALISED;
+  SIPLIB_SIPConnector* connector_;
+  std::string local_name_;
+  SIPLIB_SIPClientConnectionListener* listener_;
+  std::deque<std::unique_ptr<IMSE_NotifyXmlData>> pending_;  ///< oldest first; null: without body
+};

@@ -1,0 +1,100 @@
+#include "siplib/socket_address.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+
+#include <cstring>
+
+namespace siplib {
+
+std::optional<SocketAddress> SocketAddress::parse(std::string_view ip, int port) {
+  if (port < 0 || port > 65535) return std::nullopt;
+  if (ip.size() >= 2 && ip.front() == '[' && ip.back() == ']') ip = ip.substr(1, ip.size() - 2);
+  char text[INET6_ADDRSTRLEN + IF_NAMESIZE];
+  if (ip.empty() || ip.size() >= sizeof text || ip.find('\0') != std::string_view::npos) return std::nullopt;
+  std::memcpy(text, ip.data(), ip.size());
+  text[ip.size()] = '\0';
+
+  SocketAddress address;
+  if (inet_pton(AF_INET, text, &address.v4_.sin_addr) == 1) {
+    address.v4_.sin_family = AF_INET;
+    address.v4_.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+  }
+  address = SocketAddress();
+  if (char* scope = std::strchr(text, '%'); scope != nullptr) {
+    *scope = '\0';
+    address.v6_.sin6_scope_id = if_nametoindex(scope + 1);
+    if (address.v6_.sin6_scope_id == 0) return std::nullopt;
+  }
+  if (inet_pton(AF_INET6, text, &address.v6_.sin6_addr) != 1) return std::nullopt;
+  address.v6_.sin6_family = AF_INET6;
+  address.v6_.sin6_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
+
+SocketAddress SocketAddress::localOf(int descriptor) {
+  SocketAddress address;
+  socklen_t size = capacity();
+  if (getsockname(descriptor, address.buffer(), &size) != 0) return {};
+  return address;
+}
+
+std::string SocketAddress::ip() const {
+  char text[INET6_ADDRSTRLEN];
+  if (family() == AF_INET) return inet_ntop(AF_INET, &v4_.sin_addr, text, sizeof text);
+  if (family() != AF_INET6) return {};
+  std::string out = inet_ntop(AF_INET6, &v6_.sin6_addr, text, sizeof text);
+  char name[IF_NAMESIZE];
+  if (v6_.sin6_scope_id != 0 && if_indextoname(v6_.sin6_scope_id, name) != nullptr) out.append("%").append(name);
+  return out;
+}
+
+int SocketAddress::port() const {
+  if (family() == AF_INET) return ntohs(v4_.sin_port);
+  return family() == AF_INET6 ? ntohs(v6_.sin6_port) : 0;
+}
+
+SocketAddress SocketAddress::withPort(int port) const {
+  SocketAddress other = *this;
+  if (family() == AF_INET) other.v4_.sin_port = htons(static_cast<std::uint16_t>(port));
+  if (family() == AF_INET6) other.v6_.sin6_port = htons(static_cast<std::uint16_t>(port));
+  return other;
+}
+
+bool SocketAddress::isLoopback() const {
+  if (family() == AF_INET) return (ntohl(v4_.sin_addr.s_addr) >> 24) == 127;
+  return family() == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&v6_.sin6_addr);
+}
+
+std::string SocketAddress::text() const {
+  if (!known()) return "(none)";
+  const std::string port_text = std::to_string(port());
+  return family() == AF_INET6 ? "[" + ip() + "]:" + port_text : ip() + ":" + port_text;
+}
+
+bool SocketAddress::get(std::string& ip_out, int& port_out) const {
+  if (!known()) return false;
+  ip_out = ip();
+  port_out = port();
+  return true;
+}
+
+bool SocketAddress::operator==(const SocketAddress& other) const {
+  if (family() != other.family()) return false;
+  if (family() == AF_INET)
+    return v4_.sin_port == other.v4_.sin_port && v4_.sin_addr.s_addr == other.v4_.sin_addr.s_addr;
+  if (family() != AF_INET6) return true;
+  return v6_.sin6_port == other.v6_.sin6_port && v6_.sin6_scope_id == other.v6_.sin6_scope_id &&
+         std::memcmp(&v6_.sin6_addr, &other.v6_.sin6_addr, sizeof v6_.sin6_addr) == 0;
+}
+
+std::size_t SocketAddress::hash() const {
+  const char* bytes = family() == AF_INET6 ? reinterpret_cast<const char*>(&v6_.sin6_addr)
+                                           : reinterpret_cast<const char*>(&v4_.sin_addr);
+  const std::size_t length = family() == AF_INET6 ? sizeof v6_.sin6_addr : sizeof v4_.sin_addr;
+  return std::hash<std::string_view>()(std::string_view(bytes, length)) ^
+         (static_cast<std::size_t>(port()) * 0x9e3779b9U);
+}
+
+}  // namespace siplib

@@ -1,0 +1,212 @@
+#include "siplib/stack_core.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+
+#include "siplib/address.h"
+#include "siplib/random.h"
+#include "siplib/tcp_stream.h"
+
+namespace siplib {
+namespace {
+
+std::string randomText() {
+  SIPLIB_UTIL_RANDOM_STRING_T text;
+  SIPLIB_UTIL_generateRandomString(text);
+  return text;
+}
+
+}  // namespace
+
+bool LogLimit::due(std::uint64_t& left_out) {
+  const std::int64_t now = StackCore::now();
+  std::int64_t next = next_.load(std::memory_order_relaxed);
+  if (now < next || !next_.compare_exchange_strong(next, now + pause_.count(), std::memory_order_relaxed)) {
+    left_out_.fetch_add(1, std::memory_order_relaxed);
+    return false;
+  }
+  left_out = left_out_.exchange(0, std::memory_order_relaxed);
+  return true;
+}
+
+StackCore::StackCore(const SIPLIB_SIPStackConfig& config)
+    : config_(config), tag_secret_(randomText()), idle_timer_(config.reactor->timer([this] { closeIdle(); })) {
+}
+
+std::int64_t StackCore::now() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+  return static_cast<std::int64_t>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
+}
+
+void StackCore::shutdown() {
+  down_ = true;
+  layer_.reset();
+  const auto streams = std::move(streams_);
+  streams_.clear();
+  for (const auto& stream : streams) stream->letGo();
+  kept_.clear();
+  idle_timer_.reset();
+  retired_.clear();
+}
+
+void StackCore::post(std::function<void()> work) {
+  reactor().post([core = shared_from_this(), work = std::move(work)] {
+    if (!core->down_) work();
+  });
+}
+
+void StackCore::write(int level, const char* where, std::uint64_t left_out, const char* format,
+                      va_list arguments) const {
+  char text[512];
+  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  if (length < 0) return;
+  std::string line(text, std::min(static_cast<std::size_t>(length), sizeof text - 1));
+  if (left_out > 0) line += " (and " + std::to_string(left_out) + " more like this)";
+  config_.log(level, where, line);
+}
+
+void StackCore::log(int level, const char* where, const char* format, ...) const {
+  if (!config_.log || (config_.log_enabled && !config_.log_enabled(level))) return;
+  va_list arguments;
+  va_start(arguments, format);
+  write(level, where, 0, format, arguments);
+  va_end(arguments);
+}
+
+void StackCore::log(LogLimit& limit, int level, const char* where, const char* format, ...) const {
+  if (!config_.log || (config_.log_enabled && !config_.log_enabled(level))) return;
+  std::uint64_t left_out = 0;
+  if (!limit.due(left_out)) return;
+  va_list arguments;
+  va_start(arguments, format);
+  write(level, where, left_out, format, arguments);
+  va_end(arguments);
+}
+
+ConnectionSlot StackCore::takeSlot() {
+  if (connections_->fetch_add(1) >= config_.max_connections) {
+    --*connections_;
+    return {};
+  }
+  return ConnectionSlot(connections_);
+}
+
+SocketAddress StackCore::localAddress() const {
+  const std::lock_guard<std::mutex> lock(local_mutex_);
+  return local_;
+}
+
+void StackCore::setLocalAddress(const SocketAddress& address) {
+  const std::lock_guard<std::mutex> lock(local_mutex_);
+  local_ = address;
+}
+
+void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> path, bool trusted) {
+  if (!message || !message->valid()) {
+    std::string ip;
+    int port = 0;
+    path->peer(ip, port);
+    const std::string_view why = message ? message->parseError() : "no message";
+    log(4, "process", "message from %s:%d dropped: %.*s", ip.c_str(), port, static_cast<int>(why.size()), why.data());
+    return;
+  }
+  if (trusted || message->isResponse()) {
+    layer_->receive(std::move(message), std::move(path));
+  } else {
+    refuse(*message, *path);
+  }
+}
+
+// Without a transaction (RFC 3261 8.2.7): the same request gets the same tag, so a repeated one the same answer.
+void StackCore::refuse(const SIPLIB_message& request, Path& path) const {
+  std::string ip;
+  int port = 0;
+  path.peer(ip, port);
+  log(4, "refuse", "%.*s from %s:%d refused: not on the local endpoint", static_cast<int>(request.method().size()),
+      request.method().data(), ip.c_str(), port);
+  if (request.method() == "ACK" || request.headerCount("Via") == 0) return;
+
+  SIPLIB_message answer(403, "Forbidden");
+  const auto vias = request.headers("Via");
+  std::string identity = tag_secret_;
+  for (auto via = vias.rbegin(); via != vias.rend(); ++via) answer.addHeader("Via", *via);
+  for (const char* name : {"From", "To", "Call-ID", "CSeq"}) {
+    const auto value = request.header(name);
+    if (!value) continue;
+    identity.append(*value).push_back('\n');
+    answer.addHeader(name, *value);
+  }
+  if (const auto to = request.header("To")) {
+    const std::unique_ptr<SIPLIB_SIPAddress> address(SIPLIB_SIPAddress::createSIPAddressObject("To", *to));
+    std::string tag;
+    if (address && address->getParameter("tag", tag) != 0) {
+      char text[24];
+      std::snprintf(text, sizeof text, ";tag=%016" PRIx64,
+                    static_cast<std::uint64_t>(std::hash<std::string>()(identity.append(vias.front()))));
+      answer.setHeader("To", std::string(*to) + text);
+    }
+  }
+  answer.setBody("");
+  path.send(answer.text());
+}
+
+void StackCore::watchIdle(const std::shared_ptr<TcpStream>& stream) {
+  streams_.insert(stream);
+  if (config_.idle_timeout.count() == 0 || idle_timer_on_) return;
+  idle_timer_on_ = true;
+  idle_timer_->start(config_.idle_timeout);
+}
+
+void StackCore::forgetIdle(const std::shared_ptr<TcpStream>& stream) {
+  streams_.erase(stream);
+  if (!streams_.empty() || !idle_timer_on_) return;
+  idle_timer_on_ = false;
+  idle_timer_->stop();
+}
+
+// One timer for all, due when the longest quiet stream could be; not armed anew for every message.
+void StackCore::closeIdle() {
+  idle_timer_on_ = false;
+  const std::int64_t timeout = std::chrono::milliseconds(config_.idle_timeout).count();
+  const std::int64_t current = now();
+  std::vector<std::shared_ptr<TcpStream>> idle;
+  std::int64_t earliest = current;
+  for (const auto& stream : streams_) {
+    if (stream->lastMoved() + timeout <= current) {
+      idle.push_back(stream);
+    } else {
+      earliest = std::min(earliest, stream->lastMoved());
+    }
+  }
+  for (const auto& stream : idle) stream->fail(5, "nothing moved for too long");
+  if (streams_.empty() || idle_timer_on_) return;
+  // The clock is coarse: a little later than due, never just before it.
+  constexpr std::int64_t grain = 10;
+  idle_timer_on_ = true;
+  idle_timer_->start(std::chrono::milliseconds(std::max<std::int64_t>(earliest + timeout - current, 0) + grain));
+}
+
+void StackCore::retire(std::shared_ptr<Retired> closed) {
+  const std::lock_guard<std::mutex> lock(retired_mutex_);
+  retired_.push_back(std::move(closed));
+  has_retired_.store(true, std::memory_order_release);
+}
+
+void StackCore::freeRetired() {
+  if (!has_retired_.load(std::memory_order_acquire)) return;
+  std::vector<std::shared_ptr<Retired>> free;
+  {
+    const std::lock_guard<std::mutex> lock(retired_mutex_);
+    const auto kept = std::partition(retired_.begin(), retired_.end(), [](const auto& one) { return one->awaited(); });
+    std::move(kept, retired_.end(), std::back_inserter(free));
+    retired_.erase(kept, retired_.end());
+    has_retired_.store(!retired_.empty(), std::memory_order_release);
+  }
+}
+
+}  // namespace siplib

@@ -1,0 +1,142 @@
+// What the sockets of one stack share: its settings, the door to the I/O thread, the log, the count of connections, the
+// ordinary SIP processing, and the bin for what its user has closed.
+//
+// Lifetime: everything that belongs to a stack holds its core. The stack ends with shutdown(), with the reactor at
+// rest; work that is still posted then does nothing.
+//
+// Locks: one for the local endpoint's address, one for the bin. Neither is held while anything else is called.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "siplib/message.h"
+#include "siplib/reactor.h"
+#include "siplib/socket_address.h"
+#include "siplib/stack.h"
+#include "siplib/transaction_layer.h"
+
+namespace siplib {
+
+class TcpStream;
+
+/// Something that the user closed and may still look at until its turn ends.
+class Retired {
+ public:
+  virtual ~Retired() = default;
+  /// True while a notification of it can still be waiting in the user's queue: it is kept until then.
+  virtual bool awaited() const { return false; }
+};
+
+/// One of the connections that the stack may have open; counts itself out at its end.
+class ConnectionSlot {
+ public:
+  ConnectionSlot() = default;
+  explicit ConnectionSlot(std::shared_ptr<std::atomic<std::size_t>> count) : count_(std::move(count)) {}
+  ConnectionSlot(ConnectionSlot&&) noexcept = default;
+  ConnectionSlot& operator=(ConnectionSlot&& other) noexcept {
+    std::swap(count_, other.count_);
+    return *this;
+  }
+  ~ConnectionSlot() {
+    if (count_) --*count_;
+  }
+  explicit operator bool() const { return count_ != nullptr; }
+
+ private:
+  std::shared_ptr<std::atomic<std::size_t>> count_;
+};
+
+/// A line that a peer can cause again and again is written once in a while, with the number of those left out.
+class LogLimit {
+ public:
+  explicit LogLimit(std::chrono::milliseconds pause = std::chrono::seconds(1)) : pause_(pause) {}
+  /// True when a line is due; `left_out` is then how many were not.
+  bool due(std::uint64_t& left_out);
+
+ private:
+  const std::chrono::milliseconds pause_;
+  std::atomic<std::int64_t> next_{0};
+  std::atomic<std::uint64_t> left_out_{0};
+};
+
+class StackCore : public std::enable_shared_from_this<StackCore> {
+ public:
+  explicit StackCore(const SIPLIB_SIPStackConfig& config);
+  StackCore(const StackCore&) = delete;
+  StackCore& operator=(const StackCore&) = delete;
+
+  const SIPLIB_SIPStackConfig& config() const { return config_; }
+  Reactor& reactor() const { return *config_.reactor; }
+  /// Milliseconds of a clock that never goes back; cheap, coarse.
+  static std::int64_t now();
+
+  void setLayer(std::unique_ptr<TransactionLayer> layer) { layer_ = std::move(layer); }
+  TransactionLayer& layer() const { return *layer_; }
+
+  /// The end; see above.
+  void shutdown();
+  /// Calls `work` on the I/O thread, unless the stack ends before. Any thread.
+  void post(std::function<void()> work);
+
+  /// Nothing is formatted for a level above the threshold. Any thread.
+  void log(int level, const char* where, const char* format, ...) const __attribute__((format(printf, 4, 5)));
+  void log(LogLimit& limit, int level, const char* where, const char* format, ...) const
+      __attribute__((format(printf, 5, 6)));
+
+  /// Empty when the stack has all the connections that it may have. Any thread.
+  ConnectionSlot takeSlot();
+
+  /// The address of the local endpoint; not known when there is none. Any thread.
+  SocketAddress localAddress() const;
+  void setLocalAddress(const SocketAddress& address);
+
+  /// The ordinary SIP processing. `trusted`: it arrived on the local endpoint; a request that arrived anywhere else is
+  /// answered 403, for the registrar is for the terminal's own user agents. I/O thread.
+  void process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> path, bool trusted);
+
+  /// Streams on which nothing moves are closed after the idle timeout. I/O thread.
+  void watchIdle(const std::shared_ptr<TcpStream>& stream);
+  void forgetIdle(const std::shared_ptr<TcpStream>& stream);
+
+  /// Keeps connections that only the library knows. I/O thread.
+  void keep(std::shared_ptr<Retired> connection) { kept_.insert(std::move(connection)); }
+  void release(const std::shared_ptr<Retired>& connection) { kept_.erase(connection); }
+
+  /// Into the bin; emptied by the user's thread at the end of a turn. Any thread.
+  void retire(std::shared_ptr<Retired> closed);
+  void freeRetired();
+
+ private:
+  void closeIdle();
+  void refuse(const SIPLIB_message& request, Path& path) const;
+  void write(int level, const char* where, std::uint64_t left_out, const char* format, va_list arguments) const;
+
+  const SIPLIB_SIPStackConfig config_;
+  std::atomic<bool> down_{false};
+  std::unique_ptr<TransactionLayer> layer_;
+  const std::shared_ptr<std::atomic<std::size_t>> connections_ = std::make_shared<std::atomic<std::size_t>>(0);
+  const std::string tag_secret_;
+
+  mutable std::mutex local_mutex_;
+  SocketAddress local_;
+
+  // I/O thread.
+  std::unordered_set<std::shared_ptr<TcpStream>> streams_;
+  std::unordered_set<std::shared_ptr<Retired>> kept_;
+  std::unique_ptr<Reactor::Timer> idle_timer_;
+  bool idle_timer_on_ = false;
+
+  std::mutex retired_mutex_;
+  std::atomic<bool> has_retired_{false};
+  std::vector<std::shared_ptr<Retired>> retired_;
+};
+
+}  // namespace siplib

@@ -1,0 +1,182 @@
+#include "siplib/tcp_stream.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace siplib {
+namespace {
+
+bool wouldBlock(int error) {
+  return error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+TcpStream::TcpStream(std::shared_ptr<StackCore> core, FileDescriptor socket, ConnectionSlot slot)
+    : core_(std::move(core)), socket_(std::move(socket)), slot_(std::move(slot)), moved_(StackCore::now()) {
+}
+
+TcpStream::Sent TcpStream::send(Slices slices) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return Sent::Broken;
+    if (claimed_ || !waiting_.empty()) {
+      if (waiting_.size() + sizeOf(slices) > kMostWaiting) return Sent::Full;
+      appendTo(waiting_, slices);
+      return Sent::Taken;
+    }
+    claimed_ = true;
+  }
+  return write(slices);
+}
+
+TcpStream::Sent TcpStream::write(Slices slices) {
+  ssize_t sent = sendSlices(socket_.get(), slices);
+  const int error = sent < 0 ? errno : 0;
+  if (error == 0) moved_.store(StackCore::now(), std::memory_order_relaxed);
+  if (wouldBlock(error)) sent = 0;
+  bool ask = false;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    claimed_ = false;
+    if (sent < 0) {
+      closed_ = true;
+    } else {
+      if (static_cast<std::size_t>(sent) < sizeOf(slices)) {
+        std::string rest;
+        appendTo(rest, slices, static_cast<std::size_t>(sent));
+        waiting_.insert(0, rest);
+      }
+      if (!waiting_.empty() && !writable_wanted_) ask = writable_wanted_ = true;
+    }
+  }
+  if (sent < 0) {
+    core_->post([self = shared_from_this(), error] { self->fail(4, strerrordesc_np(error)); });
+    return Sent::Broken;
+  }
+  if (ask) {
+    core_->post([self = shared_from_this()] {
+      if (self->watch_) self->watch_->wantWrite(true);
+    });
+  }
+  return Sent::Taken;
+}
+
+void TcpStream::close() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  closed_ = true;
+}
+
+void TcpStream::start(StreamOwner& owner) {
+  owner_ = &owner;
+  watch_ = core_->reactor().watch(
+      socket_.get(), [this] { readable(); }, [this] { writable(); });
+  if (!watch_) return fail(3, "the system cannot watch the socket");
+  core_->watchIdle(shared_from_this());
+  watch_->wantRead(true);
+  writable();
+}
+
+void TcpStream::letGo() {
+  const auto self = shared_from_this();
+  owner_ = nullptr;
+  watch_.reset();
+  core_->forgetIdle(self);
+  std::size_t unsent = 0;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    unsent = waiting_.size();
+    waiting_ = std::string();
+  }
+  if (unsent > 0) core_->log(4, "tcp", "connection ended with %zu bytes unsent", unsent);
+}
+
+void TcpStream::fail(int level, std::string_view why) {
+  const auto self = shared_from_this();
+  StreamOwner* const owner = owner_;
+  letGo();
+  if (owner != nullptr) owner->streamClosed(*this, level, why);
+}
+
+// A read that fills the room has probably left something; a peer that never stops gives way to the others after a few.
+void TcpStream::readable() {
+  constexpr int most = 16;
+  const auto self = shared_from_this();
+  for (int round = 0; round < most; ++round) {
+    const std::span<char> room = framer_.reserve();
+    const ssize_t count = ::recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
+    if (count == 0) return fail(5, "closed by the peer");
+    if (count < 0) {
+      if (errno != EINTR && !wouldBlock(errno)) fail(4, strerrordesc_np(errno));
+      return;
+    }
+    moved_.store(StackCore::now(), std::memory_order_relaxed);
+    framer_.commit(static_cast<std::size_t>(count));
+    deliver();
+    if (static_cast<std::size_t>(count) < room.size() || owner_ == nullptr || paused_) return;
+  }
+}
+
+void TcpStream::resume() {
+  if (!paused_ || owner_ == nullptr) return;
+  paused_ = false;
+  const auto self = shared_from_this();
+  deliver();
+  if (owner_ != nullptr && !paused_) watch_->wantRead(true);
+}
+
+void TcpStream::deliver() {
+  while (owner_ != nullptr) {
+    const Framer::Frame frame = framer_.next();
+    switch (frame.kind) {
+      case Framer::Kind::NeedMore:
+        return;
+      case Framer::Kind::Malformed:
+        return fail(4, frame.reason);
+      case Framer::Kind::KeepAlive: {
+        iovec place;
+        send(sliceOf("\r\n", place));
+        break;
+      }
+      case Framer::Kind::Message:
+        if (owner_->streamMessage(frame.text, frame.length)) break;
+        paused_ = true;
+        if (watch_) watch_->wantRead(false);
+        return;
+    }
+  }
+}
+
+void TcpStream::writable() {
+  const auto self = shared_from_this();
+  std::string bytes;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (claimed_ || waiting_.empty() || closed_) {
+      // A sender that holds the claim asks again if it leaves anything.
+      writable_wanted_ = false;
+      watch_->wantWrite(false);
+      return;
+    }
+    claimed_ = true;
+    bytes = std::move(waiting_);
+    waiting_.clear();
+  }
+  iovec place;
+  if (write(sliceOf(bytes, place)) != Sent::Taken) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!waiting_.empty()) return;
+  writable_wanted_ = false;
+  watch_->wantWrite(false);
+}
+
+bool StreamPath::send(std::string_view bytes) {
+  const auto stream = stream_.lock();
+  iovec place;
+  return stream && stream->send(sliceOf(bytes, place)) == TcpStream::Sent::Taken;
+}
+
+}  // namespace siplib

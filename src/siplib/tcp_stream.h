@@ -1,0 +1,109 @@
+// One connected TCP socket: cuts what comes in into messages, and sends without ever waiting.
+//
+//   in:   readable -> recv -> Framer -> StreamOwner::streamMessage, once per message
+//   out:  send() on any thread goes straight to the socket; what it does not take at once waits here and is finished on
+//         the I/O thread. One sender at a time holds a claim, so that no lock is held while the kernel works.
+//
+// The socket is closed when the last holder lets go, so that a send never meets a descriptor of another.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "siplib/framer.h"
+#include "siplib/reactor.h"
+#include "siplib/socket.h"
+#include "siplib/stack_core.h"
+
+namespace siplib {
+
+/// The transport that a stream works for. Called on the I/O thread, no lock held.
+class StreamOwner {
+ public:
+  virtual ~StreamOwner() = default;
+  /// One complete message; `text` dies with the call. False: no further one until resume().
+  virtual bool streamMessage(char* text, std::size_t length) = 0;
+  /// The end, once, after every message. Not called after letGo().
+  virtual void streamClosed(TcpStream& stream, int level, std::string_view why) = 0;
+};
+
+class TcpStream : public std::enable_shared_from_this<TcpStream> {
+ public:
+  /// Most bytes that wait for a peer which does not read.
+  static constexpr std::size_t kMostWaiting = 256 * 1024;
+
+  TcpStream(std::shared_ptr<StackCore> core, FileDescriptor socket, ConnectionSlot slot);
+  TcpStream(const TcpStream&) = delete;
+  TcpStream& operator=(const TcpStream&) = delete;
+
+  enum class Sent {
+    Taken,
+    Full,   ///< Too much waits already.
+    Broken  ///< The socket is of no use any more; the owner is or will be told.
+  };
+  /// Any thread.
+  Sent send(Slices slices);
+  /// Bytes that go out before all others; before start() only.
+  void preload(std::string bytes) { waiting_ = std::move(bytes); }
+  /// No send is taken from now on. Any thread.
+  void close();
+  /// Milliseconds since StackCore::now's beginning; when anything last moved.
+  std::int64_t lastMoved() const { return moved_.load(std::memory_order_relaxed); }
+
+  // I/O thread.
+  void start(StreamOwner& owner);
+  void resume();
+  /// Ends the reading; the owner is not told.
+  void letGo();
+  /// Ends the reading and tells the owner; nothing when it ended before.
+  void fail(int level, std::string_view why);
+
+ private:
+  void readable();
+  void deliver();
+  void writable();
+  /// With the claim: sends `slices`; what is left waits, before what other threads have added since.
+  Sent write(Slices slices);
+  void breakLater(int error);
+  void askForWritable();
+
+  const std::shared_ptr<StackCore> core_;
+  const FileDescriptor socket_;
+  const ConnectionSlot slot_;
+  std::atomic<std::int64_t> moved_;
+
+  std::mutex mutex_;
+  std::string waiting_;
+  bool claimed_ = false;
+  bool closed_ = false;
+  /// The I/O thread has been asked to watch for writability, or watches.
+  bool writable_wanted_ = false;
+
+  // I/O thread.
+  StreamOwner* owner_ = nullptr;
+  std::unique_ptr<Reactor::Watch> watch_;
+  Framer framer_;
+  bool paused_ = false;
+};
+
+/// The way back over one stream, for as long as it lasts.
+class StreamPath final : public Path {
+ public:
+  StreamPath(std::weak_ptr<TcpStream> stream, const SocketAddress& local, const SocketAddress& peer)
+      : stream_(std::move(stream)), local_(local), peer_(peer) {}
+  bool send(std::string_view bytes) override;
+  bool reliable() const override { return true; }
+  void local(std::string& ip, int& port) const override { local_.get(ip, port); }
+  void peer(std::string& ip, int& port) const override { peer_.get(ip, port); }
+
+ private:
+  const std::weak_ptr<TcpStream> stream_;
+  const SocketAddress local_;
+  const SocketAddress peer_;
+};
+
+}  // namespace siplib

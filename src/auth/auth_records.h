@@ -2,8 +2,13 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <string>
 #include <vector>
+
+/// Most challenges kept of one domain; further ones are refused. A network has a handful of realms, and every request
+/// carries one answer per challenge.
+constexpr std::size_t kMaxChallenges = 32;
 
 /// Which challenge: a 401's WWW-Authenticate or a 407's Proxy-Authenticate.
 enum Auth_T { AUTH_WWW = 0, AUTH_PROXY = 1 };

@@ -3,9 +3,11 @@
 // The store remembers per domain the challenges that the network sent, and per client of it what the client last sent.
 // A challenged domain's later requests, of any of its clients, leave with credentials made here from the domain's user
 // name and password. Nothing is sent from here; a false result leaves the message as it is so far and it is sent
-// anyway. Loop thread only, no lock.
+// anyway. What a network can make the store keep is bounded: kMaxChallenges per domain, each no larger than a message's
+// head. Loop thread only, no lock.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 
@@ -22,8 +24,7 @@ class IMS_Proxy_Authenticate {
   /// Sets `rt_ptr`.
   explicit IMS_Proxy_Authenticate(IMS_Proxy_RoutingTable_Impl* routing_table);
 
-  // --- The store (proxy_authenticate_store.cpp). Positions are -1 when not found.
-  // -------------------------------------
+  // --- The store (proxy_authenticate_store.cpp). Positions are -1 when not found. ------------------------------------
 
   void create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type, std::string realm,
                         std::string nonce);
@@ -40,8 +41,7 @@ class IMS_Proxy_Authenticate {
   /// What is stored for a domain; null when nothing is. Good until the next change.
   const Auth_Info_T* auth_info(const std::string& domain_key) const;
 
-  // --- Challenges and credentials (proxy_authenticate_challenge.cpp)
-  // --------------------------------------------------
+  // --- Challenges and credentials (proxy_authenticate_challenge.cpp) -------------------------------------------------
 
   bool is_mode_ietf_shared(std::string mode);
   bool is_request_challenged(SIPLIB_SIPTransportConnection* response) const;
@@ -57,23 +57,31 @@ class IMS_Proxy_Authenticate {
   bool is_retransmission(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index,
                          std::string nc);
 
-  // --- The digest (proxy_authenticate_digest.cpp)
-  // ---------------------------------------------------------------------
+  // --- The digest (proxy_authenticate_digest.cpp) --------------------------------------------------------------------
 
+  /// The answer to `challenge` as a header value. `nc` is the count to write. False when a text that the digest needs
+  /// is empty or the challenge does not parse.
   bool generate_auth_header(Auth_T& kind, std::string const& challenge, std::string const& uri,
                             std::string const& method, std::string const& username, std::string const& password,
                             std::string& value, std::string const& nc);
   bool parse_auth_params(SIPLIB_SIPHeader* challenge, std::string const& uri, std::string const& method,
                          std::string const& username, std::string const& password, Req_Msg_T& values);
+  /// Fills `cnonce` (zeroed by the caller) when the challenge has a qop. `scratch` is not used and may be null.
   void calculate_md5_digest(Req_Msg_T values, SIPLIB_UTIL_RANDOM_STRING_T& cnonce, unsigned char* scratch,
                             char (&response)[33]);
   void construct_authentication_response(Req_Msg_T& values, SIPLIB_SIPHeader* header, std::string& value) const;
   bool is_qop_present(SIPLIB_SIPHeader* header);
+  /// What stands between the first pair of quotes, or the whole text without any. `in` and `out` may be one.
   void strip_quotes(std::string const& in, std::string& out);
 
   /// Where domains' credentials are; not owned.
   static IMS_Proxy_RoutingTable_Impl* rt_ptr;
 
  private:
+  /// Null when there is no such position. Good until the next change of the store.
+  Client_Info_T* client_at(const std::string& domain_key, int client_index);
+  Auth_Hdrs_T* challenge_at(const std::string& domain_key, int auth_index);
+  std::size_t challenge_count(const std::string& domain_key) const;
+
   std::map<std::string, Auth_Info_T> store_;
 };

@@ -52,7 +52,7 @@ class SIPLIB_SIPServerConnectionListener {
   virtual void notifyRequest(SIPLIB_SIPConnectionNotifier* notifier) = 0;
 };
 
-/// For client transactions: an answer, provisional ones too, or the end without one (status 408).
+/// For client transactions: an answer, provisional ones other than 100 too, or the end without one (status 408).
 class SIPLIB_SIPClientConnectionListener {
  public:
   virtual ~SIPLIB_SIPClientConnectionListener() = default;

@@ -28,7 +28,9 @@ class SIPLIB_SIPDialog {
   virtual bool isTerminated() const = 0;
 };
 
-/// A request that was received, to be answered once.
+/// A request that was received, to be answered once. It is the current message from the start; receive() says 0 once,
+/// then -1. One that is not answered within 64*T1 has ended, as nobody waits for its answer any more; one that its user
+/// never lets go of is taken back after 640*T1.
 class SIPLIB_SIPServerConnection : public SIPLIB_SIPMessageConnection {
  public:
   /// Prepares the answer: status and its usual reason phrase, Via, From, To (with a tag), Call-ID, CSeq taken over, for
@@ -41,7 +43,11 @@ class SIPLIB_SIPServerConnection : public SIPLIB_SIPMessageConnection {
   virtual SIPLIB_SIPDialog* getDialog() const = 0;
 };
 
-/// A request that is sent, and its answers. receive() makes the next answer the current message.
+/// A request that is sent, and its answers. receive() makes the next answer the current message; -1 when there is none,
+/// because the use has ended since the notification was raised: the event is void then.
+///
+/// The object outlives its use until each notification raised for it was answered by a receive(), so an event that
+/// still waits in a queue never names freed memory.
 class SIPLIB_SIPClientConnection : public SIPLIB_SIPMessageConnection {
  public:
   /// Null: answers are absorbed without notice.
@@ -50,8 +56,10 @@ class SIPLIB_SIPClientConnection : public SIPLIB_SIPMessageConnection {
   /// Max-Forwards, Contact. 0 when done, -1 when it already has one.
   virtual int initRequest(std::string_view method, std::string_view request_uri, std::string_view from,
                           std::string_view to) = 0;
-  /// 0 when the transaction is well; not 0 when the answer could not be taken in. A request that no answer reached in
-  /// 64*T1 or that could not be sent gets the status 408 (RFC 3261 8.1.3.1) and is well.
+  /// 0 when the transaction is well; not 0 when the answer could not be taken in, or the use has ended (released, or
+  /// the dialog is over): whoever takes an event from a queue asks this first and drops it, with a receive(), when it
+  /// is not 0. A request that no answer reached in 64*T1 or that could not be sent gets the status 408 (RFC
+  /// 3261 8.1.3.1) and is well.
   virtual int getTransactionStatus() const = 0;
   /// Ends the user's use; late answers are absorbed.
   virtual void release() = 0;

@@ -72,7 +72,7 @@ void IMS_engine_proxy::set_options(int argc, char** argv) {
     const std::string_view word = argv[i];
     if (!word.empty() && word.substr(1) == kDynport) arg_dynport = argv[i + 1];
   }
-  IMS_User_Agent::add_program_option(kDynport);
+  IMS_User_Agent::add_program_option(kDynport, "yes: the listening ports may float over 100 ports");
   IMS_User_Agent::set_options(argc, argv);
 }
 

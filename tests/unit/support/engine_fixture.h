@@ -9,6 +9,8 @@
 
 #include "auth/proxy_authenticate.h"
 #include "engine/engine_proxy.h"
+#include "registrar/local_registrar.h"
+#include "registrar/registrar.h"
 #include "routing/routing_table_impl.h"
 #include "support/fake_siplib.h"
 
@@ -33,6 +35,9 @@ class EngineFixture : public ::testing::Test {
     IMS_engine_proxy::ims_proxy_auth_ptr = auth.get();
   }
   ~EngineFixture() override {
+    IMSE_Registrar::destroy();
+    delete IMS_engine_proxy::local_registrar;
+    IMS_engine_proxy::local_registrar = nullptr;
     IMS_engine_proxy::tcp_servconn_table.clear();
     IMS_engine_proxy::rt = nullptr;
     IMS_engine_proxy::rtintf = nullptr;

@@ -1,0 +1,11 @@
+// Lets the nth allocation with std::nothrow fail. The operators themselves are in failing_new.cpp.
+#pragma once
+
+/// While it lives, the `nth` nothrow allocation of this thread from now on gives null (1: the next one).
+class FailingNew {
+ public:
+  explicit FailingNew(int nth);
+  ~FailingNew();
+  FailingNew(const FailingNew&) = delete;
+  FailingNew& operator=(const FailingNew&) = delete;
+};

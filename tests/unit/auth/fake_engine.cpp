@@ -1,0 +1,34 @@
+// The engine's statics that the routing table uses: listeners open, connections do not.
+#include "engine/engine_proxy.h"
+
+#include "auth_fixture.h"
+
+std::string IMS_engine_proxy::localhost_ip = "127.0.0.1";
+std::string IMS_engine_proxy::localhost_port = "5060";
+std::string IMS_engine_proxy::net_intf_ip = "127.0.0.2";
+std::string IMS_engine_proxy::net_intf_port = "5060";
+IMS_Proxy_Authenticate* IMS_engine_proxy::ims_proxy_auth_ptr = nullptr;
+
+bool IMS_engine_proxy::is_tcp(const std::string&) {
+  return false;
+}
+SIPLIB_SIPTransportConnection* IMS_engine_proxy::open_client_connection(const std::string&, const std::string&, int,
+                                                                        const std::string&, int) {
+  return nullptr;
+}
+void IMS_engine_proxy::close_client_connection(SIPLIB_SIPClientTcpTransport*) {
+}
+SIPLIB_SIPTransportNotifier* IMS_engine_proxy::open_net_notifier(const std::string&, std::string&) {
+  static FakeNotifier notifier;
+  return &notifier;
+}
+
+Authenticate::Authenticate() {
+  IMS_engine_proxy::ims_proxy_auth_ptr = &auth;
+  home = add_domain("home", "alice", "secret");
+}
+
+Authenticate::~Authenticate() {
+  IMS_engine_proxy::ims_proxy_auth_ptr = nullptr;
+  IMS_Proxy_Authenticate::rt_ptr = nullptr;
+}

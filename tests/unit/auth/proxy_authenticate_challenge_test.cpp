@@ -1,0 +1,508 @@
+#include "auth_fixture.h"
+#include "framework/digest.h"
+
+namespace {
+
+const std::string kPlain = R"(Digest realm="home.example", nonce="n1")";
+const std::string kQop = R"(Digest realm="home.example", nonce="n1", qop="auth")";
+const std::string kPlainAnswer =
+    R"(Digest realm="home.example", nonce="n1", username="alice", uri=sip:bob@home.example, response="1c7c44c3baed97aaafff2cfe437665fa")";
+const std::string kProxyPlain = R"(Digest realm="proxy.example", nonce="p1")";
+const std::string kProxyAnswer =
+    R"(Digest realm="proxy.example", nonce="p1", username="alice", uri=sip:bob@home.example, response="c309837e3cc31c2d29f2b4fd7d392018")";
+
+/// A header of the client's own that answers the nonce.
+std::string own(const std::string& nonce, const std::string& nc = "") {
+  std::string value = R"(Digest username="client", realm="home.example", nonce=")" + nonce + R"(", uri="sip:b@c")";
+  if (!nc.empty()) value += R"(, qop=auth, cnonce="c", nc=)" + nc;
+  return value + R"(, response="0")";
+}
+
+// --- Responses
+// --------------------------------------------------------------------------------------------------------
+
+TEST_F(Authenticate, OnlyTheExactModeIsShared) {
+  LogCapture log;
+  EXPECT_TRUE(auth.is_mode_ietf_shared("ietf-shared"));
+  EXPECT_TRUE(log.has(5, "IETF Shared Mode"));
+  for (const std::string mode : {"", "ietf", "IETF-SHARED", "ietf-shared ", "ims"}) {
+    EXPECT_FALSE(auth.is_mode_ietf_shared(mode));
+    EXPECT_TRUE(log.has(5, "Mode is " + mode));
+  }
+}
+
+TEST_F(Authenticate, ChallengesAre401And407) {
+  for (const int status : {100, 200, 400, 401, 403, 407, 408, 494, 699}) {
+    SCOPED_TRACE(status);
+    set_response(response, status);
+    LogCapture log;
+    const bool challenged = status == 401 || status == 407;
+    EXPECT_EQ(auth.is_request_challenged(&response), challenged);
+    EXPECT_EQ(log.texts(), (Texts{" The status code is " + std::to_string(status),
+                                  challenged ? "The Request is Challenged" : "The Request is Not Challenged"}));
+  }
+  LogCapture log;
+  EXPECT_FALSE(auth.is_request_challenged(nullptr));
+  EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
+}
+
+TEST_F(Authenticate, AChallengeIsReadFromTheHeaderOfItsStatus) {
+  struct {
+    const char* label;
+    int status;
+    FakeHeaders headers;
+    bool result;
+    Auth_T type;
+    std::string auth_hdr, realm, nonce;
+  } const cases[] = {
+      {"401", 401, {{"WWW-Authenticate", kPlain}}, true, AUTH_WWW, kPlain, "\"home.example\"", "\"n1\""},
+      {"407", 407, {{"Proxy-Authenticate", kPlain}}, true, AUTH_PROXY, kPlain, "\"home.example\"", "\"n1\""},
+      {"401 with the other header", 401, {{"Proxy-Authenticate", kPlain}}, false, AUTH_WWW, "", "", ""},
+      {"407 with the other header", 407, {{"WWW-Authenticate", kPlain}}, false, AUTH_PROXY, "", "", ""},
+      {"no header", 401, {}, false, AUTH_WWW, "", "", ""},
+      {"no realm",
+       401,
+       {{"WWW-Authenticate", "Digest nonce=\"n\""}},
+       true,
+       AUTH_WWW,
+       "Digest nonce=\"n\"",
+       "",
+       "\"n\""},
+      {"no nonce",
+       401,
+       {{"WWW-Authenticate", "Digest realm=\"r\""}},
+       true,
+       AUTH_WWW,
+       "Digest realm=\"r\"",
+       "\"r\"",
+       ""},
+      {"neither", 401, {{"WWW-Authenticate", "Digest"}}, true, AUTH_WWW, "Digest", "", ""},
+      {"unbalanced quotes",
+       401,
+       {{"WWW-Authenticate", "Digest realm=\"r"}},
+       false,
+       AUTH_WWW,
+       "Digest realm=\"r",
+       "",
+       ""},
+      {"no challenge", 200, {{"WWW-Authenticate", kPlain}}, false, AUTH_WWW, "", "", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    set_response(response, c.status, c.headers);
+    LogCapture log;
+    std::string auth_hdr, realm, nonce;
+    Auth_T type = AUTH_WWW;
+    EXPECT_EQ(auth.get_response_auth_hdr_info(&response, auth_hdr, type, realm, nonce), c.result);
+    EXPECT_EQ(type, c.type);
+    EXPECT_EQ(auth_hdr, c.auth_hdr);
+    EXPECT_EQ(realm, c.realm);
+    EXPECT_EQ(nonce, c.nonce);
+    EXPECT_EQ(log.texts().front(), "Status Code is " + std::to_string(c.status));
+    EXPECT_EQ(log.texts().back(), "Auth Hdr is " + c.auth_hdr + " nonce is " + c.nonce + " realm is " + c.realm +
+                                      "  auth type is " + std::to_string(c.type) + " retval is " +
+                                      std::to_string(static_cast<int>(c.result)));
+    EXPECT_EQ(log.has(4, "Status Code Invalid"), c.status == 200);
+    EXPECT_EQ(log.has_part(4, "cannot be read"), !c.result && !c.auth_hdr.empty());
+  }
+  LogCapture log;
+  std::string text;
+  Auth_T type = AUTH_WWW;
+  EXPECT_FALSE(auth.get_response_auth_hdr_info(nullptr, text, type, text, text));
+  EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
+}
+
+TEST_F(Authenticate, AResponseWithoutReadableChallengeRecordsNothing) {
+  std::string many = "Digest realm=\"r\", nonce=\"n\"";
+  for (int i = 0; i < 200; ++i) many += ", p" + std::to_string(i) + "=1";
+  const FakeHeaders cases[] = {{},
+                               {{"WWW-Authenticate", "Digest realm=\"r"}},
+                               {{"WWW-Authenticate", "Digest realm=\"r\", nonce=\"n"}},
+                               {{"WWW-Authenticate", many}}};
+  for (const FakeHeaders& headers : cases) {
+    set_response(response, 401, headers);
+    const std::string before = response.current();
+    LogCapture log;
+    EXPECT_FALSE(auth.update_auth_info_for_response(&response, home));
+    EXPECT_TRUE(log.has(5, "update_auth_info_for_response : domain key is " + home));
+    EXPECT_TRUE(log.has(5, "Auth Header is ABSENT in RESPONSE"));
+    EXPECT_EQ(log.has_part(4, "WWW-Authenticate of the response cannot be read"), !headers.empty());
+    EXPECT_EQ(auth.auth_info(home), nullptr);
+    EXPECT_EQ(response.current(), before);
+  }
+  LogCapture log;
+  EXPECT_FALSE(auth.update_auth_info_for_response(nullptr, home));
+  EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
+}
+
+TEST_F(Authenticate, TheFirstChallengeOfARealmMakesAnEntry) {
+  LogCapture log;
+  EXPECT_TRUE(challenge(407, kPlain));
+  EXPECT_TRUE(log.has(5, "Auth Header is Present in RESPONSE  - value is " + kPlain));
+  EXPECT_TRUE(log.has(5, "Auth Type is 1, Realm is \"home.example\", network nonce is \"n1\""));
+  EXPECT_EQ(log.texts().back(), "Auth Header not present : Created  auth entry ");
+  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_type, AUTH_PROXY);
+  EXPECT_TRUE(challenge(401, kPlain));  // the other kind of the same realm is another challenge
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), 2U);
+}
+
+TEST_F(Authenticate, ASecondChallengeOfARealmReplacesTheTextAndKeepsTheSlots) {
+  ASSERT_TRUE(challenge(401, kQop));
+  set_request(request);
+  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  ASSERT_EQ(slot().nc, "1");
+
+  LogCapture log;
+  ASSERT_TRUE(challenge(401, R"(Digest realm="home.example", nonce="n2", qop="auth")"));
+  EXPECT_TRUE(log.has(5, "Auth Header is already present in Proxy - auth index 0"));
+  EXPECT_TRUE(log.has(5, "nonce value has changed for this Auth entry  - Update Nonce"));
+  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, R"(Digest realm="home.example", nonce="n2", qop="auth")");
+  EXPECT_EQ(slot().nonce, "\"n1\"");
+  EXPECT_EQ(slot().nc, "1");
+
+  set_request(request);
+  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(parameter("Authorization", "nonce"), "\"n2\"");
+  EXPECT_EQ(parameter("Authorization", "nc"), "2");
+}
+
+TEST_F(Authenticate, AChallengeOfAnUnknownDomainIsNotRecorded) {
+  set_response(response, 401, {{"WWW-Authenticate", kPlain}});
+  LogCapture log;
+  EXPECT_FALSE(auth.update_auth_info_for_response(&response, "no such key"));
+  EXPECT_FALSE(log.has(5, "Auth Header not present : Created  auth entry "));
+  EXPECT_EQ(log.count(4), 1);
+}
+
+TEST_F(Authenticate, TenThousandRealmsAreBounded) {
+  LogCapture log(4);
+  int recorded = 0;
+  for (int i = 0; i < 10000; ++i) {
+    recorded += challenge(401, "Digest realm=\"r" + std::to_string(i) + "\", nonce=\"n\"") ? 1 : 0;
+  }
+  EXPECT_EQ(recorded, static_cast<int>(kMaxChallenges));
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), kMaxChallenges);
+  EXPECT_EQ(log.count(4), 10000 - recorded);
+  EXPECT_TRUE(challenge(401, "Digest realm=\"r0\", nonce=\"new\""));  // a known realm still gets its new text
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, "Digest realm=\"r0\", nonce=\"new\"");
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(values("Authorization").size(), kMaxChallenges);
+}
+
+TEST_F(Authenticate, AChallengeWithoutRealmOrNonceIsAnsweredWithEmptyOnes) {
+  ASSERT_TRUE(challenge(401, "Digest"));
+  ASSERT_TRUE(challenge(401, "Digest"));  // the same again
+  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(parameter("Authorization", "realm"), "\"\"");
+  EXPECT_EQ(parameter("Authorization", "nonce"), "\"\"");
+}
+
+// --- Requests: what is added
+// ------------------------------------------------------------------------------------------
+
+TEST_F(Authenticate, RequestsOfADomainThatWasNeverChallengedPassUnchanged) {
+  set_request(request, {{"Authorization", own("x")}});
+  const std::string before = request.current();
+  LogCapture log;
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(log.texts(), (Texts{"update_auth_info_for_request : domain_key " + home + ", client_key k",
+                                "Auth Entry NOT Found for this Profile " + home,
+                                "No Auth hdrs avaiable for this profile - Nothing to be done in Proxy"}));
+  EXPECT_EQ(request.current(), before);
+  EXPECT_EQ(auth.auth_info(home), nullptr);
+  EXPECT_FALSE(auth.update_auth_info_for_request(nullptr, home, "k"));
+  EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
+}
+
+TEST_F(Authenticate, AnyClientOfAChallengedDomainGetsAnAuthorization) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  for (const char* client : {"k1", "k2", "k1"}) {
+    SCOPED_TRACE(client);
+    set_request(request);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, client));
+    EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+    EXPECT_TRUE(values("Proxy-Authorization").empty());
+  }
+  EXPECT_EQ(auth.auth_info(home)->clients.size(), 2U);
+}
+
+TEST_F(Authenticate, ANewClientIsAddedBeforeAndAKnownOneRefreshedAfterItsRequestIsCompleted) {
+  ASSERT_TRUE(challenge(401, kQop));
+  set_request(request);
+  LogCapture log;
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(log.texts().back(), "Client does not exist  - new  client index - 0 and retval is 1");
+  EXPECT_TRUE(log.has(5, "Auth Header is avaliable for this profile - " + home));
+  EXPECT_EQ(auth.auth_info(home)->clients[0].hdr_type, 2);
+
+  set_request(request, {}, "INVITE", "2");
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(log.has(5, "Client already exists - client index - 0"));
+  EXPECT_EQ(log.texts().back(), "Updating client info - retval is 1");
+  const Client_Info_T& client = auth.auth_info(home)->clients[0];
+  EXPECT_EQ(client.hdr_type, 0);
+  EXPECT_EQ(client.cseq, "2 INVITE");
+  EXPECT_EQ(client.nonce, "\"n1\"");
+  EXPECT_EQ(client.nc, "2");
+  EXPECT_EQ(client.cnonce, "\"\"");
+}
+
+TEST_F(Authenticate, AFreshNonceIsUsedWithCount1AndEachHeaderAdvancesIt) {
+  ASSERT_TRUE(challenge(401, kQop));
+  for (int count = 1; count <= 3; ++count) {
+    set_request(request);
+    LogCapture log;
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_EQ(parameter("Authorization", "nonce"), "\"n1\"");
+    EXPECT_EQ(parameter("Authorization", "nc"), std::to_string(count));
+    EXPECT_EQ(parameter("Authorization", "cnonce"), "\"\"");
+    EXPECT_EQ(parameter("Authorization", "qop"), "auth");
+    EXPECT_EQ(slot().nc, std::to_string(count));
+    EXPECT_TRUE(log.has(5, "qop is present "));
+    EXPECT_TRUE(log.has(5, "nonce_cnt_value is " + std::to_string(count - 1)));
+  }
+}
+
+TEST_F(Authenticate, WithoutQopTheCountStays) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  set_request(request);
+  EXPECT_TRUE(auth.add_proxy_auth_hdrs(&request, home));
+  EXPECT_EQ(slot().nc, "0");
+}
+
+TEST_F(Authenticate, OneHeaderPerChallengeIsAdded) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  ASSERT_TRUE(challenge(407, kProxyPlain));
+  set_request(request);
+  LogCapture log;
+  EXPECT_TRUE(auth.update_proxy_auth_info(&request, home, 0));
+  EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
+  EXPECT_EQ(log.texts().front(), "Headers to be updated for domain key " + home);
+  EXPECT_TRUE(log.has(5, "Number of Auth Headers in request 0 and val1 is 0"));
+  EXPECT_TRUE(log.has(5, "Number of Proxy-Auth Headers in request 0 and val2 is 0"));
+  EXPECT_TRUE(log.has(5, "Number of Auth Headers maintained by Proxy  2"));
+  EXPECT_TRUE(log.has(5, "Just Add all Headers maintained by proxy one by one"));
+  EXPECT_TRUE(log.has(5, "username is alice, password is secret"));
+  EXPECT_EQ(log.count(5, "This is the latest nonce value to be used"), 2);
+  EXPECT_EQ(log.texts().back(), "Returning from addHeaders - retval is 1");
+}
+
+TEST_F(Authenticate, TwoRealmsOfOneKindGiveTwoHeadersTheLaterOnTop) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  ASSERT_TRUE(challenge(401, kProxyPlain));
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(values("Authorization"), (Texts{kProxyAnswer, kPlainAnswer}));
+}
+
+TEST_F(Authenticate, AFailedAnswerEndsTheAddingAndKeepsEarlierHeaders) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  auth.create_auth_info(home, "Digest realm=\"open", AUTH_PROXY, "r", "n");
+  auth.create_auth_info(home, kProxyPlain, AUTH_PROXY, "p", "n");
+  set_request(request);
+  LogCapture log;
+  EXPECT_FALSE(auth.add_proxy_auth_hdrs(&request, home));
+  EXPECT_TRUE(log.has(4, "Error in generating headers - returning false"));
+  EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  EXPECT_TRUE(values("Proxy-Authorization").empty());
+}
+
+TEST_F(Authenticate, ADomainWithoutUserNameGetsNoHeader) {
+  home = add_domain("nameless", "", "secret");
+  ASSERT_TRUE(challenge(401, kPlain));
+  set_request(request);
+  const std::string before = request.current();
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(request.current(), before);
+}
+
+TEST_F(Authenticate, NothingIsAddedForAnUnknownDomainOrConnection) {
+  set_request(request);
+  LogCapture log;
+  EXPECT_FALSE(auth.add_proxy_auth_hdrs(&request, "none"));
+  EXPECT_EQ(log.texts(), (Texts{"username is , password is ", "Returning from addHeaders - retval is 0"}));
+  EXPECT_FALSE(auth.add_proxy_auth_hdrs(nullptr, home));
+  EXPECT_TRUE(log.has(4, "conn ptr is NULL  - returning false"));
+  EXPECT_FALSE(auth.update_proxy_auth_info(nullptr, home, 0));
+  EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
+  EXPECT_EQ(auth.auth_info("none"), nullptr);
+}
+
+TEST_F(Authenticate, AConnectionWithoutMessageDoesNoHarm) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  FakeServerTcp idle;
+  EXPECT_FALSE(auth.is_request_challenged(&idle));
+  EXPECT_FALSE(auth.update_auth_info_for_response(&idle, home));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&idle, home, "k"));
+}
+
+// --- Requests: a client with credentials of its own
+// -------------------------------------------------------------------
+
+TEST_F(Authenticate, AnAnswerOfTheClientsOwnToAKnownNonceIsMadeAgain) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  ASSERT_TRUE(challenge(407, kProxyPlain));
+  const std::string www = own("n1");
+  const std::string proxy = own("p1");
+  set_request(request, {{"Authorization", www}, {"Proxy-Authorization", proxy}});
+  LogCapture log;
+  EXPECT_TRUE(auth.update_proxy_auth_info(&request, home, 0));
+  EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
+  Texts steps;
+  for (const std::string& text : log.texts()) {
+    for (const char* step : {"Headers to be replaced", "Removed Header", "Added Authorization", "Removing proxy-Auth",
+                             "Adding Header", "forming", "Nonce value", "Update the", "Could not", "Number of"}) {
+      if (text.starts_with(step)) steps.push_back(text);
+    }
+  }
+  EXPECT_EQ(steps, (Texts{"Number of Auth Headers in request 1 and val1 is 1",
+                          "Number of Proxy-Auth Headers in request 1 and val2 is 1",
+                          "Number of Auth Headers maintained by Proxy  2", "Headers to be replaced is " + www,
+                          "forming auth hdr object for hdrs - " + www, "Nonce value and type matched - nonce is \"n1\"",
+                          "Update the Auth header)", "Removed Header", "Added Authorization Header " + kPlainAnswer,
+                          "Headers to be replaced is " + proxy, "forming auth hdr object for hdrs - " + proxy,
+                          "Nonce value and type matched - nonce is \"p1\"", "Update the Auth header)",
+                          "Removing proxy-Auth header", "Adding Header maintained by proxy " + kProxyAnswer}));
+  EXPECT_TRUE(log.has(5, "auth_type is 1, uri is  sip:bob@home.example method is INVITE"));
+}
+
+TEST_F(Authenticate, AnAnswerToAnUnknownNonceStaysTheClientsOwn) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  for (const std::string& value : {own("other"), std::string("Digest nonce=\"n1")}) {
+    set_request(request, {{"Authorization", value}});
+    LogCapture log;
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_EQ(values("Authorization"), Texts{value});
+    EXPECT_TRUE(log.has(5, "Could not replace Auth headers - returning false") ||
+                log.has(4, "auth_hdr_obj is  NULL - returning false"));
+  }
+}
+
+TEST_F(Authenticate, ANonceIsKnownForItsKindOnly) {
+  ASSERT_TRUE(challenge(407, kPlain));
+  const std::string value = own("n1");
+  set_request(request, {{"Authorization", value}});
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(values("Authorization"), Texts{value});
+  set_request(request, {{"Proxy-Authorization", value}});
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(values("Proxy-Authorization"), Texts{kPlainAnswer});
+}
+
+TEST_F(Authenticate, AnotherNumberOfHeadersThanChallengesIsReplacedByTheProxysOwn) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  ASSERT_TRUE(challenge(407, kProxyPlain));
+  set_request(request, {{"Authorization", own("n1")}});
+  {
+    LogCapture log;
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(log.has(4, "This is Scenario 3 - not handled here - returning true"));
+    EXPECT_TRUE(log.has(5, "Scenario 3- Just Add all Headers maintained by proxy one by one"));
+    EXPECT_EQ(log.count(5, "Removed Header"), 1);
+  }
+  EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
+
+  set_request(request, {{"Authorization", own("1")}, {"Authorization", own("2")}, {"Proxy-Authorization", own("3")}});
+  LogCapture log;
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(log.count(5, "Removed Header"), 2);
+  EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
+}
+
+TEST_F(Authenticate, TheResultOfTheAddingDoesNotMatterInScenario3) {
+  home = add_domain("nameless", "", "secret");
+  ASSERT_TRUE(challenge(401, kPlain));
+  set_request(request, {{"Authorization", own("1")}, {"Authorization", own("2")}});
+  EXPECT_TRUE(auth.update_proxy_auth_info(&request, home, 0));
+  EXPECT_TRUE(values("Authorization").empty());
+}
+
+TEST_F(Authenticate, ARetransmissionDoesNotAdvanceTheCount) {
+  ASSERT_TRUE(challenge(401, kQop));
+  // The record of a new client is made from this very request, so its own count counts as seen.
+  set_request(request, {{"Authorization", own("n1", "00000001")}});
+  {
+    LogCapture log;
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(log.has(5, "Retransmission as nonce_count is same as old value"));
+  }
+  EXPECT_EQ(slot().nc, "0");
+  EXPECT_EQ(parameter("Authorization", "nc"), "0");
+
+  set_request(request, {{"Authorization", own("n1", "00000002")}});
+  {
+    LogCapture log;
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(log.has(5, "NEW transmission as nonce_count has changed"));
+    EXPECT_TRUE(log.has(5, "qop is present and this is not retransmission"));
+    EXPECT_TRUE(log.has(5, "nonce_cnt_value is 0"));
+  }
+  EXPECT_EQ(slot().nc, "1");
+  EXPECT_EQ(parameter("Authorization", "nc"), "1");
+
+  // The record now has the count of the request as it left.
+  set_request(request, {{"Authorization", own("n1", "1")}});
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(slot().nc, "1");
+}
+
+TEST_F(Authenticate, ARetransmissionIsToldByTheCountAlone) {
+  ASSERT_TRUE(challenge(401, kQop));
+  set_request(request, {{"Authorization", own("n1", "00000001")}});
+  int index = -1;
+  ASSERT_TRUE(auth.add_client_info(&request, home, "k", index));
+  LogCapture log;
+  EXPECT_FALSE(auth.is_retransmission(&request, home, index, ""));
+  EXPECT_TRUE(auth.is_retransmission(&request, home, index, "00000001"));
+  EXPECT_FALSE(auth.is_retransmission(&request, home, index, "1"));
+  EXPECT_EQ(log.texts(), (Texts{"No nonce count present - cannot say if retransmission",
+                                "Retransmission as nonce_count is same as old value",
+                                "NEW transmission as nonce_count has changed"}));
+}
+
+TEST_F(Authenticate, AnOwnHeaderWithoutQopDoesNotAdvanceTheCount) {
+  ASSERT_TRUE(challenge(401, kQop));
+  set_request(request, {{"Authorization", own("n1")}});
+  std::string value;
+  EXPECT_TRUE(auth.replace_auth_hdrs(&request, home, AUTH_WWW, own("n1").c_str(), value, 0));
+  EXPECT_EQ(slot().nc, "0");
+}
+
+TEST_F(Authenticate, ReplacingWithoutConnectionOrHeaderIsRefused) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  set_request(request);
+  LogCapture log;
+  std::string value = "untouched";
+  EXPECT_FALSE(auth.replace_auth_hdrs(nullptr, home, AUTH_WWW, own("n1").c_str(), value, 0));
+  EXPECT_FALSE(auth.replace_auth_hdrs(&request, home, AUTH_WWW, nullptr, value, 0));
+  EXPECT_EQ(log.count(4, "conn ptr is NULL  OR auth hdr is absent - returning false"), 2);
+  EXPECT_FALSE(auth.replace_auth_hdrs(&request, home, AUTH_WWW, "", value, 0));
+  EXPECT_TRUE(log.has(4, "auth_hdr_obj is  NULL - returning false"));
+  EXPECT_FALSE(auth.replace_auth_hdrs(&request, "none", AUTH_WWW, own("n1").c_str(), value, 0));
+  EXPECT_TRUE(log.has(5, "Could not replace Auth headers - returning false"));
+  EXPECT_EQ(value, "untouched");
+}
+
+TEST_F(Authenticate, SecretsAppearAtLevel5Only) {
+  LogCapture log(4);
+  ASSERT_TRUE(challenge(401, kQop));
+  EXPECT_FALSE(challenge(401, "Digest realm=\"open"));
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  set_request(request, {{"Authorization", own("1")}, {"Authorization", own("2")}});
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(log.read().find("secret"), std::string::npos);
+  EXPECT_GT(log.count(4), 0);
+}
+
+}  // namespace

@@ -79,9 +79,11 @@ bool SIPLIB_SIPAddress::parseUri(std::size_t begin, std::size_t end) {
     return !user_.empty();
   }
 
-  // Neither parameters nor headers may hold an "@" (RFC 3261 25.1), a user part may hold their separators.
+  // Neither parameters nor headers may hold an "@" (RFC 3261 25.1), a user part may hold their separators. With two of
+  // them one reader's host is another's parameter.
   const std::size_t at = text.find('@', rest);
   if (at >= uri_.end) return parseHost(rest, uri_.end);
+  if (text.find('@', at + 1) < uri_.end) return false;
   user_info_ = {rest, at + 1};
   user_ = {rest, std::min(text.find(':', rest), at)};
   return parseHost(at + 1, uri_.end);

@@ -12,9 +12,9 @@ class SIPLIB_SIPAddress {
   /// `header` is the name of the header that the value comes from ("From", "To", "Contact"): in a value without
   /// angle brackets, parameters belong to the header, not to the URI (RFC 3261 20.10), and "?" begins URI headers. Null
   /// when the value is empty, holds no URI (so for "*" too) or a sip or sips one without host or with a port that is no
-  /// number of 0 to 65535, has unbalanced quotes or brackets, CR, LF or NUL, or more parameters than the limit. URI
-  /// schemes other than sip and sips (tel:, urn:) give an object whose host is empty and whose user is the
-  /// scheme-specific part up to its first ";".
+  /// number of 0 to 65535, two "@" in the URI, unbalanced quotes or brackets, CR, LF or NUL, or more parameters than
+  /// the limit. URI schemes other than sip and sips (tel:, urn:) give an object whose host is empty and whose user is
+  /// the scheme-specific part up to its first ";".
   static SIPLIB_SIPAddress* createSIPAddressObject(std::string_view header, std::string_view value);
   ~SIPLIB_SIPAddress();
   SIPLIB_SIPAddress(const SIPLIB_SIPAddress&) = delete;

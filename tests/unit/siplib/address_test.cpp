@@ -106,6 +106,8 @@ TEST(Address, IsNotMadeOfWhatHasNoUri) {
                             "<sip:a@[::1>",
                             "<sip:a@[::1]x>",
                             "<sip:a@b@c>",
+                            "<sip:a@b;x=c@d>",
+                            "<sip:a@b?x=c@d>",
                             "<1sip:a@b>",
                             "<:a@b>",
                             "<sip>",

@@ -3,8 +3,7 @@
 // The store remembers per domain the challenges that the network sent, and per client of it what the client last sent.
 // A challenged domain's later requests, of any of its clients, leave with credentials made here from the domain's user
 // name and password. Nothing is sent from here; a false result leaves the message as it is so far and it is sent
-// anyway. What a network can make the store keep is bounded: kMaxChallenges per domain, each no larger than a message's
-// head. Loop thread only, no lock.
+// anyway. What a network can make the store keep is bounded (auth_records.h). Loop thread only, no lock.
 #pragma once
 
 #include <cstddef>
@@ -81,6 +80,8 @@ class IMS_Proxy_Authenticate {
   /// Null when there is no such position. Good until the next change of the store.
   Client_Info_T* client_at(const std::string& domain_key, int client_index);
   Auth_Hdrs_T* challenge_at(const std::string& domain_key, int auth_index);
+  /// Whether the domain can keep so many bytes of challenge more, when `replaced` bytes of what it has go.
+  static bool has_room(const Auth_Info_T& info, std::size_t added, std::size_t replaced);
   std::size_t challenge_count(const std::string& domain_key) const;
 
   std::map<std::string, Auth_Info_T> store_;

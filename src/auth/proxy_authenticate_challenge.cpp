@@ -99,7 +99,13 @@ bool IMS_Proxy_Authenticate::update_auth_info_for_response(SIPLIB_SIPTransportCo
   if (check_if_auth_hdr_present(domain_key, type, realm, index)) {
     IMS_log::loginfo(5, __func__, "Auth Header is already present in Proxy - auth index %d", index);
     update_nonce(domain_key, index, nonce);
-    challenge_at(domain_key, index)->auth_hdr = auth_hdr;
+    std::string& stored = challenge_at(domain_key, index)->auth_hdr;
+    if (!has_room(*auth_info(domain_key), auth_hdr.size(), stored.size())) {
+      IMS_log::loginfo(4, __func__, "New challenge of %zu bytes is not kept, domain %s realm %s", auth_hdr.size(),
+                       domain_key.c_str(), realm.c_str());
+      return false;
+    }
+    stored = auth_hdr;
     return true;
   }
   const std::size_t before = challenge_count(domain_key);

@@ -77,9 +77,9 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
                      found->second.password.c_str());
   }
   std::vector<Auth_Hdrs_T>& challenges = found->second.auth_hdrs;
-  if (challenges.size() >= kMaxChallenges) {
-    IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - that of realm %s is not kept",
-                     domain_key.c_str(), challenges.size(), realm.c_str());
+  if (challenges.size() >= kMaxChallenges || !has_room(found->second, auth_hdr.size(), 0)) {
+    IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - one of %zu bytes is not kept, realm %s",
+                     domain_key.c_str(), challenges.size(), auth_hdr.size(), realm.c_str());
     return;
   }
   challenges.push_back({type, realm, auth_hdr, {{{3, nonce, "0"}, {}, {}}}});
@@ -238,6 +238,12 @@ Auth_Hdrs_T* IMS_Proxy_Authenticate::challenge_at(const std::string& domain_key,
   if (found == store_.end() || auth_index < 0) return nullptr;
   const auto index = static_cast<std::size_t>(auth_index);
   return index < found->second.auth_hdrs.size() ? &found->second.auth_hdrs[index] : nullptr;
+}
+
+bool IMS_Proxy_Authenticate::has_room(const Auth_Info_T& info, std::size_t added, std::size_t replaced) {
+  std::size_t bytes = added;
+  for (const Auth_Hdrs_T& challenge : info.auth_hdrs) bytes += challenge.auth_hdr.size();
+  return bytes - replaced <= kMaxChallengeBytes;
 }
 
 std::size_t IMS_Proxy_Authenticate::challenge_count(const std::string& domain_key) const {

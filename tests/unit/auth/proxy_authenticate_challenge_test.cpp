@@ -192,6 +192,25 @@ TEST_F(Authenticate, TenThousandRealmsAreBounded) {
   EXPECT_EQ(values("Authorization").size(), kMaxChallenges);
 }
 
+TEST_F(Authenticate, TheTextOfADomainsChallengesIsBounded) {
+  const auto sized = [](const std::string& realm, std::size_t bytes) {
+    return "Digest realm=\"" + realm + "\", nonce=\"" + std::string(bytes, 'n') + "\"";
+  };
+  LogCapture log(4);
+  EXPECT_TRUE(challenge(401, sized("a", 15000)));
+  EXPECT_TRUE(challenge(401, sized("b", 15000)));
+  EXPECT_FALSE(challenge(401, sized("c", 15000)));
+  EXPECT_EQ(log.count(4), 1);
+  EXPECT_TRUE(challenge(401, sized("c", 1000)));
+  EXPECT_FALSE(challenge(401, sized("c", 15000)));  // a known realm's text does not grow beyond it either
+  EXPECT_EQ(log.count(4), 2);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[2].auth_hdr, sized("c", 1000));
+  EXPECT_TRUE(challenge(401, sized("a", 15001)));  // what it replaces does not count
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(values("Authorization").size(), 3U);
+}
+
 TEST_F(Authenticate, AChallengeWithoutRealmOrNonceIsAnsweredWithEmptyOnes) {
   ASSERT_TRUE(challenge(401, "Digest"));
   ASSERT_TRUE(challenge(401, "Digest"));  // the same again

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "framework/log.h"
@@ -46,6 +47,18 @@ struct ControlChannel::State {
   std::atomic<int> waiting{0};
   std::atomic<bool> paused{false};
 
+  void hand(const char* bytes, std::size_t length) {
+    std::unique_ptr<char[]> text(new (std::nothrow) char[length + 1]);
+    if (!text) {
+      IMS_log::loginfo(3, "read", "control channel: a text lost, no memory");
+      return;
+    }
+    std::memcpy(text.get(), bytes, length);
+    text[length] = '\0';
+    ++waiting;
+    take(std::move(text));
+  }
+
   void read() {
     char buffer[kMaxControlText];
     for (int i = 0; i < kTextsPerTurn; ++i) {
@@ -64,11 +77,7 @@ struct ControlChannel::State {
                          sizeof buffer);
         continue;
       }
-      auto text = std::make_unique<char[]>(length + 1);
-      std::memcpy(text.get(), buffer, length);
-      text[length] = '\0';
-      ++waiting;
-      take(std::move(text));
+      hand(buffer, length);
     }
   }
 };
@@ -122,7 +131,8 @@ bool ControlChannel::listen(siplib::Reactor& reactor, std::function<void(std::un
   State* const state = state_.get();
   state_->watch = reactor.watch(
       state->descriptor, [state] { state->read(); }, [] {});
-  state_->watch->wantRead(true);
+  if (!state->watch) return false;
+  state->watch->wantRead(true);
   return true;
 }
 

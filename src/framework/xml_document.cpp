@@ -92,9 +92,14 @@ const char* findRefused(std::string_view text, std::size_t& at) {
   return nullptr;
 }
 
-struct FirstFault {
-  std::string* error;
-  bool seen = false;
+// Reporting one fault costs microseconds, and a text can have one at every third byte.
+constexpr int kMaxTolerated = 100;
+
+/// What is wrong with the text being parsed. Faults that leave it well-formed (of namespaces) are counted only.
+struct Faults {
+  std::string* first;
+  bool fatal = false;
+  int tolerated = 0;
 };
 
 // libxml2 2.12 made the pointer const.
@@ -105,12 +110,19 @@ using ErrorPtr = xmlErrorPtr;
 #endif
 
 void keepFirst(void* user, ErrorPtr fault) {
-  auto* const first = static_cast<FirstFault*>(static_cast<xmlParserCtxtPtr>(user)->_private);
-  if (first->seen || fault->level < XML_ERR_ERROR) return;
-  first->seen = true;
-  std::string_view text = fault->message == nullptr ? "not well-formed" : fault->message;
-  while (text.ends_with('\n')) text.remove_suffix(1);
-  say(*first->error, fault->line, text);
+  auto* const parser = static_cast<xmlParserCtxtPtr>(user);
+  auto* const faults = static_cast<Faults*>(parser->_private);
+  if (fault->level != XML_ERR_FATAL && ++faults->tolerated < kMaxTolerated) return;
+  if (!faults->fatal) {
+    std::string_view text = fault->message == nullptr ? "not well-formed" : fault->message;
+    while (text.ends_with('\n')) text.remove_suffix(1);
+    say(*faults->first, fault->line, text);
+  }
+  faults->fatal = true;
+  // Ends the parsing and silences what it still says. xmlStopParser would free the text under the parser's feet.
+  parser->wellFormed = 0;
+  parser->disableSAX = 1;
+  parser->instate = XML_PARSER_EOF;
 }
 
 void ignoreFault(void*, ErrorPtr) {
@@ -159,13 +171,13 @@ bool XmlDocument::parse(const char* text, std::size_t length, std::string& error
     error = "no memory";
     return false;
   }
-  FirstFault fault{&error};
-  parser->_private = &fault;
+  Faults faults{&error};
+  parser->_private = &faults;
   parser->sax->serror = keepFirst;
   document_ =
       xmlCtxtReadMemory(parser.get(), whole.data(), static_cast<int>(whole.size()), nullptr, nullptr, XML_PARSE_NONET);
   if (document_ == nullptr) {
-    if (!fault.seen) error = "not well-formed";
+    if (!faults.fatal) error = "not well-formed";
     return false;
   }
   // Numbers the elements, so that ordering the nodes that an expression finds stays linear.

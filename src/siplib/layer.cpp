@@ -30,7 +30,8 @@ bool saysTerminated(const SIPLIB_message& notify) {
 }
 
 std::string bracketed(std::string_view ip) {
-  return ip.find(':') == std::string_view::npos ? std::string(ip) : '[' + std::string(ip) + ']';
+  const bool bare = ip.find(':') != std::string_view::npos && !ip.starts_with('[');
+  return bare ? '[' + std::string(ip) + ']' : std::string(ip);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <osip2/osip.h>
 #include <osipparser2/osip_parser.h>
 
+#include <cstdarg>
 #include <string>
 
 #include "siplib/reason.h"
@@ -146,6 +147,12 @@ class OsipMachines final : public Machines {
 }  // namespace
 
 std::unique_ptr<Machines> Machines::create() {
+  // Without a function of ours it writes its complaints of a peer's headers to the standard output.
+  static const bool silent = [] {
+    osip_trace_initialize_func(OSIP_FATAL, [](const char*, int, osip_trace_level_t, const char*, va_list) {});
+    return true;
+  }();
+  static_cast<void>(silent);
   osip_t* osip = nullptr;
   if (osip_init(&osip) != OSIP_SUCCESS) return nullptr;
   return std::make_unique<OsipMachines>(osip);

@@ -183,6 +183,17 @@ TEST_F(TransactionLayerTest, BadRequestsAreAnswered400OrDropped) {
   }
 }
 
+TEST_F(TransactionLayerTest, NothingIsWrittenToTheOutputs) {
+  Request request;
+  request.from = "\"alice <sip:alice@127.0.0.1>;tag=a1";
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  receive(request.text());
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());
+  EXPECT_EQ(1u, udp->count());
+}
+
 TEST_F(TransactionLayerTest, TheLargestCSeqIsTaken) {
   Request request;
   request.cseq = "2147483647";

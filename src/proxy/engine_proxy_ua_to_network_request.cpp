@@ -99,8 +99,7 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
   std::string ip;
   int port = 0;
   if (!forwarding::current_address(__func__, domain_key, *domain, "TCP", ip, port)) return false;
-  const std::string host = forwarding::uri_host(ip);
-  via_header->setParameter("host", host);
+  via_header->setParameter("host", ip);
   via_header->setParameter("port", IMS_utility::itostring(port));
   via_header->getHeaderValue(via);
   via += tags;
@@ -112,7 +111,7 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
       IMS_log::loginfo(3, __func__, "createSIPAddressObject failed for addr");
       return false;
     }
-    address->setHost(host);
+    address->setHost(ip);
     address->setPort(port);
     address->setUser("");
     contact = address->toString();

@@ -17,11 +17,6 @@ int position(const std::string& text, const char* mark) {
   return at == std::string::npos ? -1 : static_cast<int>(at);
 }
 
-std::string uri_host(const std::string& ip) {
-  const bool bare_ipv6 = ip.find(':') != std::string::npos && ip.front() != '[';
-  return bare_ipv6 ? "[" + ip + "]" : ip;
-}
-
 void insert_tags(std::string& contact, const std::string& tags) {
   const std::size_t end_of_uri = contact.find('>');
   if (end_of_uri != std::string::npos) contact.insert(end_of_uri, tags);

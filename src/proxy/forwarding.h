@@ -19,8 +19,6 @@ inline constexpr const char* kNoBranch = "z9hG4bK-nobranch";
 
 /// Where `mark` begins in `text`, for comparing and logging; -1 when it is absent.
 int position(const std::string& text, const char* mark);
-/// An address as it stands in a Via or URI: an IPv6 one in brackets (RFC 3261 25.1, IPv6reference).
-std::string uri_host(const std::string& ip);
 /// Puts `tags` right before the first ">"; a contact without one stays as it is.
 void insert_tags(std::string& contact, const std::string& tags);
 /// Removes everything from the first occurrence of `mark` on.

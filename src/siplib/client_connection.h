@@ -54,6 +54,8 @@ class ClientConnection final : public SIPLIB_SIPClientConnection {
   std::deque<SIPLIB_SIPMessageHandle> inbox_;
   /// Notifications raised, or about to be, that receive has not answered yet: events that may still name this object.
   std::size_t owed_ = 0;
+  /// Released: the turn in which it was, or in which the last of these events was handled.
+  std::uint64_t turn_ = 0;
   bool released_ = false;
 };
 

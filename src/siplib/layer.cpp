@@ -479,11 +479,13 @@ void Layer::sent(ClientConnection& connection, const SIPLIB_message& request) {
 SIPLIB_SIPMessageHandle Layer::nextAnswer(ClientConnection& connection) {
   const std::lock_guard lock(mutex_);
   SIPLIB_SIPMessageHandle answer;
-  if (!connection.inbox_.empty()) {
+  if (connection.released_) {
+    eventHandled(connection);
+  } else if (!connection.inbox_.empty()) {
     answer = std::move(connection.inbox_.front());
     connection.inbox_.pop_front();
+    --connection.owed_;
   }
-  if (connection.owed_ > 0) --connection.owed_;
   return answer;
 }
 
@@ -622,13 +624,15 @@ bool Layer::close(SIPLIB_SIPConnection* connection) {
       closeLocked(*client->second);
       return true;
     }
-    const auto found = servers_.find(connection);
-    if (found != servers_.end()) server = found->second.get();
     const auto same = [&](const auto& closed) { return closed.get() == connection; };
-    if (!server) {
-      return std::any_of(closed_servers_.begin(), closed_servers_.end(), same) ||
-             std::any_of(closed_clients_.begin(), closed_clients_.end(), same);
+    const auto late = std::find_if(closed_clients_.begin(), closed_clients_.end(), same);
+    if (late != closed_clients_.end()) {
+      eventHandled(**late);
+      return true;
     }
+    const auto found = servers_.find(connection);
+    if (found == servers_.end()) return std::any_of(closed_servers_.begin(), closed_servers_.end(), same);
+    server = found->second.get();
   }
   server->release();
   return true;
@@ -652,10 +656,19 @@ void Layer::closeLocked(ClientConnection& connection) {
   if (connection.transaction_) connection.transaction_->client_connection = nullptr;
   connection.transaction_ = nullptr;
   connection.inbox_.clear();
+  connection.turn_ = turn_;
   const auto held = clients_.find(&connection);
   closed_clients_.push_back(std::move(held->second));
   clients_.erase(held);
   to_free_ = true;
+}
+
+// A receive or close of a released connection, in a later turn than its release: an event that named it has come to its
+// end. One event a turn.
+void Layer::eventHandled(ClientConnection& connection) {
+  if (connection.owed_ == 0 || connection.turn_ == turn_) return;
+  --connection.owed_;
+  connection.turn_ = turn_;
 }
 
 void Layer::endTurn() {
@@ -664,6 +677,7 @@ void Layer::endTurn() {
   std::vector<std::unique_ptr<ClientConnection>> clients;
   std::vector<std::shared_ptr<Dialog>> dialogs;
   const std::lock_guard lock(mutex_);  // Opens before they go.
+  ++turn_;
   servers.swap(closed_servers_);
   dialogs.swap(ended_dialogs_);
   std::deque<std::unique_ptr<ClientConnection>> owing;

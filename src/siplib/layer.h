@@ -130,6 +130,7 @@ class Layer final : public TransactionLayer {
   void endDialog(const std::shared_ptr<Dialog>& dialog, bool tell);
   void closeLocked(ServerConnection& connection);
   void closeLocked(ClientConnection& connection);
+  void eventHandled(ClientConnection& connection);
   void wakeAt(Clock::time_point due);
   static SIPLIB_SIPMessageHandle timeoutFor(const Head& head);
 
@@ -178,6 +179,8 @@ class Layer final : public TransactionLayer {
   std::deque<std::unique_ptr<ClientConnection>> closed_clients_;
   std::vector<std::shared_ptr<Dialog>> ended_dialogs_;
   std::atomic<bool> to_free_{false};
+  /// Counts the turns in which there was something to free.
+  std::uint64_t turn_ = 0;
 };
 
 }  // namespace siplib

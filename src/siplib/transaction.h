@@ -46,8 +46,8 @@ class SIPLIB_SIPServerConnection : public SIPLIB_SIPMessageConnection {
 /// A request that is sent, and its answers. receive() makes the next answer the current message; -1 when there is none,
 /// because the use has ended since the notification was raised: the event is void then.
 ///
-/// The object outlives its use until each notification raised for it was answered by a receive(), so an event that
-/// still waits in a queue never names freed memory.
+/// The object outlives its use until each notification raised for it was answered by a receive(), or by a receive() or
+/// close in a later turn than its release: an event that still waits in a queue never names freed memory.
 class SIPLIB_SIPClientConnection : public SIPLIB_SIPMessageConnection {
  public:
   /// Null: answers are absorbed without notice.
@@ -57,9 +57,9 @@ class SIPLIB_SIPClientConnection : public SIPLIB_SIPMessageConnection {
   virtual int initRequest(std::string_view method, std::string_view request_uri, std::string_view from,
                           std::string_view to) = 0;
   /// 0 when the transaction is well; not 0 when the answer could not be taken in, or the use has ended (released, or
-  /// the dialog is over): whoever takes an event from a queue asks this first and drops it, with a receive(), when it
-  /// is not 0. A request that no answer reached in 64*T1 or that could not be sent gets the status 408 (RFC
-  /// 3261 8.1.3.1) and is well.
+  /// the dialog is over): whoever takes an event from a queue asks this first, and when it is not 0 closes the
+  /// connection and drops the event. A request that no answer reached in 64*T1 or that could not be sent gets the
+  /// status 408 (RFC 3261 8.1.3.1) and is well.
   virtual int getTransactionStatus() const = 0;
   /// Ends the user's use; late answers are absorbed.
   virtual void release() = 0;

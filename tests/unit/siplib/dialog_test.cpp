@@ -267,6 +267,26 @@ TEST_F(DialogTest, AnAnswerInTheQueueNeverReachesALaterSubscriber) {
   EXPECT_FALSE(layer->close(connection));
 }
 
+TEST_F(DialogTest, AVoidEventIsDroppedWithAClose) {
+  SIPLIB_SIPDialog* dialog = subscribed();
+  SIPLIB_SIPClientConnection* connection = notify(dialog);
+  receive(answerTo(*last(), 183));
+  receive(answerTo(*last(), 200));
+  ASSERT_TRUE(until([&] { return user.answers.size() == 2; }));
+  notify(dialog, "terminated");
+  // In the turn of its end a close stands for no event.
+  EXPECT_TRUE(layer->close(connection));
+  EXPECT_TRUE(layer->close(connection));
+  layer->endTurn();
+  for (int event = 0; event < 2; ++event) {
+    EXPECT_NE(0, connection->getTransactionStatus());
+    EXPECT_TRUE(layer->close(connection));
+    EXPECT_TRUE(layer->close(connection));
+    layer->endTurn();
+  }
+  EXPECT_FALSE(layer->close(connection));
+}
+
 TEST_F(DialogTest, EndedWithinTheTurnOfTheAnswerThatEndsIt) {
   SIPLIB_SIPDialog* dialog = subscribed();
   SIPLIB_SIPClientConnection* connection = notify(dialog);

@@ -1,0 +1,111 @@
+// What transactions and dialogs read of a message.
+#include "siplib/transaction_head.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "siplib/reason.h"
+#include "siplib/transaction_fakes.h"
+
+namespace {
+
+using transaction_fakes::parsed;
+using transaction_fakes::Request;
+
+siplib::Head headOf(const Request& request) {
+  siplib::Head head;
+  EXPECT_EQ(nullptr, siplib::readHead(*parsed(request.text()), head));
+  return head;
+}
+
+TEST(TransactionHead, ReadsWhatIsThere) {
+  Request request;
+  request.via = "SIP/2.0/UDP [::1]:5071;rport;branch=z9hG4bKx";
+  request.from = "\"a;tag=no\" <sip:a@127.0.0.1;tag=no>;x=y;TAG=f1";
+  request.to = "sip:b@127.0.0.1;tag=t1";
+  request.cseq = "007";
+  const siplib::Head head = headOf(request);
+  EXPECT_EQ(request.via, head.via);
+  EXPECT_EQ("z9hG4bKx", head.branch);
+  EXPECT_EQ(5071, head.sent_by_port);
+  EXPECT_TRUE(head.rport);
+  EXPECT_EQ("f1", head.from_tag);
+  EXPECT_EQ("t1", head.to_tag);
+  EXPECT_EQ("call-1", head.call_id);
+  EXPECT_EQ(7u, head.number);
+  EXPECT_EQ("REGISTER", head.method);
+}
+
+TEST(TransactionHead, AViaWithoutPortMeans5060) {
+  Request request;
+  request.via = "SIP/2.0/UDP 127.0.0.1";
+  const siplib::Head head = headOf(request);
+  EXPECT_EQ(5060, head.sent_by_port);
+  EXPECT_EQ("", head.branch);
+  EXPECT_FALSE(head.rport);
+}
+
+TEST(TransactionHead, UrisAreFoundWithinValues) {
+  struct Row {
+    const char* value;
+    const char* uri;
+  };
+  const Row rows[] = {
+      {"<sip:a@127.0.0.1;lr>;q=1", "sip:a@127.0.0.1;lr"},
+      {"\"<sip:x@y>\" <sip:a@b>", "sip:a@b"},
+      {"\"quote \\\" <\" <sip:a@b?subject=x>", "sip:a@b"},
+      {"sip:a@b;expires=3", "sip:a@b"},
+      {"sip:a@b?x=y", "sip:a@b"},
+      {"< sip:a@b >", "sip:a@b"},
+      {"<sip:a@b", ""},
+      {"\"open <sip:a@b>", ""},
+      {"", ""},
+  };
+  for (const Row& row : rows) EXPECT_EQ(row.uri, siplib::uriWithin(row.value)) << row.value;
+}
+
+TEST(TransactionHead, AHopIsALiteralAddress) {
+  const siplib::Hop plain = siplib::hopOf("sip:a@127.0.0.3");
+  EXPECT_EQ("127.0.0.3", plain.ip);
+  EXPECT_EQ(5060, plain.port);
+  EXPECT_EQ("", plain.transport);
+  const siplib::Hop v6 = siplib::hopOf("sip:[2001:db8::1]:5099;transport=TCP");
+  EXPECT_EQ("2001:db8::1", v6.ip);
+  EXPECT_EQ(5099, v6.port);
+  EXPECT_EQ("tcp", v6.transport);
+  EXPECT_EQ("", siplib::hopOf("sip:a@host.example").ip);
+  EXPECT_EQ("", siplib::hopOf("sips:a@127.0.0.1").ip);
+  EXPECT_EQ("", siplib::hopOf("tel:+1").ip);
+  EXPECT_EQ("", siplib::hopOf("").ip);
+}
+
+TEST(TransactionHead, ContactsNameAddressAndTransport) {
+  EXPECT_EQ("<sip:127.0.0.1:5060>", siplib::contactValue("127.0.0.1", 5060, false));
+  EXPECT_EQ("<sip:[::1]:5061;transport=tcp>", siplib::contactValue("::1", 5061, true));
+}
+
+TEST(TransactionHead, BranchesAndTagsAreNewEachTime) {
+  EXPECT_NE(siplib::newTag(), siplib::newTag());
+  EXPECT_NE(siplib::newBranch(), siplib::newBranch());
+  EXPECT_TRUE(siplib::newBranch().starts_with("z9hG4bK"));
+}
+
+TEST(TransactionHead, AnAnswerToARequestWithoutHeadersIsStillAMessage) {
+  const SIPLIB_SIPMessageHandle answer(siplib::newAnswer(*parsed("OPTIONS sip:a SIP/2.0\r\n\r\n"), 400, "t"));
+  EXPECT_EQ(0u, answer->text().find("SIP/2.0 400 Bad Request\r\n"));
+  EXPECT_FALSE(answer->header("To"));
+}
+
+TEST(ReasonPhrase, EachStatusHasOne) {
+  EXPECT_EQ("OK", siplib::reasonPhrase(200));
+  EXPECT_EQ("Unauthorized", siplib::reasonPhrase(401));
+  EXPECT_EQ("Bad Event", siplib::reasonPhrase(489));
+  EXPECT_EQ("OK", siplib::reasonPhrase(299));
+  EXPECT_EQ("Bad Request", siplib::reasonPhrase(499));
+  EXPECT_EQ("", siplib::reasonPhrase(99));
+  EXPECT_EQ("", siplib::reasonPhrase(700));
+  for (int status = 100; status < 700; ++status) EXPECT_NE("", siplib::reasonPhrase(status)) << status;
+}
+
+}  // namespace

@@ -1,4 +1,5 @@
 # Includes go one way: siplib <- framework <- {routing, auth, registrar, proxy, engine} <- main. Run with -DROOT=...
+cmake_minimum_required(VERSION 3.25)
 
 set(allowed_siplib siplib)
 set(allowed_framework siplib framework)

@@ -87,7 +87,7 @@ int IMS_engine_proxy::handle_default_tcp_connection_closed(void* data) {
   int peer_port = 0, source_port = 0;
   client->getPeerAddress(peer_ip, peer_port);
   client->getSourceAddress(source_ip, source_port);
-  IMS_log::loginfo(5, __func__, "conn=%p (src,dest)= (%s:%d, %s:%d)", static_cast<void*>(client), source_ip.c_str(),
+  IMS_log::loginfo(5, __func__, "conn=%p (src,dst)= (%s:%d, %s:%d)", static_cast<void*>(client), source_ip.c_str(),
                    source_port, peer_ip.c_str(), peer_port);
   close_client_connection(client);
   IMS_log::loginfo(5, __func__, "Closing Client Connection conn=%p", static_cast<void*>(client));

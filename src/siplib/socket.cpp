@@ -44,6 +44,8 @@ OpenedConnection connectOnce(const SocketAddress& source, const SocketAddress& d
   }
   turnOn(socket.get(), IPPROTO_TCP, TCP_NODELAY);
   turnOn(socket.get(), SOL_SOCKET, SO_REUSEPORT);  // shares the port with our own listener
+  // Left in TIME_WAIT it would otherwise keep the listener of a restarted process from the port for a minute.
+  turnOn(socket.get(), SOL_SOCKET, SO_REUSEADDR);
   if (::bind(socket.get(), source.data(), source.size()) != 0) {
     opened.error = errno;
     return opened;

@@ -69,7 +69,7 @@ class OverUdp(ProxyCase):
         self.proxy.wait_log("ERROR: check why scli is not present")
 
     def test_forged_keys_do_no_harm(self):
-        for keys in ("scli=9;dcli=9", "scli=1;dcli=", "scli=;dcli=1", "scli=1;dcli=99", "scli=1"):
+        for keys in ("scli=9;dcli=9", "scli=1;dcli=", "scli=1;dcli=99", "scli=1"):
             self.alice.send(self.request("INFO", f"sip:x@127.0.0.1;{keys}", "alice", "bob", self.alice))
         self.alice.send(self.request("MESSAGE", "sip:bob@127.0.0.1", "alice", "bob", self.alice, body="still"))
         self.assertEqual(self.bob.receive().body, b"still")

@@ -17,10 +17,7 @@ class SippCalls(ProxyCase):
         self.register(5071)
         network = self.keep(peers.Sipp("network_answers.xml", ip="127.0.0.3", port=5060, transport=sipp_transport,
                                        calls=calls))
-        if transport == "TCP":
-            sip.wait_until(lambda: _listens(("127.0.0.3", 5060)), 10, "sipp listening")
-        else:
-            network.wait_output("SIPp|Scenario|call", 10)
+        network.wait_bound(transport.lower())
         self.set_route("1", f"127.0.0.3:{transport}:5060")
         if listener:
             listener.close()
@@ -35,14 +32,6 @@ class SippCalls(ProxyCase):
 
     def test_calls_over_tcp(self):
         self.call("TCP", "t1", 20)
-
-
-def _listens(address):
-    try:
-        sip.connect(address, timeout=0.3).close()
-        return True
-    except OSError:
-        return False
 
 
 class ThroughKamailio(ProxyCase):

@@ -11,7 +11,7 @@ class Registration(ProxyCase):
         self.assertEqual(answer.get("Zel-Profile-ID"), "1")
         self.assertEqual(answer.get("Expires"), "3600")
         self.assertEqual(answer.get("Contact"), "<sip:127.0.0.1:5071>")
-        self.assertTrue(self.proxy.has("Successfully Added client key=1"))
+        self.assertTrue(self.proxy.has("Successfully Added Client key=1"))
 
     def test_internal_client_gets_no_profile_id(self):
         answer = self.register(5072, sip.MODULE_INFO.format(packages="presence"), user="module")
@@ -42,7 +42,7 @@ class Registration(ProxyCase):
         self.register(5071, cseq=1)
         answer = self.register(5071, cseq=2, expires=0)
         self.assertEqual(answer.get("Expires"), "0")
-        self.assertTrue(self.proxy.has("Delete Client is Successful"))
+        self.proxy.wait_log("Delete Client is Successful")
         self.register(5071, cseq=3, call_id="again@127.0.0.1")
 
     def test_refusals(self):
@@ -80,7 +80,7 @@ class NetworkSide(ProxyCase):
         stream = self.connect(to=("127.0.0.2", 5060), source=("127.0.0.3", 0))
         stream.send(sip.register(5071, sip.ua_info(), via="127.0.0.3:5060", transport="TCP"))
         self.assertEqual(stream.receive().status, 403)
-        self.assertFalse(self.proxy.has("Successfully Added client key=1"))
+        self.assertFalse(self.proxy.has("Successfully Added Client key=1"))
 
 
 if __name__ == "__main__":

@@ -125,6 +125,7 @@ class Sipp(Child):
     def __init__(self, scenario, *, ip, port, remote=None, transport="u1", calls=1, rate=10, keys=None, service="bob",
                  extra=()):
         self.work = tempfile.mkdtemp(prefix="ue-proxy-sipp-")
+        self.port = port
         command = ["sipp", "-sf", os.path.join(SCENARIOS, scenario), "-i", ip, "-p", str(port), "-t", transport, "-m",
                    str(calls), "-r", str(rate), "-nostdin", "-trace_err", "-trace_screen", "-timeout", "120", "-s", service,
                    "-timeout_error", *extra]
@@ -133,6 +134,15 @@ class Sipp(Child):
         if remote:
             command.append(remote)
         super().__init__(command, self.work, "sipp", dict(os.environ, TERM="dumb"))
+
+    def wait_bound(self, protocol, timeout=10.0):
+        """Until its socket of `protocol` ("udp", "tcp") is there."""
+        port = f":{self.port:04X} "
+
+        def bound():
+            with open(f"/proc/net/{protocol}", encoding="ascii") as table:
+                return any(port in line.split(" ", 6)[-1] or port in line[:40] for line in table)
+        sip.wait_until(bound, timeout, "sipp's socket")
 
     def errors(self):
         text = ""
@@ -171,7 +181,7 @@ class Baresip(Child):
         arguments = []
         for command in commands:
             arguments += ["-e", command]
-        super().__init__(["baresip", "-4", "-s", "-v", "-f", self.work, *arguments], self.work, "baresip",
+        super().__init__(["stdbuf", "-oL", "-eL", "baresip", "-4", "-s", "-v", "-f", self.work, *arguments], self.work, "baresip",
                          dict(os.environ, HOME=self.work))
 
     def close(self):

@@ -57,7 +57,8 @@ class UeProxy:
         if os.path.exists(cap):
             os.unlink(cap)
         environment = {k: v for k, v in os.environ.items() if k != "JOURNAL_STREAM"}
-        environment.setdefault("ASAN_OPTIONS", "detect_leaks=1:exitcode=99")
+        # A small quarantine, so that resident memory says something under AddressSanitizer too.
+        environment.setdefault("ASAN_OPTIONS", "detect_leaks=1:exitcode=99:quarantine_size_mb=4")
         environment.setdefault("TSAN_OPTIONS", "exitcode=98:halt_on_error=0")
         environment.setdefault("UBSAN_OPTIONS", "print_stacktrace=1")
         self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
@@ -87,7 +88,7 @@ class UeProxy:
         """(level, function, text) of every line."""
         found = []
         for line in self.log().splitlines():
-            match = re.match(r"\S+ ue-proxy\[\d+\] (\d) (\w+): (.*)", line)
+            match = re.match(r"\S+ ue-proxy\[\d+\] (\d) (~?\w+): (.*)", line)
             if match and (level is None or int(match.group(1)) == level):
                 found.append((int(match.group(1)), match.group(2), match.group(3)))
         return found
@@ -144,14 +145,23 @@ class ProxyCase(unittest.TestCase):
     options = {}
 
     def setUp(self):
+        self.open = []
         self.proxy = UeProxy(**self.options)
         self.addCleanup(self.proxy.remove)
-        self.open = []
+        self.addCleanup(self.clean_up)
+
+    def clean_up(self):
+        """What tearDown does not reach when setUp failed."""
+        for peer in self.open:
+            peer.close()
+        if self.proxy.alive():
+            self.proxy.kill()
+        self.proxy.log_file.close()
 
     def tearDown(self):
         for peer in self.open:
             peer.close()
-        failed = any(error for _, error in getattr(getattr(self, "_outcome", None), "errors", []) or [])
+        failed = not getattr(getattr(self, "_outcome", None), "success", True)
         alive = self.proxy.alive()
         if failed:
             print(f"--- log of {self.id()}\n{self.proxy.log()[-6000:]}")

@@ -190,7 +190,7 @@ TEST_F(Connections, LostToANetworkProxyAreReopenedWithPeerAndSourceSwapped) {
   for (const auto& line : lines)
     if (line.function == "handle_default_tcp_connection_closed") own.push_back(line.text);
   EXPECT_EQ(own, (std::vector<std::string>{format("conn=%p", lost), "Tcp Client Connection ",
-                                           format("conn=%p (src,dest)= (127.0.0.2:5060, 127.0.0.3:5070)", lost),
+                                           format("conn=%p (src,dst)= (127.0.0.2:5060, 127.0.0.3:5070)", lost),
                                            format("Closing Client Connection conn=%p", lost),
                                            "key=" + key + format(", tcp_client_conn=%p", reopened)}));
 }

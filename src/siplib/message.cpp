@@ -154,15 +154,18 @@ std::string_view SIPLIB_message::parse(std::string_view text) {
   while (text.starts_with(kCrLf)) text.remove_prefix(2);
   if (text.empty()) return "the message is empty";
 
-  const std::string_view window = text.substr(0, limits.max_head);
-  const std::size_t blank_line = window.find("\r\n\r\n");
-  if (blank_line == std::string_view::npos) {
-    return text.size() > limits.max_head ? "the head is larger than the limit" : "the head has no end";
+  // Line ends up to the blank line. Start line and blank line are no headers; continuations count, as they cost as
+  // much.
+  std::string_view head;
+  std::size_t line_ends = 0;
+  for (std::size_t at = 0; !head.ends_with("\r\n\r\n"); ++line_ends) {
+    at = text.find('\n', at) + 1;
+    if (at > limits.max_head) return "the head is larger than the limit";
+    if (at == 0) return text.size() > limits.max_head ? "the head is larger than the limit" : "the head has no end";
+    head = text.substr(0, at);
   }
-  const std::string_view head = text.substr(0, blank_line + 4);
   if (head.find('\0') != std::string_view::npos) return "the head holds a NUL";
-  // Start line and blank line are none; continuations count, as they cost as much.
-  const auto lines = static_cast<std::size_t>(std::count(head.begin(), head.end(), '\n')) - 2;
+  const std::size_t lines = line_ends - 2;
   if (lines > limits.max_header_lines) return "there are more header lines than the limit";
 
   line_room_ = static_cast<std::uint32_t>(lines + kSpareLines);

@@ -279,4 +279,15 @@ TEST_F(NetworkToUaRequest, AConnectionThatTakesNothingGetsOneLine) {
   EXPECT_EQ(log.count(3), 1) << log.read();
 }
 
+TEST_F(NetworkToUaRequest, AUdpConnectionThatTakesNothingIsClosedWithOneLine) {
+  DeafConnector deaf;
+  IMS_User_Agent::ua_connector = &deaf;
+  LogCapture log(4);
+  forward(kUdp, network_udp, fromNetwork("MESSAGE", kUdpVia));
+  ASSERT_EQ(deaf.udp_clients.size(), 1U);
+  EXPECT_TRUE(deaf.closed(deaf.udp_clients[0].get()));
+  EXPECT_TRUE(log.has_part(3, " of client key=" + key + ", message dropped"));
+  EXPECT_EQ(log.count(3), 1);
+}
+
 }  // namespace

@@ -150,6 +150,17 @@ TEST_F(NetworkToUaResponse, AConnectionThatTakesNothingGetsOneLine) {
   EXPECT_EQ(log.count(3), 1);
 }
 
+TEST_F(NetworkToUaResponse, AUdpConnectionThatTakesNothingIsClosedWithOneLine) {
+  DeafConnector deaf;
+  IMS_User_Agent::ua_connector = &deaf;
+  LogCapture log(4);
+  udpMessage(response("SIP/2.0/UDP 127.0.0.2:5060;branch=z9hG4bK-1;mok=" + key + ";st=0"));
+  ASSERT_EQ(deaf.udp_clients.size(), 1U);
+  EXPECT_TRUE(deaf.closed(deaf.udp_clients[0].get()));
+  EXPECT_TRUE(log.has_part(3, " of client key=" + key + ", message dropped"));
+  EXPECT_EQ(log.count(3), 1);
+}
+
 class Challenge : public NetworkToUaResponse {
  protected:
   Challenge() {
@@ -192,6 +203,16 @@ TEST_F(Challenge, ToARegisterWithAProfileIsRecordedForThatProfilesDomain) {
   EXPECT_NE(auth->auth_info(named), nullptr);
   EXPECT_EQ(auth->auth_info(own), nullptr);
   EXPECT_EQ(ua.sent.size(), 1U);
+}
+
+/// The profile is read before the Via is restored, which may cut it away.
+TEST_F(Challenge, FindsAProfileThatStandsBehindTheClientTag) {
+  tcp(response("SIP/2.0/TCP 127.0.0.2:5060;branch=z9hG4bK-1;mok=" + client + ";profile=22;st=" + tag, challenge(),
+               401));
+  EXPECT_NE(auth->auth_info(named), nullptr);
+  EXPECT_EQ(auth->auth_info(own), nullptr);
+  ASSERT_EQ(ua.sent.size(), 1U);
+  EXPECT_EQ(value(ua.sent[0], "Via"), "SIP/2.0/TCP 127.0.0.1:6021;branch=z9hG4bK-1");
 }
 
 TEST_F(Challenge, OverUdpIsRecordedToo) {

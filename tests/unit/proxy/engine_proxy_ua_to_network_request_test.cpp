@@ -313,12 +313,15 @@ TEST_F(UaToNetworkRequest, AUdpConnectionThatDoesNotOpenDropsTheRequest) {
   EXPECT_TRUE(log.has(3, "UDP client conn is NULL (src,dest)=(127.0.0.2:5060,127.0.0.3:5080)"));
 }
 
-TEST_F(UaToNetworkRequest, AUdpConnectionIsClosedAlsoWhenItSendsNothing) {
-  LogCapture log;
-  FakeServerUdp empty;
+TEST_F(UaToNetworkRequest, AUdpConnectionThatTakesNothingIsClosedWithOneLine) {
+  DeafConnector deaf;
+  IMS_User_Agent::ua_connector = &deaf;
+  LogCapture log(4);
   forward(kUdp, udp, fromClient("INVITE", kUdpVia));
-  ASSERT_EQ(connector.udp_clients.size(), 1U);
-  EXPECT_EQ(connector.closes.back(), static_cast<SIPLIB_SIPConnection*>(connector.udp_clients[0].get()));
+  ASSERT_EQ(deaf.udp_clients.size(), 1U);
+  EXPECT_TRUE(deaf.closed(deaf.udp_clients[0].get()));
+  EXPECT_TRUE(log.has_part(3, " of domain key=" + domain_key + ", message dropped"));
+  EXPECT_EQ(log.count(3), 1);
 }
 
 TEST_F(UaToNetworkRequest, ADomainWithoutTcpConnectionDropsTheRequestWithOneLine) {

@@ -30,6 +30,17 @@ class TwoAddressNotifier : public SIPLIB_SIPTransportNotifier {
   bool open = true;
 };
 
+/// Opens datagram connections that take nothing.
+class DeafConnector : public FakeConnector {
+ public:
+  SIPLIB_SIPTransportConnection* openClient(std::string_view transport, std::string_view source_ip, int source_port,
+                                            std::string_view ip, int port) override {
+    SIPLIB_SIPTransportConnection* opened = FakeConnector::openClient(transport, source_ip, source_port, ip, port);
+    if (transport == "UDP") udp_clients.back()->send_result = -1;
+    return opened;
+  }
+};
+
 class ProxyFixture : public EngineFixture {
  protected:
   static constexpr const char* kProxyIp = "127.0.0.3";

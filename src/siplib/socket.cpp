@@ -14,6 +14,9 @@ namespace siplib {
 namespace {
 
 constexpr int backlog = 128;
+/// Milliseconds that a connect within this host may take until its outcome is known. It takes none, except where a busy
+/// processor puts the kernel's own work off, or where the peer's backlog is full.
+constexpr int loopback_wait = 50;
 
 void turnOn(int descriptor, int level, int option) {
   const int on = 1;
@@ -57,7 +60,7 @@ OpenedConnection connectOnce(const SocketAddress& source, const SocketAddress& d
     return opened;
   } else {
     pollfd ready{socket.get(), POLLOUT, 0};
-    if (::poll(&ready, 1, 0) > 0) {
+    if (::poll(&ready, 1, destination.isLoopback() ? loopback_wait : 0) > 0) {
       opened.error = connectResult(socket.get());
       if (opened.error != 0) return opened;
       opened.connected = true;

@@ -52,7 +52,7 @@ struct OpenedConnection {
   bool connected = false;
 };
 /// Starts a connect from the address and port of `source` when that pair of ends is free, else from another port of the
-/// same address. To this host's own addresses the outcome is usually known on return.
+/// same address. To a loopback address the outcome is known on return, unless the peer's backlog is full.
 OpenedConnection openConnection(const SocketAddress& source, const SocketAddress& destination);
 /// 0 or an errno value.
 int connectResult(int descriptor);

@@ -1,0 +1,452 @@
+#include "siplib/client_tcp_transport.h"
+
+#include "siplib/socket_fakes.h"
+
+namespace {
+
+using namespace socket_fakes;
+
+class ClientTcpTransportTest : public StackTest {
+ protected:
+  void start() {
+    open();
+    source = openLocal();
+    ASSERT_TRUE(source.known());
+    server = Peer::listening(at("127.0.0.1", 0));
+    destination = server.address();
+  }
+  SIPLIB_SIPClientTcpTransport* connect(const SocketAddress& to) {
+    auto* connection = stack->openClient("TCP", source.ip(), source.port(), to.ip(), to.port());
+    auto* transport = dynamic_cast<SIPLIB_SIPClientTcpTransport*>(connection);
+    if (transport != nullptr) transport->setListener(&listener);
+    return transport;
+  }
+  /// Listens on the same port again.
+  void serveAgain() {
+    server = Peer::listening(destination);
+    ASSERT_TRUE(server);
+  }
+  /// A listener whose backlog is full: a connect to it neither succeeds nor fails.
+  void fillBacklog() {
+    server = Peer::listening(at("127.0.0.1", 0), 0);
+    destination = server.address();
+    for (int i = 0; i < 4; ++i) {
+      backlog.push_back(Peer(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
+      ::connect(backlog.back().get(), destination.data(), destination.size());
+    }
+  }
+
+  SocketAddress source;
+  SocketAddress destination;
+  Peer server;
+  Peer peer;
+  std::vector<Peer> backlog;
+};
+
+TEST_F(ClientTcpTransportTest, OpensFromTheSourceAndCarriesMessagesBothWays) {
+  start();
+  auto* transport = connect(destination);
+  ASSERT_NE(nullptr, transport);
+  EXPECT_TRUE(transport->isOpen());
+  peer = server.accept();
+  EXPECT_EQ(source, peer.remote()) << "the source port was free for this pair";
+  std::string ip;
+  int port = 0;
+  EXPECT_TRUE(transport->getPeerAddress(ip, port));
+  EXPECT_EQ(destination, at(ip, port));
+  transport->getSourceAddress(ip, port);
+  EXPECT_EQ(source, at(ip, port));
+  EXPECT_TRUE(transport->getLocalAddress(ip, port));
+  EXPECT_EQ(source, at(ip, port));
+
+  const std::string text = request("OPTIONS", "out");
+  EXPECT_EQ(0, sendText(transport, text));
+  EXPECT_TRUE(reads(peer, text));
+  ASSERT_TRUE(peer.send(answer(200, "one") + answer(200, "two")));
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response"));
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response"));
+  EXPECT_EQ(0, transport->receive());
+  EXPECT_EQ("one", callId(transport->getSipMessageHandle()));
+  EXPECT_EQ(0, transport->receive());
+  EXPECT_EQ("two", callId(transport->getSipMessageHandle()));
+  EXPECT_EQ(-1, transport->receive());
+}
+
+TEST_F(ClientTcpTransportTest, ThePairIsOneObject) {
+  start();
+  auto* transport = connect(destination);
+  EXPECT_EQ(transport, connect(destination));
+  const Peer other = Peer::listening(at("127.0.0.1", 0));
+  EXPECT_NE(transport, connect(other.address()));
+  peer = server.accept();
+  EXPECT_FALSE(server.readable(20ms)) << "and has one socket";
+}
+
+TEST_F(ClientTcpTransportTest, RefusedIsNullAndThePairUsableLater) {
+  start();
+  server.close();
+  EXPECT_EQ(nullptr, connect(destination));
+  EXPECT_EQ(1u, log.count("connecting " + source.text() + " to " + destination.text() + " failed: Connection refused"));
+  serveAgain();
+  auto* transport = connect(destination);
+  ASSERT_NE(nullptr, transport);
+  EXPECT_TRUE(server.accept());
+}
+
+TEST_F(ClientTcpTransportTest, WhatIsNoEndpointIsNoSource) {
+  start();
+  EXPECT_EQ(nullptr, stack->openClient("TCP", "127.0.0.1", destination.port(), source.ip(), source.port()));
+  EXPECT_EQ(nullptr, stack->openClient("UDP", "127.0.0.7", source.port(), "127.0.0.1", 5));
+  EXPECT_EQ(2u, log.count("is no endpoint of this stack"));
+}
+
+TEST_F(ClientTcpTransportTest, WhatIsNoAddressIsRefusedWithALine) {
+  start();
+  EXPECT_EQ(nullptr, stack->openClient("TCP", source.ip(), source.port(), "localhost", 5060));
+  EXPECT_EQ(nullptr, stack->openClient("TCP", source.ip(), source.port(), "127.0.0.1", 0));
+  EXPECT_EQ(nullptr, stack->openClient("TCP", source.ip(), source.port(), "127.0.0.1", 65536));
+  EXPECT_EQ(nullptr, stack->openClient("TCP", source.ip(), source.port(), "::1", 5060));
+  EXPECT_EQ(nullptr, stack->openClient("TLS", source.ip(), source.port(), "127.0.0.1", 5060));
+  EXPECT_EQ(nullptr, stack->openClient("TCP", "", source.port(), "127.0.0.1", 5060));
+  EXPECT_EQ(6u, log.count("no addresses to connect"));
+}
+
+TEST_F(ClientTcpTransportTest, ASendOnAClosedOneOpensItAgain) {
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  EXPECT_EQ(0, stack->close(transport));
+  EXPECT_EQ(0, stack->close(transport));
+  EXPECT_FALSE(transport->isOpen());
+  EXPECT_TRUE(until([&] { return peer.ended(); }));
+  stack->endTurn();
+  settle();
+  EXPECT_EQ(0u, listener.size()) << "no event for the user's own close";
+  const std::string text = request("OPTIONS", "again");
+  EXPECT_EQ(0, sendText(transport, text));
+  EXPECT_TRUE(transport->isOpen());
+  peer = server.accept();
+  ASSERT_TRUE(peer);
+  EXPECT_EQ(source.ip(), peer.remote().ip());
+  EXPECT_TRUE(reads(peer, text));
+  ASSERT_TRUE(peer.send(answer(200, "back")));
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response")) << "the listener stays";
+}
+
+TEST_F(ClientTcpTransportTest, ASendOnAClosedOneWhosePeerIsGoneFailsWithALine) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().reset();
+  server.close();
+  stack->close(transport);
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_EQ(1u, log.count("failed: Connection refused"));
+  EXPECT_FALSE(transport->isOpen());
+}
+
+TEST_F(ClientTcpTransportTest, ALossIsToldOnceAndSendsWaitForTheUsersClose) {
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  peer.close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  EXPECT_FALSE(transport->isOpen());
+  const std::string one = request("OPTIONS", "one");
+  const std::string two = request("OPTIONS", "two");
+  EXPECT_EQ(0, sendText(transport, one));
+  EXPECT_EQ(0, sendText(transport, two));
+  settle();
+  EXPECT_FALSE(server.readable(0ms)) << "nothing happens before the close";
+  EXPECT_EQ(0, stack->close(transport));
+  peer = server.accept();
+  ASSERT_TRUE(peer);
+  EXPECT_TRUE(transport->isOpen());
+  EXPECT_TRUE(reads(peer, one + two));
+  settle();
+  EXPECT_EQ(0u, listener.size());
+}
+
+TEST_F(ClientTcpTransportTest, ALossWithoutSendsStaysClosedAndTheNextSendReachesThePeer) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  stack->close(transport);
+  settle();
+  EXPECT_FALSE(server.readable(0ms));
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "next")));
+  EXPECT_TRUE(server.accept());
+}
+
+TEST_F(ClientTcpTransportTest, AnOpenWhileLostIsDoneByTheClose) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  EXPECT_EQ(transport, connect(destination));
+  EXPECT_FALSE(transport->isOpen());
+  stack->close(transport);
+  EXPECT_TRUE(transport->isOpen());
+  EXPECT_TRUE(server.accept());
+}
+
+TEST_F(ClientTcpTransportTest, WhatWaitsWhileLostIsBoundedAndDroppedWhenThePeerIsGone) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().close();
+  server.close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  transport->setSipMessageHandle(parsed(request("MESSAGE", "x", std::string(60000, 'b'))));
+  int taken = 0;
+  while (taken < 100 && transport->send() == 0) ++taken;
+  EXPECT_EQ(4, taken) << "256 KiB";
+  EXPECT_EQ(1u, log.count("too much waits for the connection already"));
+  stack->close(transport);
+  EXPECT_FALSE(transport->isOpen());
+  EXPECT_EQ(1u, log.count("that waited for the connection to"));
+}
+
+TEST_F(ClientTcpTransportTest, TheLossThatASendFindsIsToldAndTheMessageReachesTheRestartedPeer) {
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  settle(5ms);
+  peer.reset();
+  const std::string text = request("OPTIONS", "kept");
+  EXPECT_EQ(0, sendText(transport, text)) << "the socket knows of the reset, the I/O thread does not yet";
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  stack->close(transport);
+  peer = server.accept();
+  ASSERT_TRUE(peer);
+  EXPECT_TRUE(reads(peer, text));
+  settle();
+  EXPECT_EQ(0u, listener.size());
+}
+
+TEST_F(ClientTcpTransportTest, WithoutAListenerALossLeavesItClosedAndUsable) {
+  start();
+  auto* transport = stack->openClient("TCP", source.ip(), source.port(), destination.ip(), destination.port());
+  ASSERT_NE(nullptr, transport);
+  stack->endTurn();  // from here on it is read
+  peer = server.accept();
+  ASSERT_TRUE(peer.send(answer(200, "plain")));
+  EXPECT_TRUE(until([&] { return layer->received.size() == 1; })) << "ordinary processing";
+  peer.close();
+  EXPECT_TRUE(until([&] { return log.count("ended: closed by the peer") == 1; }));
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_TRUE(server.accept());
+}
+
+TEST_F(ClientTcpTransportTest, APairThatIsTakenGetsAnotherPortOfTheAddress) {
+  start();
+  const Peer taken = Peer::connected(source, at("127.0.0.1", 0));  // the peer came from its listening port itself
+  ASSERT_TRUE(taken);
+  const SocketAddress from = taken.address();
+  next<SIPLIB_SIPServerTcpTransport>("created");
+  const int on = 1;
+  setsockopt(taken.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+  Peer sharing(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  setsockopt(sharing.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+  ASSERT_EQ(0, ::bind(sharing.get(), from.data(), from.size()));
+  ASSERT_EQ(0, ::listen(sharing.get(), 4));
+  auto* transport = connect(from);
+  ASSERT_NE(nullptr, transport) << log.all();
+  std::string ip;
+  int port = 0;
+  EXPECT_TRUE(transport->getLocalAddress(ip, port));
+  EXPECT_EQ(source.ip(), ip);
+  EXPECT_NE(source.port(), port);
+  transport->getSourceAddress(ip, port);
+  EXPECT_EQ(source, at(ip, port));
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "x")));
+  peer = sharing.accept();
+  EXPECT_TRUE(until([&] { return !peer.read().empty(); }));
+}
+
+TEST_F(ClientTcpTransportTest, ANetworkEndpointReachesItselfFromAnotherPort) {
+  start();
+  source = addressOf(listenAt("127.0.0.2"));
+  auto* transport = connect(source);
+  ASSERT_NE(nullptr, transport);
+  auto* other = next<SIPLIB_SIPServerTcpTransport>("created");
+  ASSERT_NE(nullptr, other);
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "round")));
+  EXPECT_EQ(other, next<SIPLIB_SIPServerTcpTransport>("request"));
+}
+
+TEST_F(ClientTcpTransportTest, SendsWaitWhileItConnectsAndGoOutInOrder) {
+  start();
+  fillBacklog();
+  auto* transport = connect(destination);
+  ASSERT_NE(nullptr, transport);
+  EXPECT_FALSE(transport->isOpen());
+  const std::string one = request("OPTIONS", "one");
+  const std::string two = request("OPTIONS", "two");
+  EXPECT_EQ(0, sendText(transport, one));
+  EXPECT_EQ(0, sendText(transport, two));
+  // Room in the backlog: the kernel's next try succeeds.
+  std::vector<Peer> served;
+  EXPECT_TRUE(until([&] {
+    if (server.readable(0ms)) served.push_back(server.accept());
+    return transport->isOpen();
+  }));
+  std::string text;
+  EXPECT_TRUE(until([&] {
+    if (server.readable(0ms)) served.push_back(server.accept());
+    for (const auto& each : served) text += each.read();
+    return text.size() >= one.size() + two.size();
+  }));
+  EXPECT_EQ(one + two, text);
+}
+
+TEST_F(ClientTcpTransportTest, AConnectThatTakesTooLongIsGivenUpWithItsSends) {
+  config.connect_timeout = 50ms;
+  start();
+  fillBacklog();
+  auto* transport = connect(destination);
+  ASSERT_NE(nullptr, transport);
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_TRUE(until([&] { return log.count("failed: Connection timed out") == 1; }));
+  EXPECT_EQ(1u, log.count("that waited for the connection to"));
+  EXPECT_FALSE(transport->isOpen());
+  EXPECT_EQ(0u, listener.size()) << "it was never open";
+}
+
+TEST_F(ClientTcpTransportTest, AConnectCanBeClosed) {
+  start();
+  fillBacklog();
+  settle(5ms);
+  const std::size_t before = openDescriptors();
+  auto* transport = connect(destination);
+  settle(5ms);
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_EQ(0, stack->close(transport));
+  settle(5ms);
+  EXPECT_EQ(before, openDescriptors());
+  EXPECT_EQ(1u, log.count("that waited for the connection to"));
+  EXPECT_NE(nullptr, connect(destination));
+  stack->close(transport);  // before the I/O thread knew of it
+  settle(5ms);
+  EXPECT_EQ(before, openDescriptors());
+}
+
+TEST_F(ClientTcpTransportTest, AnIdleOneIsClosedAndTold) {
+  config.idle_timeout = 1s;
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  EXPECT_TRUE(until([&] { return peer.ended(); }));
+}
+
+TEST_F(ClientTcpTransportTest, AboveTheMostConnectionsNoneIsOpened) {
+  config.max_connections = 1;
+  start();
+  EXPECT_NE(nullptr, connect(destination));
+  const Peer other = Peer::listening(at("127.0.0.1", 0));
+  EXPECT_EQ(nullptr, connect(other.address()));
+  EXPECT_EQ(1u, log.count("as many connections are open as may be"));
+}
+
+TEST_F(ClientTcpTransportTest, ToTheLocalEndpointItReachesTheLayerAndTheAnswerIsReceived) {
+  start();
+  auto* transport = connect(source);
+  ASSERT_NE(nullptr, transport);
+  EXPECT_TRUE(transport->isOpen());
+  layer->on_receive = [](const SIPLIB_message& message, siplib::Path& path) {
+    EXPECT_TRUE(path.send(answer(200, std::string(*message.header("Call-ID")) + "-answer")));
+  };
+  EXPECT_EQ(0, sendText(transport, request("SUBSCRIBE", "mine")));
+  EXPECT_TRUE(layer->received.empty()) << "never within the call";
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response"));
+  EXPECT_EQ(0, transport->receive());
+  EXPECT_EQ("mine-answer", callId(transport->getSipMessageHandle()));
+  EXPECT_EQ(1u, layer->received.size());
+  EXPECT_TRUE(layer->received[0].path->reliable());
+  EXPECT_EQ(0u, listener.size()) << "no connection was made and no server listener asked";
+}
+
+TEST_F(ClientTcpTransportTest, TheLayersOwnAnswersToItselfEnd) {
+  start();
+  auto* transport = connect(source);
+  layer->on_receive = [](const SIPLIB_message& message, siplib::Path& path) {
+    if (message.isRequest()) path.send(answer(200, "ordinary"));
+  };
+  EXPECT_EQ(0, sendText(transport, request("SUBSCRIBE", "mine")));
+  EXPECT_TRUE(until([&] { return layer->received.size() == 2; }));
+  settle();
+  EXPECT_EQ(2u, layer->received.size());
+  EXPECT_EQ(0u, listener.size());
+}
+
+TEST_F(ClientTcpTransportTest, TheWayToItselfIsBounded) {
+  start();
+  auto* transport = connect(source);
+  transport->setSipMessageHandle(parsed(request("OPTIONS", "x")));
+  std::size_t taken = 0;
+  while (taken < 10000 && transport->send() == 0) ++taken;
+  EXPECT_EQ(siplib::ClientTcpTransport::kMostOwn, taken);
+  EXPECT_EQ(1u, log.count("too many are on their way"));
+  EXPECT_TRUE(until([&] { return layer->received.size() == taken; }));
+  EXPECT_EQ(0, transport->send());
+}
+
+TEST_F(ClientTcpTransportTest, ANetworkPeersRequestIsNotOrdinary) {
+  start();
+  source = addressOf(listenAt("127.0.0.2"));
+  connect(destination);
+  peer = server.accept();
+  ASSERT_TRUE(peer.send(request("REGISTER", "ordinary")));
+  std::string text;
+  EXPECT_TRUE(readUntil(peer, text, [&] { return !text.empty(); }));
+  EXPECT_EQ(403, parsed(text)->statusCode());
+  EXPECT_TRUE(layer->received.empty());
+}
+
+TEST_F(ClientTcpTransportTest, PathsOfTheLayerUseThePairsAndOpenThem) {
+  start();
+  const auto path = stack->pathTo("tcp", destination.ip(), destination.port());
+  ASSERT_NE(nullptr, path);
+  EXPECT_TRUE(path->reliable());
+  EXPECT_FALSE(server.readable(0ms));
+  EXPECT_TRUE(path->send("hello"));
+  peer = server.accept();
+  EXPECT_EQ(source, peer.remote());
+  EXPECT_TRUE(reads(peer, "hello"));
+  EXPECT_TRUE(connect(destination)->isOpen()) << "the same";
+  EXPECT_FALSE(server.readable(20ms));
+  EXPECT_EQ(nullptr, stack->pathTo("TCP", "no-address", 5060));
+  EXPECT_EQ(nullptr, stack->pathTo("TCP", "::1", 5060));
+}
+
+TEST_F(ClientTcpTransportTest, PathsToManyPeersAreForgotten) {
+  start();
+  for (int port = 1; port <= 2000; ++port) ASSERT_NE(nullptr, stack->pathTo("TCP", "127.0.0.1", port));
+  auto* transport = connect(destination);
+  for (int port = 1; port <= 2000; ++port) ASSERT_NE(nullptr, stack->pathTo("TCP", "127.0.0.1", port));
+  EXPECT_TRUE(transport->isOpen()) << "what the user holds stays";
+}
+
+TEST_F(ClientTcpTransportTest, AThousandOpensAndCloses) {
+  start();
+  settle(5ms);
+  const std::size_t before = openDescriptors();
+  for (int i = 0; i < 1000; ++i) {
+    auto* transport = connect(destination);
+    ASSERT_NE(nullptr, transport) << log.all();
+    Peer accepted = server.accept();
+    if (i % 2 == 0) {
+      accepted.reset();
+      ASSERT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+    }
+    stack->close(transport);
+    reactor.poll();
+    stack->endTurn();
+    accepted.reset();
+  }
+  settle(5ms);
+  EXPECT_EQ(before, openDescriptors());
+  EXPECT_EQ(0u, listener.size());
+}
+
+}  // namespace

@@ -57,6 +57,8 @@ Signature faultSignature() {
 
 /// Reads a regular file of at most kMaxXml bytes. False with the reason.
 bool readFile(const std::string& path, std::string& text, Signature& signature, std::string& error) {
+  // One byte more than is allowed, so that XmlDocument sees the excess and refuses it.
+  text.resize(kMaxXml + 1);
   // Not waiting: what has the name of a document may be a pipe.
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (descriptor < 0) {
@@ -73,8 +75,6 @@ bool readFile(const std::string& path, std::string& text, Signature& signature, 
     error = "no regular file";
     done = false;
   } else {
-    // One byte more than is allowed, so that XmlDocument sees the excess and refuses it.
-    text.resize(kMaxXml + 1);
     std::size_t length = 0;
     while (done && length < text.size()) {
       const ssize_t count = ::read(descriptor, text.data() + length, text.size() - length);
@@ -257,7 +257,7 @@ class Checker {
     ::closedir(list);
     for (const std::string& name : names) {
       if (!name.ends_with(".xml")) continue;
-      const std::string path = profiles + "/" + name;
+      const std::string path = std::string(profiles).append("/").append(name);
       if (documentPath(dir, name.substr(0, name.size() - 4)) != path) {
         faults.push_back(path + ": no profile can have this name, so the file is never read");
       } else {

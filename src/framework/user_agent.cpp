@@ -82,7 +82,8 @@ struct IMS_User_Agent::State {
 
   void wakeLoop() {
     // Within the reactor's own callbacks the loop looks at the queue next anyway.
-    if (reactor != nullptr && loop.load(std::memory_order_relaxed) != std::this_thread::get_id()) reactor->wake();
+    if (reactor == nullptr || loop.load(std::memory_order_relaxed) == std::this_thread::get_id()) return;
+    guarded("wake-up", [this] { reactor->wake(); });
   }
 
   void stopIo() {
@@ -262,7 +263,7 @@ bool IMS_User_Agent::handle_one_message() {
     const unsigned int event_id = get_event_id_from_message(&message);
     handle_event(event_id, message.data);
   });
-  if (is_text) state_->control.handled();
+  if (is_text) guarded("control channel", [this] { state_->control.handled(); });
   if (SIPLIB_SIPStack* const stack = SIPLIB_SIPStack::instance()) {
     guarded("end of turn", [stack] { stack->endTurn(); });
   }
@@ -380,12 +381,14 @@ void IMS_User_Agent::handle_event(unsigned int /*event_id*/, void* /*data*/) {
 }
 
 void IMS_User_Agent::fill_queue_and_send_signal(MSG_TYPE type, void* data) {
+  bool sleeps = false;
   try {
-    if (state_->queue.push({type, data})) state_->wakeLoop();
+    sleeps = state_->queue.push({type, data});
   } catch (const std::bad_alloc&) {
     IMS_log::loginfo(3, "fill_queue_and_send_signal", "message of type %u lost: no memory", type);
     if (type == MSG_FRAMEWORK_TEXT) delete[] static_cast<char*>(data);
   }
+  if (sleeps) state_->wakeLoop();
 }
 
 siplib::Reactor* IMS_User_Agent::reactor() {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <string_view>
 
 namespace framework {
@@ -116,7 +117,11 @@ void keepFirst(void* user, ErrorPtr fault) {
   if (!faults->fatal) {
     std::string_view text = fault->message == nullptr ? "not well-formed" : fault->message;
     while (text.ends_with('\n')) text.remove_suffix(1);
-    say(*faults->first, fault->line, text);
+    try {
+      say(*faults->first, fault->line, text);
+    } catch (const std::bad_alloc&) {
+      faults->first->clear();  // nothing may be thrown through the C library
+    }
   }
   faults->fatal = true;
   // Ends the parsing and silences what it still says. xmlStopParser would free the text under the parser's feet.

@@ -9,7 +9,7 @@ struct _xmlDoc;
 
 namespace framework {
 
-constexpr std::size_t kMaxXml = 64 * 1024;
+constexpr std::size_t kMaxXml = std::size_t{64} * 1024;
 
 /// Owns one parsed document.
 class XmlDocument {

@@ -402,6 +402,30 @@ TEST_F(UserAgent, ConnOpenWithoutAStackIsNullWithALine) {
   EXPECT_EQ(log.lines(), 2u);
 }
 
+TEST_F(UserAgent, ConnOpenFindsTheProcessesStack) {
+  EXPECT_EQ(
+      inChild([] {
+        Agent agent;
+        SIPLIB_SIPStackConfig config;
+        if (!agent.open_framework_sockets()) return 1;
+        agent.init_sipstack_info("/sipstackinit/ue-proxy/", config);
+        if (SIPLIB_SIPInit(config) != 0) return 2;
+        if (IMS_User_Agent::conn_open(IMS_User_Agent::ua_connector, "TCP", "127.0.0.1", 0, nullptr, 0) == nullptr) {
+          return 3;
+        }
+        if (IMS_User_Agent::ua_connector != SIPLIB_SIPStack::instance()->connector()) return 4;
+        IMS_User_Agent::ua_connector = nullptr;
+        agent.wait_for_framework_init();
+        if (IMS_User_Agent::ua_connector == nullptr) return 5;
+        agent.queue(kStop);
+        agent.on_event = [&](unsigned int) { agent.stop_message_loop(); };
+        agent.handle_message();
+        agent.close_framework_sockets();
+        return 0;
+      }),
+      0);
+}
+
 TEST_F(UserAgent, LocalNotifierFloatsPastTakenPorts) {
   FakeConnector connector;
   IMS_User_Agent::ua_connector = &connector;

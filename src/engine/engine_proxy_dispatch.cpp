@@ -167,7 +167,7 @@ int IMS_engine_proxy::handle_registrar_request_message(void* data) {
     handle_registrar_subscribe_message(request);
   } else {
     IMS_log::loginfo(3, __func__, "check why %s request message is reaching Registrar", method.c_str());
-    // Nobody will ever answer it; kept, its transaction would stay for ever.
+    // Nobody will ever answer it; let go, its transaction ends by itself.
     request->release();
   }
   return 0;
@@ -177,6 +177,11 @@ int IMS_engine_proxy::handle_registrar_response_message(void* data) {
   auto* response = dynamic_cast<SIPLIB_SIPClientConnection*>(static_cast<SIPLIB_SIPConnection*>(data));
   if (response == nullptr) {
     IMS_log::loginfo(3, __func__, "the event has no response");
+    return 0;
+  }
+  // An answer that was queued when its subscription ended is nobody's; handed on, it would end a later one.
+  if (response->getTransactionStatus() != 0) {
+    ua_connector->close(response);
     return 0;
   }
   IMS_log::loginfo(5, __func__, "Calling handle_registrar_response_message(scc)");

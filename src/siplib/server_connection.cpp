@@ -38,7 +38,6 @@ int ServerConnection::send() {
 }
 
 void ServerConnection::release() {
-  if (layer_.answerable(*this) && initResponse(500) == 0) send();
   layer_.release(*this);
 }
 

@@ -37,7 +37,7 @@ class SIPLIB_SIPServerConnection : public SIPLIB_SIPMessageConnection {
   /// a 2xx to SUBSCRIBE also Contact; setHeader, addHeader and setContent then speak of the answer, the readers still
   /// of the request. 0 when done, -1 when the request was answered already or has ended.
   virtual int initResponse(int status) = 0;
-  /// Ends the user's use. A request left unanswered is answered 500.
+  /// Ends the user's use. A request left unanswered stays so: what its sender repeats is absorbed until 64*T1 are over.
   virtual void release() = 0;
   /// The dialog that the request belongs to, or that its 2xx answer has made; null when none.
   virtual SIPLIB_SIPDialog* getDialog() const = 0;

@@ -4,7 +4,7 @@ import time
 import unittest
 
 from support import sip
-from support.proxy import ProxyCase
+from support.proxy import SANITIZED, ProxyCase
 
 
 class Listeners(ProxyCase):
@@ -171,8 +171,7 @@ class Resources(ProxyCase):
         rounds(1000, 1000)
         time.sleep(0.3)
         self.assertLessEqual(self.proxy.descriptors(), descriptors)
-        slack = 40 * 1024 if "asan" in self.proxy.command[0] or "tsan" in self.proxy.command[0] else 1024
-        self.assertLess(self.proxy.resident_kib() - memory, slack)
+        self.assertLess(self.proxy.resident_kib() - memory, 30 * 1024 if SANITIZED else 1024)
         self.assertFalse(listener.nothing(0.1))
 
     def test_idle_it_does_not_wake_up(self):

@@ -119,11 +119,11 @@ def kamailio_challenge(qop):
   if (is_method("REGISTER")) {{
     if (!pv_www_authenticate("example.net", "wonderland", "0")) {{
       xlog("L_NOTICE", "JUDGED www $rc\\n"); www_challenge("example.net", "{qop}"); exit; }}
-    xlog("L_NOTICE", "ACCEPTED www $au\\n");
+    xlog("L_NOTICE", "ACCEPTED www $aU\\n");
   }} else if (!is_method("ACK|CANCEL|BYE")) {{
     if (!pv_proxy_authenticate("example.net", "wonderland", "0")) {{
       xlog("L_NOTICE", "JUDGED proxy $rc\\n"); proxy_challenge("example.net", "{qop}"); exit; }}
-    xlog("L_NOTICE", "ACCEPTED proxy $au\\n");
+    xlog("L_NOTICE", "ACCEPTED proxy $aU\\n");
     consume_credentials();
   }}
 """

@@ -45,6 +45,14 @@ class Registration(ProxyCase):
         self.proxy.wait_log("Delete Client is Successful")
         self.register(5071, cseq=3, call_id="again@127.0.0.1")
 
+    def test_a_new_call_id_with_expires_0_is_not_answered_and_changes_nothing(self):
+        self.register(5071)
+        peer = self.udp()
+        peer.send(sip.register(5071, sip.ua_info(), via=peer.via, expires=0, call_id="other@127.0.0.1"))
+        self.proxy.wait_log("IMSE_REG: default handler RE-REG ,can't enter here")
+        self.assertTrue(peer.nothing())
+        self.register(5071, cseq=2, expires=0)
+
     def test_refusals(self):
         self.register(5071, "<ua-info></ua-info>", expect=400)
         self.register(5071, "<who-knows/>", expect=400)

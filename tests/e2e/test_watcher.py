@@ -79,7 +79,7 @@ class Watching(ProxyCase):
         self.assertIn(b"<update-info>delete</update-info>", self.watcher.notified().body)
         self.register(5071, sip.ua_info(), cseq=2, expires=0)
         self.assertEqual(self.watcher.notified().body,
-                         b'<?xml version="1.0" encoding="UTF-8"?>\n<reg-info>\n <profile-info>\n  <name/>\n'
+                         b'<?xml version="1.0" encoding="UTF-8"?>\n<reg-info>\n <profile-info>\n  <name></name>\n'
                          b"  <zel-profile-id>1</zel-profile-id>\n </profile-info>\n <action>DELETE</action>\n</reg-info>\n")
 
     def test_clients_that_were_there_before_are_told_with_the_subscription(self):
@@ -195,9 +195,11 @@ class BadDocuments(ProxyCase):
     def test_no_file_outside_the_profiles_is_read_and_memory_stays(self):
         before = self.proxy.resident_kib()
         for name in ("../config", "/etc/passwd", "..", "a/b", "x\u0001y", "&#0;", ".hidden"):
-            answer = self.register(5071, sip.ua_info(name), expect=400 if name in ("&#0;", "x\u0001y") else 200)
+            call_id = sip.unique("b")
+            answer = self.register(5071, sip.ua_info(name), expect=400 if name in ("&#0;", "x\u0001y") else 200,
+                                   call_id=call_id)
             if answer.status == 200:
-                self.register(5071, sip.ua_info(), cseq=2, expires=0)
+                self.register(5071, sip.ua_info(), cseq=2, expires=0, call_id=call_id)
         nested = "<ua-info>" + "<a>" * 20000
         self.register(5071, nested[:60000], expect=400)
         many = "".join(f"<aor>u{n}@x<p/></aor>" for n in range(2500))

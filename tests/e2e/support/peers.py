@@ -125,7 +125,7 @@ class Sipp(Child):
     def __init__(self, scenario, *, ip, port, remote=None, transport="u1", calls=1, rate=10, keys=None, service="bob",
                  extra=()):
         self.work = tempfile.mkdtemp(prefix="ue-proxy-sipp-")
-        self.port = port
+        self.ip, self.port = ip, port
         command = ["sipp", "-sf", os.path.join(SCENARIOS, scenario), "-i", ip, "-p", str(port), "-t", transport, "-m",
                    str(calls), "-r", str(rate), "-nostdin", "-trace_err", "-trace_screen", "-timeout", "120", "-s", service,
                    "-timeout_error", *extra]
@@ -137,11 +137,11 @@ class Sipp(Child):
 
     def wait_bound(self, protocol, timeout=10.0):
         """Until its socket of `protocol` ("udp", "tcp") is there."""
-        port = f":{self.port:04X} "
+        local = "".join(f"{int(part):02X}" for part in reversed(self.ip.split("."))) + f":{self.port:04X}"
 
         def bound():
             with open(f"/proc/net/{protocol}", encoding="ascii") as table:
-                return any(port in line.split(" ", 6)[-1] or port in line[:40] for line in table)
+                return any(line.split()[1] == local for line in table)
         sip.wait_until(bound, timeout, "sipp's socket")
 
     def errors(self):
@@ -167,12 +167,12 @@ class Baresip(Child):
     def __init__(self, *, user="alice", port=5071, transport="udp", commands=(), answer=False, local=False):
         self.work = tempfile.mkdtemp(prefix="ue-proxy-baresip-")
         domain = "127.0.0.1" if local else "example.net"
-        modules = ["account.so", "menu.so", "g711.so", "ausine.so", "aufile.so", "stdio.so", "uuid.so"]
+        modules = ["account.so", "menu.so", "g711.so", "aubridge.so", "stdio.so", "uuid.so"]
         with open(os.path.join(self.work, "config"), "w", encoding="ascii") as file:
-            file.write(f"sip_listen 127.0.0.1:{port}\nsip_trans_def {transport}\naudio_source ausine,440\n"
-                       f"audio_player aufile,{self.work}/heard.wav\naudio_alert aufile,{self.work}/alert.wav\n"
+            file.write(f"sip_listen 127.0.0.1:{port}\nsip_trans_def {transport}\naudio_source aubridge,self\n"
+                       f"audio_player aubridge,self\naudio_alert aubridge,alert\n"
                        "audio_path /usr/share/baresip\n"
-                       "call_local_timeout 60\nnet_interface lo\nmodule_path /usr/lib/baresip/modules\n"
+                       "call_local_timeout 60\nnet_interface 127.0.0.1\nmodule_path /usr/lib/baresip/modules\n"
                        + "".join(f"module {m}\n" for m in modules if m not in ("account.so", "menu.so"))
                        + "module_app account.so\nmodule_app menu.so\n")
         with open(os.path.join(self.work, "accounts"), "w", encoding="ascii") as file:

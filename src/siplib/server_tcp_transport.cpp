@@ -40,7 +40,7 @@ int ServerTcpTransport::send() {
   const auto stream = this->stream();
   const TcpStream::Sent sent = stream ? stream->send(slicesOf(*message_)) : TcpStream::Sent::Broken;
   if (sent == TcpStream::Sent::Taken) return 0;
-  core_->log(4, "send", "message to %s dropped: %s", peer_.text().c_str(),
+  core_->log(dropped_, 4, "send", "message to %s dropped: %s", peer_.text().c_str(),
              sent == TcpStream::Sent::Full ? "too much waits for the peer already" : "the connection is closed");
   return -1;
 }

@@ -51,6 +51,7 @@ class ServerTcpTransport final : public SIPLIB_SIPServerTcpTransport,
   const SocketAddress local_;
   const SocketAddress peer_;
   Inbox<SIPLIB_SIPMessageHandle> inbox_{kMostReceived};
+  LogLimit dropped_;
 
   std::mutex mutex_;
   std::shared_ptr<TcpStream> stream_;

@@ -17,10 +17,18 @@ constexpr int backlog = 128;
 /// Milliseconds that a connect within this host may take until its outcome is known. It takes none, except where a busy
 /// processor puts the kernel's own work off, or where the peer's backlog is full.
 constexpr int loopback_wait = 50;
+/// Milliseconds after which sent bytes that the peer's host never acknowledged end the connection: 64*T1 (RFC 3261
+/// 17.1.1.2), after that no transaction waits for them. The system's own limit is a quarter of an hour.
+constexpr unsigned int unacknowledged_for = 32000;
 
 void turnOn(int descriptor, int level, int option) {
   const int on = 1;
   setsockopt(descriptor, level, option, &on, sizeof on);
+}
+
+void prepareStream(int descriptor) {
+  turnOn(descriptor, IPPROTO_TCP, TCP_NODELAY);
+  setsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledged_for, sizeof unacknowledged_for);
 }
 
 FileDescriptor newSocket(const SocketAddress& address, int type) {
@@ -45,7 +53,7 @@ OpenedConnection connectOnce(const SocketAddress& source, const SocketAddress& d
     opened.error = errno;
     return opened;
   }
-  turnOn(socket.get(), IPPROTO_TCP, TCP_NODELAY);
+  prepareStream(socket.get());
   turnOn(socket.get(), SOL_SOCKET, SO_REUSEPORT);  // shares the port with our own listener
   // Left in TIME_WAIT it would otherwise keep the listener of a restarted process from the port for a minute.
   turnOn(socket.get(), SOL_SOCKET, SO_REUSEADDR);
@@ -87,7 +95,7 @@ OpenedSocket openListener(const SocketAddress& address) {
   FileDescriptor socket = newSocket(address, SOCK_STREAM);
   if (!socket) return failure();
   turnOn(socket.get(), SOL_SOCKET, SO_REUSEADDR);
-  turnOn(socket.get(), IPPROTO_TCP, TCP_NODELAY);  // inherited by what is accepted
+  prepareStream(socket.get());  // inherited by what is accepted
   if (::bind(socket.get(), address.data(), address.size()) != 0) return failure();
   if (::listen(socket.get(), backlog) != 0) return failure();
   turnOn(socket.get(), SOL_SOCKET, SO_REUSEPORT);

@@ -112,7 +112,8 @@ void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> p
     int port = 0;
     path->peer(ip, port);
     const std::string_view why = message ? message->parseError() : "no message";
-    log(4, "process", "message from %s:%d dropped: %.*s", ip.c_str(), port, static_cast<int>(why.size()), why.data());
+    log(unparsable_, 4, "process", "message from %s:%d dropped: %.*s", ip.c_str(), port, static_cast<int>(why.size()),
+        why.data());
     return;
   }
   if (trusted || message->isResponse()) {

@@ -124,6 +124,7 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   std::unique_ptr<TransactionLayer> layer_;
   const std::shared_ptr<std::atomic<std::size_t>> connections_ = std::make_shared<std::atomic<std::size_t>>(0);
   const std::string tag_secret_;
+  LogLimit unparsable_;
 
   mutable std::mutex local_mutex_;
   SocketAddress local_;

@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -19,6 +20,11 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// Of the sanitizers' runtime; their header is not always installed.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#endif
 
 #include "siplib/listener.h"
 #include "siplib/reactor.h"
@@ -60,6 +66,15 @@ inline std::size_t openDescriptors() {
   while (readdir(directory) != nullptr) ++count;
   closedir(directory);
   return count;
+}
+
+/// Bytes that this process holds of the heap.
+inline std::size_t allocatedBytes() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  return mallinfo2().uordblks;
+#endif
 }
 
 /// A peer's socket. Blocking, with a deadline on everything.
@@ -312,6 +327,21 @@ class StackTest : public testing::Test {
     Event event;
     until([&] { return listener.take(event); });
     return event;
+  }
+  /// Many rounds leave memory and descriptors where the first ones did.
+  void comeAndGo(const std::function<void(int)>& round) {
+    settle(5ms);
+    const std::size_t descriptors = openDescriptors();
+    std::size_t bytes = 0;
+    for (int i = 0; i < 1000; ++i) {
+      if (i == 100) bytes = allocatedBytes();
+      round(i);
+      if (HasFatalFailure()) return;
+    }
+    settle(5ms);
+    stack->endTurn();
+    EXPECT_EQ(descriptors, openDescriptors());
+    EXPECT_LT(allocatedBytes(), bytes + 30000) << "less than 34 bytes a round";
   }
   template <class Transport>
   Transport* next(const std::string& kind) {

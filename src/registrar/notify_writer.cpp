@@ -1,10 +1,10 @@
 #include "registrar/notify_writer.h"
 
 #include <libxml/chvalid.h>
-#include <libxml/parserInternals.h>
 #include <libxml/xmlwriter.h>
 
 #include <cstring>
+#include <string_view>
 
 #include "framework/log.h"
 
@@ -14,12 +14,26 @@ const xmlChar* xml(const char* text) {
   return reinterpret_cast<const xmlChar*>(text);
 }
 
-/// The length of the character at `at`, or 0 when no XML document can carry it (XML 1.0, 2.2, or not UTF-8).
-std::size_t character(const std::string& text, std::size_t at) {
-  int length = static_cast<int>(std::min<std::size_t>(text.size() - at, 4));
-  const int value = xmlGetUTF8Char(reinterpret_cast<const unsigned char*>(text.data() + at), &length);
-  if (value <= 0 || !xmlIsCharQ(static_cast<unsigned>(value))) return 0;
-  return static_cast<std::size_t>(length);
+/// The length of the character at `at`, or 0 when no XML document can carry it: not UTF-8 (RFC 3629, 4), or none of the
+/// characters of XML 1.0, 2.2. libxml2's own decoder takes overlong forms and stray continuation bytes.
+std::size_t character(std::string_view text, std::size_t at) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  const unsigned lead = byte(0);
+  const std::size_t length = lead < 0x80   ? 1
+                             : lead < 0xc2 ? 0
+                             : lead < 0xe0 ? 2
+                             : lead < 0xf0 ? 3
+                             : lead < 0xf5 ? 4
+                                           : 0;
+  if (length == 0 || length > text.size() - at) return 0;
+  constexpr unsigned kLeadBits[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
+  constexpr unsigned kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  unsigned value = lead & kLeadBits[length];
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+    value = (value << 6) | (byte(i) & 0x3fU);
+  }
+  return value >= kLeast[length] && xmlIsCharQ(value) ? length : 0;
 }
 
 /// The text as a document can carry it: each other byte becomes "?". libxml2 would write them as they are, and no
@@ -48,56 +62,51 @@ std::string carriable(const std::string& text) {
 NotifyWriter::~NotifyWriter() {
   if (writer_ != nullptr) xmlFreeTextWriter(writer_);
   if (buffer_ != nullptr) xmlBufferFree(buffer_);
+  xmlSetStructuredErrorFunc(nullptr, nullptr);
 }
 
-bool NotifyWriter::did(int written) {
+bool NotifyWriter::did(bool done) {
   ++step_;
-  if (written < 0) {
-    failed_ = true;
-    return false;
-  }
-  size_ += static_cast<std::size_t>(written);
-  if (size_ > limit_) failed_ = true;
+  // What the writer still keeps to itself goes out, so that a failure and the size are known now.
+  failed_ = failed_ || !done || (writer_ != nullptr && xmlTextWriterFlush(writer_) < 0) ||
+            static_cast<std::size_t>(xmlBufferLength(buffer_)) > limit_;
   return !failed_;
 }
 
 bool NotifyWriter::begin() {
-  // A failure is told by its step; libxml2's own report would go to standard error.
-  xmlSetStructuredErrorFunc(nullptr, [](void*, xmlErrorPtr) {});
+  // libxml2 reports lack of memory here, and would go on with a hole in the document; by itself it reports to standard
+  // error. The handler is this thread's, and ours for as long as the writer lives.
+  xmlSetStructuredErrorFunc(this, [](void* writer, auto*) { static_cast<NotifyWriter*>(writer)->failed_ = true; });
   buffer_ = xmlBufferCreate();
-  if (!did(buffer_ != nullptr ? 0 : -1)) return false;
+  if (!did(buffer_ != nullptr)) return false;
   writer_ = xmlNewTextWriterMemory(buffer_, 0);
-  if (!did(writer_ != nullptr ? 0 : -1)) return false;
-  return did(xmlTextWriterSetIndent(writer_, 1)) && did(xmlTextWriterStartDocument(writer_, nullptr, "UTF-8", nullptr));
+  if (!did(writer_ != nullptr)) return false;
+  return did(xmlTextWriterSetIndent(writer_, 1) >= 0) &&
+         did(xmlTextWriterStartDocument(writer_, nullptr, "UTF-8", nullptr) >= 0);
 }
 
 bool NotifyWriter::start(const char* name) {
-  return !failed_ && did(xmlTextWriterStartElement(writer_, xml(name)));
+  return !failed_ && did(xmlTextWriterStartElement(writer_, xml(name)) >= 0);
 }
 
 bool NotifyWriter::end() {
-  return !failed_ && did(xmlTextWriterEndElement(writer_));
+  return !failed_ && did(xmlTextWriterEndElement(writer_) >= 0);
 }
 
 bool NotifyWriter::text(const std::string& text) {
-  return !failed_ && did(xmlTextWriterWriteFormatString(writer_, "%s", carriable(text).c_str()));
+  return !failed_ && did(xmlTextWriterWriteFormatString(writer_, "%s", carriable(text).c_str()) >= 0);
 }
 
 bool NotifyWriter::element(const char* name, const std::string& text) {
-  return !failed_ && did(xmlTextWriterWriteFormatElement(writer_, xml(name), "%s", carriable(text).c_str()));
+  return !failed_ && did(xmlTextWriterWriteFormatElement(writer_, xml(name), "%s", carriable(text).c_str()) >= 0);
 }
 
 bool NotifyWriter::element(const char* name, int number) {
-  return !failed_ && did(xmlTextWriterWriteFormatElement(writer_, xml(name), "%d", number));
+  return !failed_ && did(xmlTextWriterWriteFormatElement(writer_, xml(name), "%d", number) >= 0);
 }
 
 bool NotifyWriter::finish() {
-  if (failed_ || !did(xmlTextWriterEndDocument(writer_))) return false;
-  // What is still in the writer's own buffer goes out now, so that a failure is seen.
-  if (!did(xmlTextWriterFlush(writer_) < 0 ? -1 : 0)) return false;
-  xmlFreeTextWriter(writer_);
-  writer_ = nullptr;
-  return true;
+  return !failed_ && did(xmlTextWriterEndDocument(writer_) >= 0);
 }
 
 std::unique_ptr<char[]> NotifyWriter::release(int& length) {

@@ -35,10 +35,10 @@ class NotifyWriter {
   int step() const { return step_; }
 
  private:
-  bool did(int written);
+  /// Ends a step.
+  bool did(bool done);
 
   const std::size_t limit_;
-  std::size_t size_ = 0;
   int step_ = 0;
   bool failed_ = false;
   _xmlBuffer* buffer_ = nullptr;

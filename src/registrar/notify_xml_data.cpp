@@ -91,9 +91,10 @@ int IMSE_NotifyXmlData::conclude(NotifyWriter& writer, bool written, int step, c
     return -1;
   }
   int length = 0;
-  take(writer.release(length), length);
+  std::unique_ptr<char[]> text = writer.release(length);
+  take(std::move(text), length);
   IMS_log::loginfo(5, function, "IMSE_REG: Moving out of %s successfully %d %p", function, length - 1,
-                   static_cast<const void*>(text()));
+                   static_cast<const void*>(text_));
   return 0;
 }
 

@@ -133,7 +133,7 @@ _xmlXPathObject* RegisterXmlData::get_nodeset(_xmlDoc* document, const char* xpa
     return nullptr;
   }
   // libxml2 has a report of its own for an expression that it does not take; the line below is ours.
-  context->error = [](void*, xmlErrorPtr) {};
+  context->error = [](void*, auto*) {};
   NodeSet result(xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath), context));
   xmlXPathFreeContext(context);
   if (!result) {

@@ -1,0 +1,80 @@
+#include "registrar/client_factory.h"
+
+#include <gtest/gtest.h>
+
+#include "fakes.h"
+#include "registrar/ext_client.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using fake::aor;
+using fake::Register;
+using fake::Request;
+
+std::unique_ptr<IMSE_Client> create(const Register& message) {
+  Request request(message.text());
+  return IMSE_ClientFactory::create_client(&request);
+}
+
+std::string refusal(const Register& message) {
+  LogCapture log;
+  EXPECT_EQ(create(message), nullptr);
+  std::string said;
+  for (const auto& line : log.lines()) {
+    if (line.function == "create_client" && line.text != "IMSE_REG: IMSE_ClientFactory::create_client")
+      said += std::to_string(line.level) + " " + line.text + "|";
+  }
+  return said;
+}
+
+}  // namespace
+
+TEST(ClientFactory, MakesAClientOfTheBodysKind) {
+  const auto external = create({});
+  ASSERT_NE(external, nullptr);
+  EXPECT_EQ(external->is_external(), 1);
+  const auto internal = create({.body = fake::moduleInfo("reg")});
+  ASSERT_NE(internal, nullptr);
+  EXPECT_EQ(internal->is_external(), 0);
+  ClientTable_Entry_T entry;
+  internal->get_client_info(entry);
+  EXPECT_EQ(entry.packages, "reg");
+}
+
+TEST(ClientFactory, NumbersExternalClientsFromOneAndNeverAgain) {
+  IMSE_ClientFactory::ua_id_counter = 0;
+  for (std::uint32_t id = 1; id <= 3; ++id) {
+    create({.body = fake::moduleInfo("reg")});
+    EXPECT_EQ(static_cast<IMSE_ExtClient&>(*create({})).get_ua_id(), id);
+  }
+}
+
+TEST(ClientFactory, RefusesContentThatIsNotXml) {
+  EXPECT_EQ(refusal({.content_type = ""}), "4 IMSE_REG: Content-Type absent |");
+  EXPECT_EQ(refusal({.content_type = "text/plain"}), "5 IMSE_REG: Invalid Content-Type|");
+}
+
+TEST(ClientFactory, RefusesAContentTypeWithParameters) {
+  EXPECT_EQ(refusal({.content_type = "application/xml;charset=utf-8"}), "5 IMSE_REG: Invalid Content-Type|");
+}
+
+TEST(ClientFactory, RefusesAnEmptyBody) {
+  EXPECT_EQ(refusal({.body = ""}), "4 IMSE_REG: No content 0 0|");
+}
+
+TEST(ClientFactory, RefusesABodyThatIsNeitherKind) {
+  EXPECT_EQ(refusal({.body = "<other/>"}), "4 IMSE_REG: Invalid content|");
+  EXPECT_EQ(refusal({.body = "not xml"}), "4 IMSE_REG: Invalid content|");
+  EXPECT_EQ(refusal({.body = "<ua-info/>"}), "4 IMSE_REG: Invalid content|");
+}
+
+TEST(ClientFactory, RefusesABodyThatNoNotifyCouldTell) {
+  // Every header is told once for each address: 200 x 200 headers are megabytes.
+  std::string aors, headers;
+  for (int i = 0; i < 200; ++i) headers += "<header>P-Header:some value</header>";
+  aors = aor("sip:a@home.net", "<sip-headers>" + headers + "</sip-headers>");
+  for (int i = 0; i < 200; ++i) aors += aor("sip:a@home.net", "");
+  EXPECT_EQ(refusal({.body = fake::uaInfo("home", aors)}),
+            "4 IMSE_REG: Content too large for a NOTIFY: 201 AORs, 200 headers|");
+}

@@ -1,0 +1,401 @@
+#include "registrar/registrar.h"
+
+#include "registrar_fixture.h"
+
+using RegistrarTest = RegistrarFixture;
+
+TEST(Registrar, NeedsEverythingAndIsMadeOnce) {
+  FakeConnector connector;
+  fake::RoutingTable table;
+  fake::Listener listener;
+  LogCapture log;
+  EXPECT_EQ(IMSE_Registrar::init_registrar(nullptr, &table, &listener), nullptr);
+  EXPECT_EQ(IMSE_Registrar::init_registrar(&connector, nullptr, &listener), nullptr);
+  EXPECT_EQ(IMSE_Registrar::init_registrar(&connector, &table, nullptr), nullptr);
+  EXPECT_EQ(log.count(4, "IMSE_REG: init registrar failed"), 3);
+  EXPECT_EQ(IMSE_Registrar::get_instance(), nullptr);
+  IMSE_Registrar* const first = IMSE_Registrar::init_registrar(&connector, &table, &listener);
+  ASSERT_NE(first, nullptr);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: REGISTRAR:initialized"));
+  EXPECT_EQ(IMSE_Registrar::init_registrar(&connector, &table, &listener), nullptr);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: REGISTRAR:init failed. Re-initing the registrar"));
+  EXPECT_EQ(IMSE_Registrar::get_instance(), first);
+  IMSE_Registrar::destroy();
+  EXPECT_EQ(IMSE_Registrar::get_instance(), nullptr);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: IMSE_Registrar::~IMSE_Registrar"));
+  IMSE_Registrar::destroy();
+}
+
+TEST_F(RegistrarTest, AnUnknownPortWithANewProfileIsAdmitted) {
+  LogCapture log;
+  const fake::Request& request = send({});
+  EXPECT_EQ(request.status(), 200);
+  EXPECT_EQ(request.answered("Zel-Profile-ID"), "1");
+  EXPECT_EQ(request.answered("Expires"), "3600");
+  EXPECT_EQ(request.answered("Contact"), "<sip:alice@127.0.0.1:5070>");
+  EXPECT_TRUE(connector.closed(&request));
+  EXPECT_EQ(table.operations, Texts{"add 5070"});
+  EXPECT_EQ(table.entries[0].profile_id, "1");
+  EXPECT_EQ(table.entries[0].profile_name, "home");
+  EXPECT_EQ(table.entries[0].uri, "sip:alice@home.net");
+  ASSERT_EQ(registrar->domains().size(), 1u);
+  EXPECT_EQ(registrar->domains()[0]->clients().size(), 1u);
+  EXPECT_EQ(clientCount(), 1u);
+  Texts said;
+  for (const auto& line : log.lines()) {
+    if (line.function == "handle_new_client_register" || line.function == "process_ext_client_new_register")
+      said.push_back(line.text);
+  }
+  EXPECT_EQ(said,
+            (Texts{"IMSE_REG: REGISTER message type 0", "IMSE_REG: IMSE_Registrar::process_ext_client_new_register",
+                   "IMSE_REG: Domain list updated", "IMSE_REG: Added external client entry on the table ",
+                   "IMSE_REG: Successfully processed client. Adding to local client list "}));
+}
+
+TEST_F(RegistrarTest, AModuleIsAdmittedWithoutDomainOrNotify) {
+  subscribe();
+  answerAll();
+  LogCapture log;
+  const fake::Request& request = send(module());
+  EXPECT_EQ(request.status(), 200);
+  EXPECT_EQ(request.answered("Zel-Profile-ID"), "(none)");
+  EXPECT_EQ(table.operations, Texts{"add 6000"});
+  EXPECT_EQ(table.entries[0].packages, "reg");
+  EXPECT_TRUE(registrar->domains().empty());
+  EXPECT_EQ(dialog.notifies(), Texts{"active -"});
+  EXPECT_TRUE(log.has(5, "IMSE_REG: Added an entry for the internal client in routing table"));
+}
+
+TEST_F(RegistrarTest, UserAgentsOfOneProfileShareItsDomain) {
+  EXPECT_EQ(status({}), 200);
+  LogCapture log;
+  EXPECT_EQ(send(bob()).answered("Zel-Profile-ID"), "1");
+  EXPECT_TRUE(log.has(5, "IMSE_REG:domain match found for"));
+  Register other = bob(5072);
+  other.from = "sip:carol@work.net";
+  other.body = fake::uaInfo("work", fake::aor("sip:carol@work.net", ""));
+  EXPECT_EQ(send(other).answered("Zel-Profile-ID"), "2");
+  EXPECT_EQ(registrar->domains().size(), 2u);
+}
+
+TEST_F(RegistrarTest, AnOverlappingUserAgentOfTheSameProfileIsRefused) {
+  EXPECT_EQ(status({}), 200);
+  LogCapture log;
+  Register overlapping = bob();
+  overlapping.body = fake::uaInfo("home", fake::aor("sip:bob@home.net", "<events>reg</events>"));
+  EXPECT_EQ(status(overlapping), 403);
+  EXPECT_TRUE(log.has(4, "IMSE_REG:client validate failed "));
+  EXPECT_TRUE(log.has(4, "IMSE_REG: Client processing failed. Deleting the client object"));
+  EXPECT_EQ(clientCount(), 1u);
+  EXPECT_EQ(table.operations, Texts{"add 5070"});
+  // In another profile the same routing does not matter.
+  overlapping.body = fake::uaInfo("work", fake::aor("sip:bob@home.net", "<events>reg</events>"));
+  EXPECT_EQ(status(overlapping), 200);
+}
+
+TEST_F(RegistrarTest, ABodyThatIsNoneIsAnswered400AndNotClosed) {
+  for (const Register& message : {Register{.body = "<other/>"}, Register{.body = ""}, Register{.content_type = ""},
+                                  Register{.content_type = "text/plain"}, Register{.body = "<ua-info>"}}) {
+    LogCapture log(4);
+    const fake::Request& request = send(message);
+    EXPECT_EQ(request.status(), 400);
+    EXPECT_EQ(request.releases, 1);
+    EXPECT_FALSE(connector.closed(&request));
+    EXPECT_TRUE(log.has(4, "IMSE_REG: handle_registrar_register_message: object creation failed"));
+  }
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_TRUE(table.operations.empty());
+}
+
+TEST_F(RegistrarTest, WithoutContactOrItsPortNobodyIsRegistered) {
+  for (const char* contact : {"", "<sip:alice@127.0.0.1>", "*", "<sip:alice@127.0.0.1:99999>"}) {
+    LogCapture log(4);
+    EXPECT_EQ(status({.contact = contact}), 400) << contact;
+    EXPECT_EQ(log.texts(), Texts{"IMSE_REG:default handler "});
+  }
+  EXPECT_EQ(clientCount(), 0u);
+}
+
+TEST_F(RegistrarTest, AFirstRegisterThatEndsIsAnswered400) {
+  EXPECT_EQ(status({.expires = "0"}), 400);
+  EXPECT_EQ(status({.expires = ""}), 400);
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_TRUE(table.operations.empty());
+}
+
+TEST_F(RegistrarTest, AnEmptyProfileNameIsAnswered400) {
+  LogCapture log(4);
+  EXPECT_EQ(status({.body = "<ua-info><profile-info><name><!-- --> </name></profile-info></ua-info>"}), 200);
+  Register message = bob();
+  message.body = "<ua-info><profile-info><name><![CDATA[]]></name></profile-info></ua-info>";
+  EXPECT_EQ(status(message), 400);
+  EXPECT_EQ(clientCount(), 1u);
+}
+
+TEST_F(RegistrarTest, ARefusedTableEntryIsAnswered400) {
+  table.refuse = true;
+  LogCapture log(4);
+  EXPECT_EQ(status({}), 400);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: External Client table entry addition failed. Reject client"));
+  EXPECT_EQ(status(module()), 400);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: Internal client table entry addition failed"));
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_TRUE(registrar->domains()[0]->clients().empty());
+}
+
+TEST_F(RegistrarTest, AFailedDomainInsertionIsAnswered400AndTheTableEntryStays) {
+  subscribe();
+  answerAll();
+  dialog.refuse = true;
+  LogCapture log(4);
+  EXPECT_EQ(status({}), 400);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: External Client addition to the domain failed. Reject client"));
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_EQ(table.operations, Texts{"add 5070"});
+  EXPECT_EQ(table.entries.size(), 1u);
+}
+
+TEST_F(RegistrarTest, ARequestThatTakesNo200LeavesNothingBehind) {
+  LogCapture log(4);
+  last = std::make_unique<fake::Request>(Register{}.text());
+  last->refuse_answer = true;
+  deliver();
+  EXPECT_TRUE(log.has(4, "IMSE_REG: Unable to send 200ok.  Removing external client from routing table"));
+  EXPECT_EQ(table.operations, (Texts{"add 5070", "delete 5070"}));
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_TRUE(registrar->domains()[0]->clients().empty());
+  last = std::make_unique<fake::Request>(module().text());
+  last->refuse_answer = true;
+  deliver();
+  EXPECT_TRUE(log.has(4, "IMSE_REG: Unable to send 200ok. Internal Client entry deleted from routing table"));
+  EXPECT_EQ(table.entries.size(), 0u);
+  EXPECT_EQ(clientCount(), 0u);
+  // The party can try again.
+  EXPECT_EQ(status({}), 200);
+}
+
+TEST_F(RegistrarTest, WhoMustAuthenticateIsChallengedAndWaitsInTheList) {
+  registrar->set_authentication(false, true);
+  LogCapture log;
+  EXPECT_EQ(status({}), 401);
+  EXPECT_TRUE(log.has(5, "IMSE_REG adding client to the list"));
+  EXPECT_EQ(clientCount(), 1u);
+  EXPECT_EQ(external().state(), IMSE_CLIENT_CHALLENGED);
+  EXPECT_TRUE(table.operations.empty());
+  EXPECT_EQ(status(module()), 200);
+  registrar->set_authentication(true, false);
+  Register refresh = module();
+  refresh.cseq = 2;
+  EXPECT_EQ(status(refresh), 401);
+  Register other = module(6002);
+  other.from = "sip:other@127.0.0.1";
+  EXPECT_EQ(status(other), 401);
+  EXPECT_EQ(clientCount(), 3u);
+}
+
+TEST_F(RegistrarTest, AChallengeThatCannotBeSentDropsTheClient) {
+  registrar->set_authentication(true, true);
+  LogCapture log(4);
+  last = std::make_unique<fake::Request>(Register{}.text());
+  last->refuse_answer = true;
+  deliver();
+  EXPECT_TRUE(log.has(4, "IMSE_REG:Auth failed"));
+  EXPECT_EQ(clientCount(), 0u);
+}
+
+TEST_F(RegistrarTest, TheWatcherHearsOfEveryoneInOrder) {
+  EXPECT_EQ(status({}), 200);
+  LogCapture log;
+  const fake::Request& request = subscribe();
+  EXPECT_EQ(request.status(), 200);
+  EXPECT_TRUE(connector.closed(&request));
+  EXPECT_TRUE(log.has(5, "IMSE_REG: setting subscriber"));
+  EXPECT_EQ(status(bob()), 200);
+  Register leaving = bob();
+  leaving.cseq = 2;
+  leaving.expires = "0";
+  EXPECT_EQ(status(leaving), 200);
+  EXPECT_EQ(status({.cseq = 2, .expires = "0"}), 200);
+  EXPECT_EQ(dialog.notifies(), Texts{"active -"});
+  answerAll();
+  EXPECT_EQ(dialog.notifies(),
+            (Texts{"active -", "active CREATE", "active UPDATE add", "active UPDATE delete", "active DELETE"}));
+  for (std::size_t i = 0; i < dialog.made.size(); ++i) EXPECT_TRUE(connector.closed(dialog.made[i].get())) << i;
+}
+
+TEST_F(RegistrarTest, ARefusedSubscribeLeavesNoSubscriber) {
+  const fake::Request& stranger = subscribe("600", "sip:eve@127.0.0.1");
+  EXPECT_EQ(stranger.status(), 400);
+  EXPECT_EQ(stranger.releases, 1);
+  EXPECT_FALSE(connector.closed(&stranger));
+  EXPECT_EQ(registrar->subscriber(), nullptr);
+  EXPECT_EQ(subscribe("0").status(), 400);
+  EXPECT_EQ(subscribe("600", "sip:regua@127.0.0.1", "reg").status(), 400);
+  EXPECT_EQ(registrar->subscriber(), nullptr);
+}
+
+TEST_F(RegistrarTest, ARefusedSubscribeLeavesTheSubscriberThere) {
+  subscribe();
+  EXPECT_EQ(subscribe("600", "sip:regua@127.0.0.1", "reg").status(), 400);
+  EXPECT_NE(registrar->subscriber(), nullptr);
+}
+
+TEST_F(RegistrarTest, ASubscribeAnswered500IsNotAnsweredAgain) {
+  subscribe();
+  last = std::make_unique<fake::Request>(
+      sipRequest("SUBSCRIBE", "sip:registrar@127.0.0.1", {{"Event", "local-reg-events"}}));
+  last->dialog = &dialog;
+  registrar->handle_registrar_subscribe_message(last.get());
+  EXPECT_EQ(last->status(), 500);
+}
+
+TEST_F(RegistrarTest, AfterUnsubscribingNoDomainUsesTheSubscriber) {
+  EXPECT_EQ(status({}), 200);
+  subscribe();
+  answerAll();
+  LogCapture log;
+  EXPECT_EQ(subscribe("0").status(), 200);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: deleting subscription"));
+  EXPECT_TRUE(log.has(5, "IMSE_REG: setting subscriber"));
+  EXPECT_EQ(registrar->subscriber(), nullptr);
+  EXPECT_EQ(status(bob()), 200);
+  EXPECT_EQ(dialog.notifies().back(), "terminated -");
+}
+
+TEST_F(RegistrarTest, AfterAnErrorAnswerNoDomainUsesTheSubscriber) {
+  EXPECT_EQ(status({}), 200);
+  subscribe();
+  answer(200);
+  LogCapture log;
+  fake::Notify* const notify = dialog.made.back().get();
+  answer(481);
+  EXPECT_TRUE(log.has(5, "IMSE_REG:deleting subscription"));
+  EXPECT_TRUE(connector.closed(notify));
+  EXPECT_EQ(registrar->subscriber(), nullptr);
+  EXPECT_EQ(registrar->domains()[0]->notify_state(), IMSE_Domain::NOTHING_SENT);
+  EXPECT_EQ(status(bob()), 200);
+  EXPECT_EQ(dialog.notifies(), (Texts{"active -", "active CREATE", "terminated -"}));
+  // A watcher that comes back hears it all again.
+  subscribe();
+  answerAll();
+  EXPECT_EQ(dialog.notifies(), (Texts{"active -", "active CREATE", "terminated -", "active -", "active CREATE"}));
+}
+
+TEST_F(RegistrarTest, AnAnswerWithoutASubscriberIsClosed) {
+  fake::Notify stray(&dialog);
+  LogCapture log;
+  registrar->handle_registrar_response_message(&stray);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: subscriber is NULL"));
+  EXPECT_TRUE(connector.closed(&stray));
+}
+
+TEST_F(RegistrarTest, AProvisionalAnswerDoesNotEndTheTransaction) {
+  subscribe();
+  fake::Notify* const notify = dialog.made.back().get();
+  answer(100);
+  EXPECT_FALSE(connector.closed(notify));
+  answer(200);
+  EXPECT_TRUE(connector.closed(notify));
+}
+
+TEST_F(RegistrarTest, ALivingSubscriptionIsToldOfTheEnd) {
+  EXPECT_EQ(status({}), 200);
+  subscribe();
+  answerAll();
+  IMSE_Registrar::destroy();
+  EXPECT_EQ(dialog.notifies(), (Texts{"active -", "active CREATE", "terminated -"}));
+}
+
+TEST_F(RegistrarTest, GivesTheCredentialsOfAProfile) {
+  const fake::ConfigDir config;
+  config.profile("home",
+                 "<p><impi>alice@home.net</impi><secret>xyz</secret><operation-mode>shared</operation-mode></p>");
+  EXPECT_EQ(status({}), 200);
+  std::string first, second, third;
+  LogCapture log;
+  EXPECT_EQ(registrar->get_profile_credentials("1", first, second, third), 1);
+  EXPECT_EQ(first, "alice@home.net");
+  EXPECT_EQ(second, "xyz");
+  EXPECT_EQ(third, "shared");
+  EXPECT_EQ(log.texts(), (Texts{"IMSE_REG: IMSE_Registrar::get_profile_credentials 1",
+                                "IMSE_REG: IMSE_Domain::get_profile_credentials",
+                                "IMSE_REG: returning impi impu alice@home.net xyz shared"}));
+  first = "kept";
+  EXPECT_EQ(registrar->get_profile_credentials("2", first, second, third), 0);
+  EXPECT_EQ(registrar->get_profile_credentials("", first, second, third), 0);
+  EXPECT_EQ(registrar->get_profile_credentials("99999999999", first, second, third), 0);
+  EXPECT_EQ(first, "kept");
+}
+
+TEST_F(RegistrarTest, ARefreshTextIsOnlyLogged) {
+  LogCapture log;
+  std::string text = "anything";
+  registrar->handle_registrar_refresh_message(text);
+  EXPECT_EQ(log.texts(), Texts{"IMSE_REG: IMSE_Registrar::handle_registrar_refresh_message"});
+}
+
+TEST_F(RegistrarTest, TakesNoMoreClientsThanItsLimit) {
+  for (std::size_t i = 0; i < IMSE_Registrar::kMaxClients; ++i) {
+    Register one = module(10000 + static_cast<int>(i));
+    one.from = "sip:anonymous@127.0.0.1";
+    ASSERT_EQ(status(one), 200) << i;
+  }
+  LogCapture log(4);
+  EXPECT_EQ(status(module()), 400);
+  EXPECT_EQ(log.texts(), Texts{"IMSE_REG: 256 clients are registered, no further one is taken"});
+  // Those who are there go on.
+  Register known = module(10000);
+  known.from = "sip:anonymous@127.0.0.1";
+  known.cseq = 2;
+  known.expires = "0";
+  EXPECT_EQ(status(known), 200);
+  EXPECT_EQ(status(module()), 200);
+}
+
+TEST_F(RegistrarTest, KnowsNoMoreProfilesThanItsLimit) {
+  for (std::size_t i = 0; i < IMSE_Registrar::kMaxDomains; ++i) {
+    Register one = bob(10000 + static_cast<int>(i));
+    one.from = "sip:anonymous@127.0.0.1";
+    one.body = fake::uaInfo("profile" + std::to_string(i), "");
+    ASSERT_EQ(status(one), 200) << i;
+  }
+  LogCapture log(4);
+  EXPECT_EQ(status(bob()), 400);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: 64 network profiles are known, no further one is taken"));
+  Register known = bob();
+  known.body = fake::uaInfo("profile3", "");
+  EXPECT_EQ(status(known), 200);
+}
+
+TEST_F(RegistrarTest, AWatcherThatDoesNotAnswerStopsFurtherRegistrations) {
+  subscribe();
+  Register coming = bob();
+  Register leaving = bob();
+  leaving.expires = "0";
+  int taken = 0;
+  for (int cseq = 1; taken < 1000; cseq += 2) {
+    coming.cseq = cseq;
+    if (status(coming) != 200) break;
+    leaving.cseq = cseq + 1;
+    EXPECT_EQ(status(leaving), 200);
+    ++taken;
+  }
+  EXPECT_EQ(taken, static_cast<int>(IMSE_RegSubscriber::kMaxPending) / 2);
+  EXPECT_EQ(last->status(), 400);
+  // Nothing is left of the one that was refused.
+  EXPECT_TRUE(table.entries.empty());
+  EXPECT_EQ(clientCount(), 0u);
+  answerAll();
+  EXPECT_EQ(status(coming), 200);
+}
+
+TEST_F(RegistrarTest, AThousandRegistrationsOfOnePortLeaveNothingBehind) {
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 1}), 200);
+    ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 2, .expires = "0"}), 200);
+  }
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_TRUE(table.entries.empty());
+  ASSERT_EQ(registrar->domains().size(), 1u);
+  EXPECT_TRUE(registrar->domains()[0]->clients().empty());
+}

@@ -16,6 +16,10 @@ add_library(ue_options INTERFACE)
 target_compile_options(ue_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnon-virtual-dtor -Woverloaded-virtual
   -Werror -fno-strict-aliasing)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # At -O3 it sees overlaps in string concatenation that are not there (GCC bug 105651).
+  target_compile_options(ue_options INTERFACE -Wno-restrict)
+endif()
 target_include_directories(ue_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
 target_compile_definitions(ue_options INTERFACE UE_PROXY_VERSION="${PROJECT_VERSION}")
 

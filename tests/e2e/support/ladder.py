@@ -36,7 +36,7 @@ class Ladder:
                 packet, address = self.socket.recvfrom(70000)
             except TimeoutError:
                 continue
-            if address[2] == socket.PACKET_OUTGOING:
+            if address[2] != socket.PACKET_OUTGOING:
                 self._packet(packet)
 
     def _packet(self, packet):
@@ -101,6 +101,7 @@ class Ladder:
             if start is None or end is None or start == end or skip(message):
                 continue
             what = message.method or " ".join(message.start.split(" ")[1:])
+            what = what if len(what) <= width - 8 else what[:width - 11] + "..."
             key = (start, end, message.start, message.get("Call-ID"), message.get("CSeq"), transport)
             if key == last:
                 continue  # a retransmission tells nothing new

@@ -140,7 +140,8 @@ class SIPLIB_SIPClientUdpTransport : public SIPLIB_SIPTransportConnection {};
 class SIPLIB_SIPTransportNotifier : public SIPLIB_SIPConnection {
  public:
   /// The listener of everything that arrives on this endpoint; shared by all its handles, the last one set counts. Null
-  /// gives everything to the ordinary SIP processing.
+  /// gives everything to the ordinary SIP processing. It stays the listener of the connections that it accepted, also
+  /// after the endpoint is closed.
   virtual void setListener(SIPLIB_SIPServerTransportListener* listener) = 0;
   /// Within notifyIncomingConnection: the new connection; null when there is none (any more).
   virtual SIPLIB_SIPServerTcpTransport* acceptAndOpen() = 0;

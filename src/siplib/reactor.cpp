@@ -115,7 +115,12 @@ struct TimerState : std::enable_shared_from_this<TimerState> {
 class AsioTimer final : public Reactor::Timer {
  public:
   explicit AsioTimer(std::shared_ptr<TimerState> state) : state_(std::move(state)) {}
-  ~AsioTimer() override { state_->stop(); }
+  ~AsioTimer() override {
+    try {
+      state_->stop();
+    } catch (...) {  // it does not fire, cancelled or not
+    }
+  }
   void start(std::chrono::milliseconds delay) override { state_->start(delay); }
   void stop() override { state_->stop(); }
 

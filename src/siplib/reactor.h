@@ -28,6 +28,7 @@ class Reactor {
     /// The same for writing.
     virtual void wantWrite(bool on) = 0;
   };
+  /// Null when the system refuses to watch it.
   std::unique_ptr<Watch> watch(int descriptor, std::function<void()> readable, std::function<void()> writable);
 
   /// Calls `due` once after `delay`. Destroying or re-arming the Timer cancels it. I/O thread only.

@@ -35,7 +35,7 @@ struct SIPLIB_SIPStackConfig {
   std::function<bool(int level)> log_enabled;
 };
 
-/// One stack.
+/// One stack. Its end closes everything at once, without notice; the reactor must not be running then.
 class SIPLIB_SIPStack {
  public:
   /// Null when the configuration cannot work.

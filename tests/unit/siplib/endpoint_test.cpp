@@ -134,6 +134,28 @@ TEST_F(EndpointTest, WhatIsNoAddressIsRefusedWithALine) {
   EXPECT_EQ(1u, log.count("cannot listen on 192.0.2.1:0 (TCP): Cannot assign requested address"));
 }
 
+TEST_F(EndpointTest, AnIpv6AddressServesWhereTheHostHasIt) {
+  const bool has_it = static_cast<bool>(Peer::listening(at("::1", 0)));
+  SIPLIB_SIPTransportNotifier* notifier = stack->openTransportNotifier("TCP", "[::1]", 0);
+  ASSERT_EQ(has_it, notifier != nullptr);
+  if (!has_it) return;
+  notifier->setListener(&listener);
+  const SocketAddress address = addressOf(notifier);
+  EXPECT_EQ("::1", address.ip());
+  auto* client = stack->openClient("TCP", "::1", address.port(), "[::1]", address.port());
+  EXPECT_NE(nullptr, client);
+  EXPECT_NE(nullptr, next<SIPLIB_SIPServerTcpTransport>("created"));
+  const Peer peer = Peer::udp(at("::1", 0));
+  ASSERT_TRUE(peer.sendTo(address, request("OPTIONS", "six")));
+  auto* datagrams = next<SIPLIB_SIPServerUdpTransport>("datagram");
+  ASSERT_NE(nullptr, datagrams);
+  EXPECT_EQ(0, datagrams->receive());
+  std::string ip;
+  int port = 0;
+  EXPECT_TRUE(datagrams->getPeerAddress(ip, port));
+  EXPECT_EQ(peer.address(), at(ip, port));
+}
+
 TEST_F(EndpointTest, TheLocalEndpointIsOneAndKnownToTheLayer) {
   for (const char* uri : {"", "sip:", "5060", "sip:localhost:0", "sip:99999", "sips:0", "sip:127.0.0.1:"}) {
     EXPECT_EQ(nullptr, stack->openNotifier(uri)) << uri;

@@ -8,7 +8,6 @@ import argparse
 import os
 import subprocess
 import sys
-import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -19,126 +18,189 @@ def title(text):
     print(f"\n\033[1m{text}\033[0m" if sys.stdout.isatty() else f"\n## {text}", flush=True)
 
 
-class Callee:
-    """Somebody in the network: answers what kamailio brings."""
+class Story:
+    """The chapters share a running ue-proxy, kamailio, and somebody behind it."""
 
-    def __init__(self, ip="127.0.0.5", port=5060):
-        from support import sip
-        self.sip = sip
-        self.peer = sip.Udp(port, ip)
-        self.running = True
-        self.thread = threading.Thread(target=self._serve, daemon=True)
-        self.thread.start()
+    def __init__(self):
+        from support import peers, sip
+        from support.ladder import Ladder
+        from support.proxy import BIN, HOME_PROFILE, UeProxy
+        self.peers, self.sip, self.bin = peers, sip, BIN
+        self.opened = []
+        network = ("127.0.0.3", "127.0.0.4", "127.0.0.5")
+        self.ladder = self.keep(Ladder([
+            ("user agents", lambda ip, port: ip == "127.0.0.1" and port != 5060),
+            ("ue-proxy", lambda ip, port: ip == "127.0.0.2" or (ip, port) == ("127.0.0.1", 5060)),
+            ("network", lambda ip, port: ip in network)]))
+        profiles = {name: HOME_PROFILE.format(mode="ietf-shared") for name in ("home", "work", "vip")}
+        self.proxy = UeProxy(level=4, profiles=profiles)
+        self.keep(peers.Kamailio())
+        self.callee = self.keep(peers.Callee())
+        self.watched = 0
+        self.watch = peers.Child([os.path.join(BIN, "ue-proxyctl"), "watch"], self.proxy.dir, "watch")
+        self.keep(self.watch)
+        self.watch.wait_output("NOTIFY active")
+        self.settle()
 
-    def _serve(self):
-        contact = f"<sip:bob@{self.peer.ip}:{self.peer.port}>"
-        sdp = (f"v=0\r\no=bob 1 1 IN IP4 {self.peer.ip}\r\ns=-\r\nc=IN IP4 {self.peer.ip}\r\nt=0 0\r\n"
-               "m=audio 7000 RTP/AVP 0\r\n")
-        while self.running:
-            try:
-                message = self.peer.receive(0.2)
-            except TimeoutError:
-                continue
-            if message.method == "INVITE":
-                self.peer.send(self.sip.response(message, 180, "Ringing", contact=contact), self.peer.source)
-                self.peer.send(self.sip.response(message, 200, "OK", contact=contact, body=sdp,
-                                                 headers=[("Content-Type", "application/sdp")]), self.peer.source)
-            elif message.method and message.method != "ACK":
-                self.peer.send(self.sip.response(message, 200, "OK"), self.peer.source)
+    def keep(self, peer):
+        self.opened.append(peer)
+        return peer
 
     def close(self):
-        self.running = False
-        self.thread.join()
-        self.peer.close()
+        for peer in reversed(self.opened):
+            peer.close()
+        if self.proxy.alive():
+            self.proxy.stop()
+        self.proxy.remove()
 
-
-def story():
-    from support import peers, sip
-    from support.ladder import Ladder
-    from support.proxy import BIN, UeProxy
-
-    def ctl(*words):
+    def ctl(self, *words):
         print(f"$ ue-proxyctl {' '.join(words)}", flush=True)
-        done = subprocess.run([os.path.join(BIN, "ue-proxyctl"), *words], capture_output=True, text=True, timeout=60)
+        done = subprocess.run([os.path.join(self.bin, "ue-proxyctl"), *words], capture_output=True, text=True, timeout=60)
         print(done.stdout + done.stderr, end="", flush=True)
         if done.returncode != 0:
             sys.exit("demo: ue-proxyctl failed")
 
+    @staticmethod
     def settle():
         time.sleep(0.3)
 
-    local = Ladder([("user agent", lambda ip, port: ip == "127.0.0.1" and port != 5060),
-                    ("ue-proxy", lambda ip, port: port == 5060 and ip in ("127.0.0.1", "127.0.0.2")
-                     or ip == "127.0.0.2"),
-                    ("network", lambda ip, port: ip in ("127.0.0.3", "127.0.0.5"))])
-    opened = [local]
-    proxy = UeProxy(level=4)
-    try:
-        kamailio = peers.Kamailio()
-        opened += [kamailio, Callee()]
-        settle()
-        local.draw(skip=lambda message: True)
+    def draw(self, **options):
+        self.settle()
+        self.ladder.draw(**options)
 
-        for transport, port, profile in (("UDP", 5071, "1"), ("TCP", 5072, "2")):
-            user, name = ("alice", "home") if transport == "UDP" else ("carol", "work")
-            title(f"{transport}: the soft phone of {user} at port {port} is registered with the local registrar")
-            ctl("register", "--port", str(port), "--user", user, "--profile-name", name, "--aor",
-                f"{user}@example.net", "--methods", "INVITE,MESSAGE")
-            settle()
-            local.draw()
-            title(f"{transport}: its network profile gets a route to the network's proxy (kamailio)")
-            ctl("route", "set", "--profile", profile, "--proxy", f"127.0.0.3:{transport}:5060", "--device", "127.0.0.2")
-            settle()
-            local.draw()
+    def expect(self, condition, text):
+        if not condition:
+            sys.exit(f"demo: {text}")
 
-            title(f"{transport}: baresip calls sip:bob@example.net")
-            phone = peers.Baresip(user=user, port=port, transport=transport.lower(),
-                                  commands=["/dial sip:bob@example.net"])
-            opened.append(phone)
+    def watcher_saw(self):
+        self.settle()
+        seen = self.watch.output()
+        print("the watcher (ue-proxyctl watch) saw:")
+        print(seen[self.watched:])
+        self.watched = len(seen)
+
+    def register(self, user, port, profile, show=True):
+        self.ctl("register", "--port", str(port), "--user", user, "--profile-name", profile, "--aor",
+                 f"{user}@example.net", "--feature-tag", f"+g.{user}", "--methods", "INVITE,MESSAGE")
+        if show:
+            self.draw()
+
+    def message(self, link, user, port, transport, to="sip:echo@example.net"):
+        link.send(self.sip.request("MESSAGE", to, via=f"127.0.0.1:{port}", transport=transport, body="hello",
+                                   frm=f"<sip:{user}@example.net>", to=f"<{to}>"))
+        return link.receive()
+
+    def to_the_network(self, transport, user, port, name, profile):
+        title(f"{transport}: the phone of {user} at port {port} is registered with the local registrar")
+        self.register(user, port, name)
+        title(f"{transport}: its network profile gets a route to the network's proxy (kamailio)")
+        self.ctl("route", "set", "--profile", profile, "--proxy", f"127.0.0.3:{transport}:5060", "--device", "127.0.0.2")
+        self.draw()
+
+        title(f"{transport}: baresip calls sip:bob@example.net")
+        phone = self.peers.Baresip(user=user, port=port, transport=transport.lower(),
+                                   commands=["/dial sip:bob@example.net"])
+        try:
             phone.wait_output("Call established", 20)
-            settle()
+            self.settle()
+        finally:
             phone.close()
-            opened.remove(phone)
-            settle()
-            local.draw()
+        self.draw()
 
-            title(f"{transport}: a MESSAGE and a REGISTER to the network")
-            if transport == "UDP":
-                link = sip.Udp(port)
-                opened.append(link)
-            else:
-                listener = sip.Tcp(port)
-                link = sip.connect()
-                opened += [listener, link]
-            link.send(sip.request("MESSAGE", "sip:echo@example.net", via=f"127.0.0.1:{port}", transport=transport,
-                                  frm=f"<sip:{user}@example.net>", to="<sip:echo@example.net>", body="hello"))
-            answers = [link.receive()]
-            link.send(sip.request("REGISTER", "sip:example.net", via=f"127.0.0.1:{port}", transport=transport,
-                                  frm=f"<sip:{user}@example.net>", to=f"<sip:{user}@example.net>",
-                                  contact=f"<sip:{user}@127.0.0.1:{port}>",
-                                  headers=[("Zel-Profile-ID", profile), ("Expires", 600)]))
+        title(f"{transport}: a MESSAGE and a REGISTER to the network")
+        listener = None if transport == "UDP" else self.sip.Tcp(port)
+        link = self.sip.Udp(port) if transport == "UDP" else self.sip.connect()
+        try:
+            answers = [self.message(link, user, port, transport)]
+            link.send(self.sip.request("REGISTER", "sip:example.net", via=f"127.0.0.1:{port}", transport=transport,
+                                       frm=f"<sip:{user}@example.net>", to=f"<sip:{user}@example.net>",
+                                       contact=f"<sip:{user}@127.0.0.1:{port}>",
+                                       headers=[("Zel-Profile-ID", profile), ("Expires", 600)]))
             answers.append(link.receive())
-            settle()
-            local.draw()
-            for answer in answers:
-                if answer.status != 200 or len(answer.all("Via")) != 1 or f":{port};" not in answer.get("Via"):
-                    sys.exit(f"demo: the answer is not as it should be:\n{answer.raw.decode()}")
+        finally:
+            link.close()
+            if listener:
+                listener.close()
+        self.draw()
+        for answer in answers:
+            self.expect(answer.status == 200 and len(answer.all("Via")) == 1 and f":{port};" in answer.get("Via"),
+                        f"the answer is not as it should be:\n{answer.raw.decode()}")
 
+    def from_the_network(self):
+        title("UDP: the network calls sip:alice@example.net; her phone (baresip) answers")
+        phone = self.peers.Baresip(user="alice", port=5071, answer=True)
+        try:
+            phone.wait_output("baresip is ready", 10)
+            self.callee.call("sip:alice@example.net")
+            phone.wait_output("Call established", 20)
+            self.settle()
+            self.callee.hang_up()
+        finally:
+            phone.close()
+        self.draw()
+
+    def local_call(self):
+        title("UDP: alice calls dave, another phone of this terminal")
+        self.register("dave", 5073, "home", show=False)
+        self.settle()
+        self.ladder.seen.clear()
+        called = self.peers.Baresip(user="dave", port=5073, answer=True, local=True)
+        try:
+            called.wait_output("baresip is ready", 10)
+            caller = self.peers.Baresip(user="alice", port=5071, local=True, commands=["/dial sip:dave@127.0.0.1"])
+            try:
+                caller.wait_output("Call established", 20)
+                self.settle()
+            finally:
+                caller.close()
+        finally:
+            called.close()
+        self.draw(show=("Via", "Contact", "Record-Route"))
+
+    def challenged(self):
+        from test_digest import kamailio_challenge
+        title("UDP: a network that asks for credentials: the first request is challenged, the next is accepted")
+        self.keep(self.peers.Kamailio(ip="127.0.0.4", challenge=kamailio_challenge(0)))
+        self.register("erin", 5074, "vip", show=False)
+        self.ctl("route", "set", "--profile", "3", "--proxy", "127.0.0.4:UDP:5060", "--device", "127.0.0.2")
+        self.settle()
+        self.ladder.seen.clear()
+        phone = self.keep(self.sip.Udp(5074))
+        statuses = []
+        for _ in range(2):
+            phone.send(self.sip.request("REGISTER", "sip:example.net", via=phone.via, frm="<sip:erin@example.net>",
+                                        to="<sip:erin@example.net>", contact=f"<sip:erin@{phone.via}>"))
+            statuses.append(phone.receive().status)
+        statuses.append(self.message(phone, "erin", 5074, "UDP").status)
+        statuses.append(self.message(phone, "erin", 5074, "UDP").status)
+        self.draw(show=("WWW-Authenticate", "Proxy-Authenticate", "Authorization", "Proxy-Authorization"))
+        self.expect(statuses == [401, 200, 407, 200], f"statuses {statuses}")
+
+    def leave(self):
+        title("dave's phone leaves")
+        self.ctl("deregister", "--port", "5073", "--user", "dave", "--profile-name", "home", "--aor", "dave@example.net")
+        self.watcher_saw()
+
+    def costs(self):
         title("what it costs")
-        memory = proxy.resident_kib()
+        memory = self.proxy.resident_kib()
         print(f"resident memory of ue-proxy: {memory / 1024:.1f} MiB (promised: under 12 MiB)")
-        if memory > 12 * 1024:
-            sys.exit("demo: more memory than promised")
-        refusals = [line for line in proxy.lines() if line[0] <= 3]
-        print(f"log lines of level 3: {len(refusals)}")
-        for line in refusals:
+        self.expect(memory <= 12 * 1024, "more memory than promised")
+        errors = self.proxy.lines(3)
+        print(f"log lines of level 3: {len(errors)}")
+        for line in errors:
             print("  ", *line)
-    finally:
-        for peer in reversed(opened):
-            peer.close()
-        if proxy.alive():
-            proxy.stop()
-        proxy.remove()
+
+    def tell(self):
+        self.ladder.seen.clear()
+        self.to_the_network("UDP", "alice", 5071, "home", "1")
+        self.watcher_saw()
+        self.to_the_network("TCP", "carol", 5072, "work", "2")
+        self.from_the_network()
+        self.local_call()
+        self.challenged()
+        self.leave()
+        self.costs()
 
 
 def main():
@@ -147,7 +209,17 @@ def main():
     parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     arguments = parser.parse_args()
     if arguments.inside:
-        story()
+        story = None
+        try:
+            story = Story()
+            story.tell()
+        except AssertionError:
+            story.draw()
+            print(story.proxy.log()[-3000:])
+            raise
+        finally:
+            if story:
+                story.close()
         return
     import run
     prefix = run.namespace_prefix()

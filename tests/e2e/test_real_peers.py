@@ -4,6 +4,7 @@ import subprocess
 import unittest
 
 from support import peers, sip
+from support.ladder import Ladder
 from support.proxy import BIN, ProxyCase
 
 
@@ -74,6 +75,41 @@ class ThroughKamailio(ProxyCase):
         self.kamailio.wait_output("SEEN INVITE sip:bob@example.net from 127.0.0.2:5060")
         callee.succeed()
         phone.wait_output("session closed|terminated", 20)
+
+    def test_a_soft_phone_is_called_and_calls_back_and_its_audio_offers_stay_untouched(self):
+        wire = self.keep(Ladder([]))
+        callee = self.keep(peers.Callee())
+        self.register(5071, sip.ua_info(methods="INVITE"))
+        self.set_route("1", "127.0.0.3:UDP:5060")
+        registering = self.udp(5071)
+        registering.send(sip.request("REGISTER", "sip:example.net", via=registering.via, frm="<sip:alice@example.net>",
+                                     to="<sip:alice@example.net>", contact=f"<sip:alice@{registering.via}>"))
+        self.assertEqual(registering.receive().status, 200)
+        registering.close()
+        self.open.remove(registering)
+
+        phone = self.keep(peers.Baresip(answer=True))
+        phone.wait_output("baresip is ready")
+        callee.call("sip:alice@example.net")
+        phone.wait_output("Call established", 20)
+        sip.wait_until(lambda: callee.answer, 5, "the answer at the caller")
+        callee.hang_up()
+        phone.wait_output("session closed|terminated", 20)
+        phone.close()
+        back = self.keep(peers.Baresip(commands=["/dial sip:bob@example.net"]))
+        back.wait_output("Call established", 20)
+
+        with wire.lock:
+            seen = list(wire.seen)
+        offers = {}
+        for _, _, message in seen:
+            if message.body and "INVITE" in message.get("CSeq"):
+                key = (message.get("Call-ID"), message.method or message.status)
+                offers.setdefault(key, []).append(message.body)
+        self.assertEqual(len(offers), 4, offers.keys())  # an offer and an answer of each call
+        for key, bodies in offers.items():
+            self.assertGreaterEqual(len(bodies), 3, key)  # on each leg: phone, proxy, kamailio, the other side
+            self.assertEqual(len(set(bodies)), 1, key)
 
 
 if __name__ == "__main__":

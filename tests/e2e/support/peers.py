@@ -5,6 +5,7 @@ import shutil
 import signal
 import subprocess
 import tempfile
+import threading
 
 from support import sip
 
@@ -54,7 +55,11 @@ request_route {{
   record_route();
   if ($rd == "example.net" && $rU == "bob") {{ $du = "sip:{callee}"; t_relay(); exit; }}
   if ($rd == "example.net") {{
+    # The registered contact has no user part; phones want to be called by theirs, so the Request-URI stays.
+    $var(called) = $ru;
     if (!lookup("location")) {{ sl_send_reply("404", "Not found"); exit; }}
+    $du = $ru;
+    $ru = $var(called);
   }}
   t_relay();
 }}
@@ -187,3 +192,64 @@ class Baresip(Child):
     def close(self):
         super().close()
         shutil.rmtree(self.work, ignore_errors=True)
+
+
+class Callee:
+    """Somebody in the network behind kamailio: answers what comes, and calls."""
+
+    def __init__(self, ip="127.0.0.5", port=5060):
+        self.peer = sip.Udp(port, ip)
+        self.running = True
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    @property
+    def contact(self):
+        return f"<sip:bob@{self.peer.ip}:{self.peer.port}>"
+
+    def request(self, method, uri, cseq, to_tag="", headers=(), body=""):
+        self.peer.send(sip.request(method, uri, via=self.peer.via, frm="<sip:bob@example.net>;tag=bob",
+                                        to=f"<{self.called}>{to_tag}", call_id="from-the-network", cseq=cseq,
+                                        contact=self.contact, headers=headers, body=body), ("127.0.0.3", 5060))
+
+    def call(self, uri):
+        self.called = uri
+        self.answer = None
+        self.request("INVITE", uri, 1, headers=[("Content-Type", "application/sdp")], body=self.sdp())
+
+    def hang_up(self):
+        self.in_dialog("BYE", 2)
+
+    def in_dialog(self, method, cseq):
+        """To the address that the answer gave, by way of the proxies that recorded themselves."""
+        target = re.search("<(.*?)>", self.answer.get("Contact")).group(1)
+        tag = re.search(";tag=([^;]+)", self.answer.get("To")).group(0)
+        routes = [("Route", route) for route in reversed(self.answer.all("Record-Route"))]
+        self.request(method, target, cseq, tag, routes)
+
+    def sdp(self):
+        return (f"v=0\r\no=bob 1 1 IN IP4 {self.peer.ip}\r\ns=-\r\nc=IN IP4 {self.peer.ip}\r\nt=0 0\r\n"
+                "m=audio 7000 RTP/AVP 0\r\n")
+
+    def _serve(self):
+        contact, sdp = self.contact, self.sdp()
+        while self.running:
+            try:
+                message = self.peer.receive(0.2)
+            except TimeoutError:
+                continue
+            if message.status == 200 and "INVITE" in message.get("CSeq"):
+                self.answer = message
+                self.in_dialog("ACK", 1)
+                continue
+            if message.method == "INVITE":
+                self.peer.send(sip.response(message, 180, "Ringing", contact=contact), self.peer.source)
+                self.peer.send(sip.response(message, 200, "OK", contact=contact, body=sdp,
+                                                 headers=[("Content-Type", "application/sdp")]), self.peer.source)
+            elif message.method and message.method != "ACK":
+                self.peer.send(sip.response(message, 200, "OK"), self.peer.source)
+
+    def close(self):
+        self.running = False
+        self.thread.join()
+        self.peer.close()

@@ -30,6 +30,7 @@ int IMS_local_registrar::handle_refresh(std::string& text) {
   return 0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the engine's operation before it.
 int IMS_local_registrar::get_profile_credentials(std::string profile_id, std::string& first, std::string& second,
                                                  std::string& third) {
   return registrar_ != nullptr ? registrar_->get_profile_credentials(profile_id, first, second, third) : 0;

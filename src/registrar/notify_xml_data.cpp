@@ -52,6 +52,8 @@ int IMSE_NotifyXmlData::encodeXml() {
 }
 
 bool IMSE_NotifyXmlData::fits(const IMSE_UA_INFO_T& info) {
+  // Each address takes more than 40 bytes, so thousands need not be tried.
+  if (info.aors.size() > kMaxSize / 40) return false;
   IMSE_NotifyXmlData update("delete", 0xffff);
   return update.add_ua_info(info) == 1 || update.encodeXml() == 0;
 }

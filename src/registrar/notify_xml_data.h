@@ -20,7 +20,7 @@ class IMSE_NotifyXmlData : public XmlData {
   /// Largest document in bytes: the NOTIFY with its head must stay within what one SIP message may have (64 KiB, of
   /// which 16 KiB are for the head). The headers of a user agent are repeated in each of its addresses, so a
   /// REGISTER of allowed size could ask for megabytes.
-  static constexpr std::size_t kMaxSize = 48 * 1024;
+  static constexpr std::size_t kMaxSize = std::size_t{48} * 1024;
 
   /// A create document. `profile` is not copied and must outlive the encoding.
   IMSE_NotifyXmlData(const std::string& name, const IMSE_REG_NW_PROFILE_T& profile, unsigned short profile_id);

@@ -41,7 +41,9 @@ std::optional<std::string> first_text(const NodeSet& nodes) {
   return own_text(nodes->nodesetval->nodeTab[0]);
 }
 
+/// Unless it has been parsed already.
 bool parse(framework::XmlDocument& document, const char* text, int length) {
+  if (document.get() != nullptr) return true;
   std::string error;
   if (document.parse(text, static_cast<std::size_t>(length), error)) return true;
   IMS_log::loginfo(5, __func__, "IMSE_REG: %s", error.c_str());
@@ -60,28 +62,33 @@ RegisterXmlData::~RegisterXmlData() {
 
 int RegisterXmlData::parseXml() {
   IMS_log::loginfo(5, __func__, "IMSE_REG: RegisterXmlData::parseXml %d", package_type_);
-  if (package_type_ == UNKNOWN) package_type_ = get_package_type();
+  framework::XmlDocument document;
+  if (package_type_ == UNKNOWN) package_type_ = package_type_of(document);
   switch (package_type_) {
     case INTERNAL:
       packages_ = std::make_unique<std::string>();
       aors_.reset();
-      return parse_iclient_xml();
+      return parse_iclient_xml(document);
     case EXTERNAL:
       aors_ = std::make_unique<AorList>();
       packages_.reset();
       sip_headers_.clear();
-      return parse_eclient_xml();
+      return parse_eclient_xml(document);
     default:
       return -1;
   }
 }
 
-int RegisterXmlData::get_package_type() {
-  IMS_log::loginfo(5, __func__, "IMSE_REG: RegisterXmlData::get_package_type %d", package_type_);
-  if (package_type_ != UNKNOWN) return package_type_;
+int RegisterXmlData::get_package_type() const {
   framework::XmlDocument document;
+  return package_type_of(document);
+}
+
+int RegisterXmlData::package_type_of(framework::XmlDocument& document) const {
+  IMS_log::loginfo(5, "get_package_type", "IMSE_REG: RegisterXmlData::get_package_type %d", package_type_);
+  if (package_type_ != UNKNOWN) return package_type_;
   if (!parse(document, text_, length_)) {
-    IMS_log::loginfo(4, __func__, "Error in get_package %d", 400);
+    IMS_log::loginfo(4, "get_package_type", "Error in get_package %d", 400);
     return UNKNOWN;
   }
   const _xmlNode* root = xmlDocGetRootElement(document.get());
@@ -205,9 +212,8 @@ _xmlNode* RegisterXmlData::process_aor_get_next_node(const char* text, _xmlNode*
   return parameters != nullptr && parameters->type == XML_ELEMENT_NODE ? parameters->children : nullptr;
 }
 
-int RegisterXmlData::parse_iclient_xml() {
+int RegisterXmlData::parse_iclient_xml(framework::XmlDocument& document) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: RegisterXmlData::parse_iclient_xml");
-  framework::XmlDocument document;
   if (!parse(document, text_, length_)) {
     IMS_log::loginfo(4, __func__, "Error in parsing iclient XML %d", 514);
     return -1;
@@ -221,9 +227,8 @@ int RegisterXmlData::parse_iclient_xml() {
   return 0;
 }
 
-int RegisterXmlData::parse_eclient_xml() {
+int RegisterXmlData::parse_eclient_xml(framework::XmlDocument& document) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: RegisterXmlData::parse_eclient_xml");
-  framework::XmlDocument document;
   if (!parse(document, text_, length_)) {
     IMS_log::loginfo(4, __func__, "Error in parsing eclient XML %d", 591);
     return -1;

@@ -18,6 +18,10 @@ struct _xmlDoc;
 struct _xmlNode;
 struct _xmlXPathObject;
 
+namespace framework {
+class XmlDocument;
+}
+
 /// Where a capability of an address of record goes.
 enum IMSE_REG_TAB_INDEX {
   IMSE_REG_TAB_FEATURE_TAG = 0,
@@ -43,7 +47,7 @@ class RegisterXmlData : public XmlData {
   /// 0, or -1 with a line at level 4. Parsing again replaces what was parsed before.
   int parseXml() override;
   /// A PackageType; UNKNOWN for another root element and for what is no XML.
-  int get_package_type();
+  int get_package_type() const;
   /// Appends the addresses of record and sets the profile name. 1, and nothing changed, for a body that is not
   /// external.
   int get_client_info(ClientTable_Entry_T& entry) const;
@@ -67,8 +71,10 @@ class RegisterXmlData : public XmlData {
   static _xmlNode* process_aor_get_next_node(const char* text, _xmlNode* aor_node);
 
  private:
-  int parse_iclient_xml();
-  int parse_eclient_xml();
+  // What is parsed once to tell the kind is not parsed again to read it.
+  int package_type_of(framework::XmlDocument& document) const;
+  int parse_iclient_xml(framework::XmlDocument& document);
+  int parse_eclient_xml(framework::XmlDocument& document);
 
   int nw_expiry_ = 0;
   std::unique_ptr<AorList> aors_;

@@ -249,6 +249,8 @@ TEST(NotifyXmlData, TooLargeADocumentIsRefused) {
   LogCapture log(4);
   EXPECT_FALSE(IMSE_NotifyXmlData::fits(info));
   EXPECT_TRUE(log.has_part(4, "Unable to write XML for UPDATE "));
+  info.aors.resize(10000);
+  EXPECT_FALSE(IMSE_NotifyXmlData::fits(info));
   info.aors.clear();
   EXPECT_TRUE(IMSE_NotifyXmlData::fits(info));
 }

@@ -289,19 +289,27 @@ TEST_F(RegistrarExistingTest, AChallengedSuccessorThatNoLongerMatchesIsDropped) 
   EXPECT_EQ(status({.cseq = 2}), 200);
 }
 
-TEST_F(RegistrarExistingTest, ASuccessorForgetsAPreviousClientThatLeft) {
-  EXPECT_EQ(status({.port = 5070, .from = "sip:anonymous@127.0.0.1"}), 200);
+TEST_F(RegistrarExistingTest, ASuccessorForgetsAPreviousClientThatAnotherReplaced) {
+  EXPECT_EQ(status({.port = 5070}), 200);
   registrar->set_authentication(false, true);
-  // Comes from the same port, but under a From of its own, and then moves.
-  EXPECT_EQ(status({.port = 5070, .from = "sip:alice@home.net", .call_id = "call-2"}), 401);
-  ASSERT_EQ(clientCount(), 2u);
-  EXPECT_EQ(external(0).get_prev_client(), &external(1));
+  const Register by_from{.port = 5080, .call_id = "call-2"};
+  EXPECT_EQ(status(by_from), 401);
+  Register by_port = bob(5070);
+  EXPECT_EQ(status(by_port), 401);
+  ASSERT_EQ(clientCount(), 3u);
+  EXPECT_EQ(external(0).get_prev_client(), &external(2));
+  EXPECT_EQ(external(1).get_prev_client(), &external(2));
   registrar->set_authentication(false, false);
-  // A de-registration that the successor takes for its own removes it; the other order is what the link is about.
-  EXPECT_EQ(status({.port = 5070, .from = "sip:alice@home.net", .call_id = "call-2", .cseq = 2, .expires = "0"}), 200);
-  EXPECT_EQ(clientCount(), 1u);
-  EXPECT_EQ(status({.port = 5070, .from = "sip:anonymous@127.0.0.1", .cseq = 2, .expires = "0"}), 200);
-  EXPECT_EQ(clientCount(), 0u);
+  // The first of the two takes the place.
+  Register answer = by_from;
+  answer.cseq = 2;
+  EXPECT_EQ(status(answer), 200);
+  ASSERT_EQ(clientCount(), 2u);
+  EXPECT_EQ(external(0).get_prev_client(), nullptr);
+  // The other is a new client now.
+  by_port.cseq = 2;
+  EXPECT_EQ(status(by_port), 200);
+  EXPECT_EQ(table.operations, (Texts{"add 5070", "delete 5070", "add 5080", "add 5070"}));
 }
 
 TEST_F(RegistrarExistingTest, AChallengedClientThatCannotBeAdmittedIsDropped) {

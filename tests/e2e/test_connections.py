@@ -182,7 +182,11 @@ class Resources(ProxyCase):
         time.sleep(1)  # what the last request set going; its transaction ends only after 32 s (timer J)
         before = self.proxy.wake_ups()
         time.sleep(3)
-        self.assertLessEqual(self.proxy.wake_ups() - before, 1)
+        after = self.proxy.wake_ups()
+        counts = sorted(count - before.get(task, 0) for task, count in after.items())
+        if SANITIZED == "tsan":
+            counts.pop()  # the sanitizer's own thread works all the time
+        self.assertLessEqual(sum(counts), 1)
 
 
 if __name__ == "__main__":

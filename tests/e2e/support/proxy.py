@@ -13,12 +13,13 @@ BIN = os.environ.get("UE_PROXY_BIN", "")
 
 
 def _sanitized():
-    """Whether the program under test carries a sanitizer, which keeps memory of its own."""
+    """The sanitizer that the program under test carries ("asan", "tsan"), or an empty text."""
     path = os.path.join(BIN, "ue-proxy")
     if not os.path.exists(path):
-        return False
+        return ""
     with open(path, "rb") as file:
-        return re.search(rb"__[at]san_init", file.read()) is not None
+        found = re.search(rb"__([at]san)_init", file.read())
+    return found.group(1).decode() if found else ""
 
 
 SANITIZED = _sanitized()
@@ -115,12 +116,12 @@ class UeProxy:
             return int(re.search(r"VmRSS:\s+(\d+)", file.read()).group(1))
 
     def wake_ups(self):
-        """Voluntary context switches of all threads so far."""
-        total = 0
+        """Voluntary context switches of its threads so far, by thread."""
+        found = {}
         for task in os.listdir(f"/proc/{self.pid}/task"):
             with open(f"/proc/{self.pid}/task/{task}/status", encoding="ascii") as file:
-                total += int(re.search(r"\nvoluntary_ctxt_switches:\s+(\d+)", file.read()).group(1))
-        return total
+                found[task] = int(re.search(r"\nvoluntary_ctxt_switches:\s+(\d+)", file.read()).group(1))
+        return found
 
     def stop(self, check=True):
         """Stops it with SIGTERM; it must end with 0 and no sanitizer may have spoken."""

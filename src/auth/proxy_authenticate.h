@@ -23,36 +23,65 @@ class IMS_Proxy_Authenticate {
   /// Sets `rt_ptr`.
   explicit IMS_Proxy_Authenticate(IMS_Proxy_RoutingTable_Impl* routing_table);
 
-  // --- The store (proxy_authenticate_store.cpp). Positions are -1 when not found. ------------------------------------
+  // --- The store (proxy_authenticate_store.cpp) ----------------------------------------------------------------------
+  //
+  // Domain and client keys are the routing table's. Positions are those in the lists of Auth_Info_T, -1 when not found;
+  // one that does not exist does no harm.
 
+  /// Appends a challenge; whether there is one of its kind and realm is not looked at. The domain's first takes its
+  /// user name and password from the routing table, for good. Refused with one line when the table has no such domain
+  /// or the limits are reached.
   void create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type, std::string realm,
                         std::string nonce);
+  /// The first challenge of that kind and realm (the realm with its quotes).
   bool check_if_auth_hdr_present(std::string domain_key, Auth_T type, std::string realm, int& auth_index);
+  /// Whether anything is stored for the domain.
   bool is_auth_hdr_available_for_profile(std::string domain_key);
+  /// The first record of the client within the domain.
   bool check_if_client_exists(std::string domain_key, std::string client_key, int& client_index);
+  /// Appends a record of the client, made from its request; one that is there already is not looked for. False when the
+  /// request is null or a key empty.
   bool add_client_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, std::string client_key,
                        int& client_index);
+  /// Makes a client's record anew from the request. False when the request is null or there is no such position.
   bool update_client_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index);
+  /// Neither changes what is stored: a challenge keeps the nonce slots that it began with.
   void update_nonce(std::string domain_key, int auth_index, std::string nonce);
   void update_nonce_age(std::string domain_key, int auth_index, std::string nonce);
+  /// Forgets the domain; true always.
   bool delete_auth_info(std::string domain_key);
+  /// Forgets the client within the domain; false when it was not known. The challenges stay.
   bool delete_client_auth_info(std::string domain_key, std::string client_key);
   /// What is stored for a domain; null when nothing is. Good until the next change.
   const Auth_Info_T* auth_info(const std::string& domain_key) const;
 
   // --- Challenges and credentials (proxy_authenticate_challenge.cpp) -------------------------------------------------
 
+  /// Whether the operation mode is the one in which the proxy answers: exactly "ietf-shared".
   bool is_mode_ietf_shared(std::string mode);
+  /// 401 or 407.
   bool is_request_challenged(SIPLIB_SIPTransportConnection* response) const;
+  /// Records a 401's or 407's challenge: a new one, or the new text of a known kind and realm. False when there is none
+  /// that can be read, or it is not kept.
   bool update_auth_info_for_response(SIPLIB_SIPTransportConnection* response, std::string domain_key);
+  /// Reads a 401's or 407's topmost challenge. True when it can be read; an absent realm or nonce leaves its text.
   bool get_response_auth_hdr_info(SIPLIB_SIPTransportConnection* response, std::string& auth_hdr, Auth_T& type,
                                   std::string& realm, std::string& nonce);
+  /// Completes a client's request with credentials and keeps the client's record. False when the domain was never
+  /// challenged or nothing could be made.
   bool update_auth_info_for_request(SIPLIB_SIPTransportConnection* request, std::string domain_key,
                                     std::string client_key);
+  /// A request without credentials gets one header per challenge; one with as many as there are challenges gets each
+  /// made again where its nonce is known; any other has its own replaced by the proxy's.
   bool update_proxy_auth_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index);
+  /// Adds one header per challenge with its newest nonce slot's count advanced. False when there is no challenge, or at
+  /// the first one that cannot be answered; headers added before stay.
   bool add_proxy_auth_hdrs(SIPLIB_SIPTransportConnection* request, std::string domain_key);
+  /// Answers again, into `new_hdr`, the challenge whose nonce `client_hdr` has. False, and `new_hdr` as it was, when
+  /// there is none of that kind; a null connection or header is refused with one line.
   bool replace_auth_hdrs(SIPLIB_SIPTransportConnection* request, std::string domain_key, Auth_T type,
                          const char* client_hdr, std::string& new_hdr, int client_index);
+  /// Whether `nc` is the count of the client's recorded request; false for an empty one. The request is not looked at.
   bool is_retransmission(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index,
                          std::string nc);
 
@@ -63,14 +92,17 @@ class IMS_Proxy_Authenticate {
   bool generate_auth_header(Auth_T& kind, std::string const& challenge, std::string const& uri,
                             std::string const& method, std::string const& username, std::string const& password,
                             std::string& value, std::string const& nc);
+  /// Reads the challenge's parameters; a missing one leaves its field. User name and password get quotes. True always.
   bool parse_auth_params(SIPLIB_SIPHeader* challenge, std::string const& uri, std::string const& method,
                          std::string const& username, std::string const& password, Req_Msg_T& values);
   /// Fills `cnonce` (zeroed by the caller) when the challenge has a qop. `scratch` is not used and may be null.
   void calculate_md5_digest(Req_Msg_T values, SIPLIB_UTIL_RANDOM_STRING_T& cnonce, unsigned char* scratch,
                             char (&response)[33]);
+  /// Writes the values into the header and its text into `value`. Null for `header` leaves `value`.
   void construct_authentication_response(Req_Msg_T& values, SIPLIB_SIPHeader* header, std::string& value) const;
+  /// Null counts as absent.
   bool is_qop_present(SIPLIB_SIPHeader* header);
-  /// What stands between the first pair of quotes, or the whole text without any. `in` and `out` may be one.
+  /// The first piece of `in` between quotes, or all of it when it has none. `in` and `out` may be one.
   void strip_quotes(std::string const& in, std::string& out);
 
   /// Where domains' credentials are; not owned.
@@ -81,7 +113,7 @@ class IMS_Proxy_Authenticate {
   Client_Info_T* client_at(const std::string& domain_key, int client_index);
   Auth_Hdrs_T* challenge_at(const std::string& domain_key, int auth_index);
   /// Whether the domain can keep so many bytes of challenge more, when `replaced` bytes of what it has go.
-  static bool has_room(const Auth_Info_T& info, std::size_t added, std::size_t replaced);
+  bool has_room(const std::string& domain_key, std::size_t added, std::size_t replaced) const;
   std::size_t challenge_count(const std::string& domain_key) const;
 
   std::map<std::string, Auth_Info_T> store_;

@@ -100,7 +100,7 @@ bool IMS_Proxy_Authenticate::update_auth_info_for_response(SIPLIB_SIPTransportCo
     IMS_log::loginfo(5, __func__, "Auth Header is already present in Proxy - auth index %d", index);
     update_nonce(domain_key, index, nonce);
     std::string& stored = challenge_at(domain_key, index)->auth_hdr;
-    if (!has_room(*auth_info(domain_key), auth_hdr.size(), stored.size())) {
+    if (!has_room(domain_key, auth_hdr.size(), stored.size())) {
       IMS_log::loginfo(4, __func__, "New challenge of %zu bytes is not kept, domain %s realm %s", auth_hdr.size(),
                        domain_key.c_str(), realm.c_str());
       return false;

@@ -64,6 +64,12 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
                                               std::string realm, std::string nonce) {
   IMS_log::loginfo(5, __func__, "Create Auth entry for domain %s,auth hdr %s,type %d,realm %s nonce %s",
                    domain_key.c_str(), auth_hdr.c_str(), static_cast<int>(type), realm.c_str(), nonce.c_str());
+  // Refused before an entry is made: of a domain with an entry but no challenge, clients' own credentials would go.
+  if (challenge_count(domain_key) >= kMaxChallenges || !has_room(domain_key, auth_hdr.size(), 0)) {
+    IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - one of %zu bytes is not kept, realm %s",
+                     domain_key.c_str(), challenge_count(domain_key), auth_hdr.size(), realm.c_str());
+    return;
+  }
   auto found = store_.find(domain_key);
   if (found == store_.end()) {
     const DomainTable_Entry_T* record = rt_ptr == nullptr ? nullptr : rt_ptr->domain(domain_key);
@@ -76,13 +82,7 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
     IMS_log::loginfo(5, __func__, "username is %s, password is %s", found->second.username.c_str(),
                      found->second.password.c_str());
   }
-  std::vector<Auth_Hdrs_T>& challenges = found->second.auth_hdrs;
-  if (challenges.size() >= kMaxChallenges || !has_room(found->second, auth_hdr.size(), 0)) {
-    IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - one of %zu bytes is not kept, realm %s",
-                     domain_key.c_str(), challenges.size(), auth_hdr.size(), realm.c_str());
-    return;
-  }
-  challenges.push_back({type, realm, auth_hdr, {{{3, nonce, "0"}, {}, {}}}});
+  found->second.auth_hdrs.push_back({type, realm, auth_hdr, {{{3, nonce, "0"}, {}, {}}}});
 }
 
 bool IMS_Proxy_Authenticate::check_if_auth_hdr_present(std::string domain_key, Auth_T type, std::string realm,
@@ -240,9 +240,11 @@ Auth_Hdrs_T* IMS_Proxy_Authenticate::challenge_at(const std::string& domain_key,
   return index < found->second.auth_hdrs.size() ? &found->second.auth_hdrs[index] : nullptr;
 }
 
-bool IMS_Proxy_Authenticate::has_room(const Auth_Info_T& info, std::size_t added, std::size_t replaced) {
+bool IMS_Proxy_Authenticate::has_room(const std::string& domain_key, std::size_t added, std::size_t replaced) const {
   std::size_t bytes = added;
-  for (const Auth_Hdrs_T& challenge : info.auth_hdrs) bytes += challenge.auth_hdr.size();
+  if (const Auth_Info_T* info = auth_info(domain_key)) {
+    for (const Auth_Hdrs_T& challenge : info->auth_hdrs) bytes += challenge.auth_hdr.size();
+  }
   return bytes - replaced <= kMaxChallengeBytes;
 }
 

@@ -19,7 +19,6 @@ std::string own(const std::string& nonce, const std::string& nc = "") {
 }
 
 // --- Responses
-// --------------------------------------------------------------------------------------------------------
 
 TEST_F(Authenticate, OnlyTheExactModeIsShared) {
   LogCapture log;
@@ -211,6 +210,18 @@ TEST_F(Authenticate, TheTextOfADomainsChallengesIsBounded) {
   EXPECT_EQ(values("Authorization").size(), 3U);
 }
 
+TEST_F(Authenticate, AFirstChallengeThatIsNotKeptLeavesClientsTheirOwnCredentials) {
+  LogCapture log(4);
+  auth.create_auth_info(home, "Digest realm=\"r\", nonce=\"" + std::string(kMaxChallengeBytes, 'n') + "\"", AUTH_WWW,
+                        "\"r\"", "\"n\"");
+  EXPECT_EQ(log.count(4), 1);
+  EXPECT_EQ(auth.auth_info(home), nullptr);
+  set_request(request, {{"Authorization", own("n1")}});
+  const std::string before = request.current();
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_EQ(request.current(), before);
+}
+
 TEST_F(Authenticate, AChallengeWithoutRealmOrNonceIsAnsweredWithEmptyOnes) {
   ASSERT_TRUE(challenge(401, "Digest"));
   ASSERT_TRUE(challenge(401, "Digest"));  // the same again
@@ -222,7 +233,6 @@ TEST_F(Authenticate, AChallengeWithoutRealmOrNonceIsAnsweredWithEmptyOnes) {
 }
 
 // --- Requests: what is added
-// ------------------------------------------------------------------------------------------
 
 TEST_F(Authenticate, RequestsOfADomainThatWasNeverChallengedPassUnchanged) {
   set_request(request, {{"Authorization", own("x")}});
@@ -363,7 +373,6 @@ TEST_F(Authenticate, AConnectionWithoutMessageDoesNoHarm) {
 }
 
 // --- Requests: a client with credentials of its own
-// -------------------------------------------------------------------
 
 TEST_F(Authenticate, AnAnswerOfTheClientsOwnToAKnownNonceIsMadeAgain) {
   ASSERT_TRUE(challenge(401, kPlain));

@@ -5,7 +5,6 @@ namespace {
 const std::string kChallenge = R"(Digest realm="home.example", nonce="n1")";
 
 // --- Challenges
-// -------------------------------------------------------------------------------------------------------
 
 TEST_F(Authenticate, AChallengeIsStoredWithTheDomainsCredentials) {
   LogCapture log;
@@ -115,7 +114,6 @@ TEST_F(Authenticate, DeletingADomainOfTheTableDropsItsChallenges) {
 }
 
 // --- Clients
-// ----------------------------------------------------------------------------------------------------------
 
 struct RequestCase {
   const char* label;
@@ -278,7 +276,6 @@ TEST_F(Authenticate, DeletingAClientLeavesChallengesAndOthers) {
 }
 
 // --- Nonces
-// -----------------------------------------------------------------------------------------------------------
 
 TEST_F(Authenticate, ANewNonceNeverReachesTheStoredSlots) {
   auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n1");

@@ -15,6 +15,16 @@ std::string quoted(const std::string& text) {
   return "\"" + text + "\"";
 }
 
+/// What every operation tells of the values before what is its own.
+void log_values(const char* caller, const char* title, const Req_Msg_T& values) {
+  IMS_log::loginfo(5, caller, "%s", title);
+  IMS_log::loginfo(5, caller, "algo is %s", values.algorithm.c_str());
+  IMS_log::loginfo(5, caller, "username is %s", values.username.c_str());
+  IMS_log::loginfo(5, caller, "password is %s", values.password.c_str());
+  IMS_log::loginfo(5, caller, "realm is %s", values.realm.c_str());
+  IMS_log::loginfo(5, caller, "qopis %s", values.qop.c_str());
+}
+
 }  // namespace
 
 bool IMS_Proxy_Authenticate::generate_auth_header(Auth_T& kind, std::string const& challenge, std::string const& uri,
@@ -64,12 +74,7 @@ bool IMS_Proxy_Authenticate::parse_auth_params(SIPLIB_SIPHeader* challenge, std:
   values.password = quoted(password);
   values.uri = uri;
   values.method = method;
-  IMS_log::loginfo(5, __func__, "Req Msg values are");
-  IMS_log::loginfo(5, __func__, "algo is %s", values.algorithm.c_str());
-  IMS_log::loginfo(5, __func__, "username is %s", values.username.c_str());
-  IMS_log::loginfo(5, __func__, "password is %s", values.password.c_str());
-  IMS_log::loginfo(5, __func__, "realm is %s", values.realm.c_str());
-  IMS_log::loginfo(5, __func__, "qopis %s", values.qop.c_str());
+  log_values(__func__, "Req Msg values are", values);
   IMS_log::loginfo(5, __func__, "requri is %s", values.uri.c_str());
   IMS_log::loginfo(5, __func__, "methodis %s", values.method.c_str());
   IMS_log::loginfo(5, __func__, "nonce is %s", values.nonce.c_str());
@@ -90,12 +95,7 @@ void IMS_Proxy_Authenticate::calculate_md5_digest(Req_Msg_T values, SIPLIB_UTIL_
     values.cnonce = cnonce;
     IMS_log::loginfo(5, __func__, "Generating cnonce - %s", values.cnonce.c_str());
   }
-  IMS_log::loginfo(5, __func__, "REq Msg values are");
-  IMS_log::loginfo(5, __func__, "algo is %s", values.algorithm.c_str());
-  IMS_log::loginfo(5, __func__, "username is %s", values.username.c_str());
-  IMS_log::loginfo(5, __func__, "password is %s", values.password.c_str());
-  IMS_log::loginfo(5, __func__, "realm is %s", values.realm.c_str());
-  IMS_log::loginfo(5, __func__, "qopis %s", values.qop.c_str());
+  log_values(__func__, "REq Msg values are", values);
   IMS_log::loginfo(5, __func__, "nc %s", values.nc.c_str());
   IMS_log::loginfo(5, __func__, "cnonce is %s", values.cnonce.c_str());
   IMS_log::loginfo(5, __func__, "requri is %s", values.uri.c_str());
@@ -115,12 +115,7 @@ void IMS_Proxy_Authenticate::calculate_md5_digest(Req_Msg_T values, SIPLIB_UTIL_
 void IMS_Proxy_Authenticate::construct_authentication_response(Req_Msg_T& values, SIPLIB_SIPHeader* header,
                                                                std::string& value) const {
   IMS_log::loginfo(5, __func__, "construct_authentication_response for foll type - ");
-  IMS_log::loginfo(5, __func__, "REq Msg values are");
-  IMS_log::loginfo(5, __func__, "algo is %s", values.algorithm.c_str());
-  IMS_log::loginfo(5, __func__, "username is %s", values.username.c_str());
-  IMS_log::loginfo(5, __func__, "password is %s", values.password.c_str());
-  IMS_log::loginfo(5, __func__, "realm is %s", values.realm.c_str());
-  IMS_log::loginfo(5, __func__, "qopis %s", values.qop.c_str());
+  log_values(__func__, "REq Msg values are", values);
   IMS_log::loginfo(5, __func__, "requri is %s", values.uri.c_str());
   IMS_log::loginfo(5, __func__, "method is %s", values.method.c_str());
   if (header == nullptr) {

@@ -9,8 +9,6 @@
 #include "siplib/connection.h"
 #include "siplib/header.h"
 
-using forwarding::position;
-
 namespace {
 
 /// These wait for a person or another party; the network is told at once that they arrived.
@@ -40,29 +38,23 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
     IMS_log::loginfo(3, __func__, "createSIPHeaderObject failed for viah");
     return false;
   }
-  const std::string uri = connection->getRequestURI();
-  const int mok_pos = position(uri, "mok=");
-  const int mtk_pos = position(uri, "mtk=");
-  IMS_log::loginfo(5, __func__, "Req-URI is %s", uri.c_str());
-  IMS_log::loginfo(5, __func__, " mok_pos is %d, mtk_pos is %d", mok_pos, mtk_pos);
+  const forwarding::RequestUri uri = forwarding::read_request_uri(__func__, connection);
 
   std::string tag;
-  if (mok_pos < 0 && mtk_pos < 0) {
+  if (!uri.in_dialog()) {
     find_domain_and_client_network_to_ua_request(connection, from, to, method, domain_key, client_key);
     IMS_log::loginfo(5, __func__, "FRESH REQUEST, Domain key=%s, Client key=%s", domain_key.c_str(),
                      client_key.c_str());
     tag = ";mtk=" + client_key;
   } else {
     // Deliberate: the tag written earlier is the one of this side. Requests to the network go by the later one.
-    tag = forwarding::dialog_tag(__func__, uri, mok_pos, mtk_pos, forwarding::Wins::kEarlier, client_key);
-    if (const RoutingTable_Entry_T* client = rt->client(client_key)) {
-      std::string profile;
-      if (get_parameter("profile", uri, profile)) {
-        IMS_log::loginfo(5, __func__, "SUBSEQUENT Request for REG_UA");
-        domain_key = rt->findDomain(DT_PROFILE_ID, profile);
-      } else {
-        domain_key = client->domain_key;
-      }
+    tag = forwarding::dialog_tag(__func__, uri, forwarding::Wins::kEarlier, client_key);
+    std::string profile;
+    if (!client_key.empty() && get_parameter("profile", uri.text, profile)) {
+      IMS_log::loginfo(5, __func__, "SUBSEQUENT Request for REG_UA");
+      domain_key = rt->findDomain(DT_PROFILE_ID, profile);
+    } else if (const RoutingTable_Entry_T* client = rt->client(client_key)) {
+      domain_key = client->domain_key;
     }
     IMS_log::loginfo(5, __func__, "SUBSEQUENT REQUEST, Client key=%s;Domain key=%s", client_key.c_str(),
                      domain_key.c_str());

@@ -78,14 +78,7 @@ bool IMS_engine_proxy::update_network_to_ua_response_via_contact(SIPLIB_SIPTrans
 void IMS_engine_proxy::process_network_to_ua_tcp_response(SIPLIB_SIPTransportConnection* connection) {
   std::string client_key, st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
-  SIPLIB_SIPTransportConnection* client = find_tcp_server_conn(st_tag);
-  if (client == nullptr) {
-    IMS_log::loginfo(3, __func__, "sc is NULL for stag = %s", st_tag.c_str());
-    return;
-  }
-  client->setSipMessageHandle(connection->getSipMessageHandle());
-  if (!forwarding::send(__func__, client, "client", client_key)) return;
-  IMS_log::loginfo(5, __func__, "Sent the response on connection=%p", static_cast<const void*>(client));
+  forwarding::send_response(__func__, connection, st_tag, "", "client", client_key);
 }
 
 void IMS_engine_proxy::process_network_to_ua_udp_response(SIPLIB_SIPTransportConnection* connection) {

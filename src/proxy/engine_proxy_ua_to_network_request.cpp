@@ -13,8 +13,6 @@
 #include "siplib/connection.h"
 #include "siplib/header.h"
 
-using forwarding::position;
-
 namespace {
 
 /// A request outside a dialog: the client is who sent it, the domain its own or, for a REGISTER or SUBSCRIBE, the one
@@ -48,14 +46,26 @@ bool route_fresh_request(const char* function, SIPLIB_SIPTransportConnection* co
   return true;
 }
 
-/// Credentials where the domain has the proxy answer its challenges. What comes of it decides nothing: the request is
-/// sent with or without.
-void add_credentials(SIPLIB_SIPTransportConnection* connection, const std::string& domain_key,
-                     const DomainTable_Entry_T& domain, const std::string& client_key) {
+/// What TCP and UDP have in common: everything but the st tag and the sending. The domain; null when the request was
+/// dropped.
+const DomainTable_Entry_T* prepare_request(const char* function, IMS_engine_proxy& engine,
+                                           SIPLIB_SIPTransportConnection* connection, const std::string& method,
+                                           SIPLIB_SIPAddress* from, SIPLIB_SIPAddress* to, std::string& via,
+                                           std::string& domain_key) {
+  IMS_log::loginfo(5, function, "Received a request on connection=%p", static_cast<const void*>(connection));
+  std::string client_key;
+  if (!engine.update_ua_to_network_request_via_contact(connection, from, to, method, via, client_key, domain_key)) {
+    IMS_log::loginfo(3, function, "ERROR: check why domain_key empty");
+    return nullptr;
+  }
+  const DomainTable_Entry_T* domain = IMS_engine_proxy::rt->domain(domain_key);
+  // Credentials where the domain has the proxy answer its challenges. What comes of it decides nothing: the request is
+  // sent with or without.
   IMS_Proxy_Authenticate* auth = IMS_engine_proxy::ims_proxy_auth_ptr;
-  if (auth->is_mode_ietf_shared(domain.domain.op_mode)) {
+  if (auth->is_mode_ietf_shared(domain->domain.op_mode)) {
     auth->update_auth_info_for_request(connection, domain_key, client_key);
   }
+  return domain;
 }
 
 }  // namespace
@@ -70,18 +80,14 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
     IMS_log::loginfo(3, __func__, "createSIPHeaderObject failed for viah");
     return false;
   }
-  const std::string uri = connection->getRequestURI();
-  const int mok_pos = position(uri, "mok=");
-  const int mtk_pos = position(uri, "mtk=");
-  IMS_log::loginfo(5, __func__, "Req-URI is %s", uri.c_str());
-  IMS_log::loginfo(5, __func__, " mok_pos is %d, mtk_pos is %d", mok_pos, mtk_pos);
+  const forwarding::RequestUri uri = forwarding::read_request_uri(__func__, connection);
 
   std::string tags;
-  if (mok_pos < 0 && mtk_pos < 0) {
+  if (!uri.in_dialog()) {
     if (!route_fresh_request(__func__, connection, *via_header, method, tags, client_key, domain_key)) return false;
   } else {
     // Deliberate: the tag written later is the one of this side. Requests from the network go by the earlier one.
-    tags = forwarding::dialog_tag(__func__, uri, mok_pos, mtk_pos, forwarding::Wins::kLater, client_key);
+    tags = forwarding::dialog_tag(__func__, uri, forwarding::Wins::kLater, client_key);
     if (const RoutingTable_Entry_T* client = rt->client(client_key)) domain_key = client->domain_key;
     IMS_log::loginfo(5, __func__, "SUBSEQUENT REQUEST, Client key=%s;Domain key=%s", client_key.c_str(),
                      domain_key.c_str());
@@ -131,19 +137,14 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
 void IMS_engine_proxy::process_ua_to_network_tcp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
-  IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
-  std::string via, client_key, domain_key;
-  if (!update_ua_to_network_request_via_contact(connection, from, to, method, via, client_key, domain_key)) {
-    IMS_log::loginfo(3, __func__, "ERROR: check why domain_key empty");
-    return;
-  }
-  const DomainTable_Entry_T& domain = *rt->domain(domain_key);
-  add_credentials(connection, domain_key, domain, client_key);
+  std::string via, domain_key;
+  const DomainTable_Entry_T* domain = prepare_request(__func__, *this, connection, method, from, to, via, domain_key);
+  if (domain == nullptr) return;
   const std::string st_tag = find_tcp_server_conn(connection);
   if (!st_tag.empty()) via += ";st=" + st_tag;
   connection->setHeader("Via", via);
 
-  SIPLIB_SIPTransportConnection* network = domain.tcp_client_conn;
+  SIPLIB_SIPTransportConnection* network = domain->tcp_client_conn;
   if (!forwarding::is_there(__func__, network, "domain", domain_key)) return;
   network->setSipMessageHandle(connection->getSipMessageHandle());
   if (!forwarding::send(__func__, network, "domain", domain_key)) return;
@@ -153,16 +154,11 @@ void IMS_engine_proxy::process_ua_to_network_tcp_request(SIPLIB_SIPTransportConn
 void IMS_engine_proxy::process_ua_to_network_udp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
-  IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
-  std::string via, client_key, domain_key;
-  if (!update_ua_to_network_request_via_contact(connection, from, to, method, via, client_key, domain_key)) {
-    IMS_log::loginfo(3, __func__, "ERROR: check why domain_key empty");
-    return;
-  }
-  const DomainTable_Entry_T& domain = *rt->domain(domain_key);
-  add_credentials(connection, domain_key, domain, client_key);
+  std::string via, domain_key;
+  const DomainTable_Entry_T* domain = prepare_request(__func__, *this, connection, method, from, to, via, domain_key);
+  if (domain == nullptr) return;
   connection->setHeader("Via", via + ";st=0");
-  if (const void* sent_on = forwarding::send_udp_to_network(__func__, connection, domain_key, domain)) {
+  if (const void* sent_on = forwarding::send_udp_to_network(__func__, connection, domain_key, *domain)) {
     IMS_log::loginfo(5, __func__, "Sent the request on connection=%p", sent_on);
   }
 }

@@ -39,15 +39,13 @@ bool IMS_engine_proxy::update_ua_to_network_response_via_contact(SIPLIB_SIPTrans
   const std::string tag = get_client_key_from_via(client_key, via);
   get_parameter("st", via, st_tag);
   const RoutingTable_Entry_T* client = rt->client(client_key);
-  if (client != nullptr) {
-    // A client may answer by way of another profile than its own.
-    std::string profile;
-    if (connection->getHeader("Zel-Profile-ID", profile) == 0) {
-      domain_key = rt->findDomain(DT_PROFILE_ID, profile);
-      connection->removeHeader("Zel-Profile-ID");
-    } else {
-      domain_key = client->domain_key;
-    }
+  // A client may answer by way of another profile than its own.
+  std::string profile;
+  if (!client_key.empty() && connection->getHeader("Zel-Profile-ID", profile) == 0) {
+    domain_key = rt->findDomain(DT_PROFILE_ID, profile);
+    connection->removeHeader("Zel-Profile-ID");
+  } else if (client != nullptr) {
+    domain_key = client->domain_key;
   }
   IMS_log::loginfo(5, __func__, "Domain key=%s;Client key=%s;st=%s", domain_key.c_str(), client_key.c_str(),
                    st_tag.c_str());
@@ -76,14 +74,7 @@ bool IMS_engine_proxy::update_ua_to_network_response_via_contact(SIPLIB_SIPTrans
 void IMS_engine_proxy::process_ua_to_network_tcp_response(SIPLIB_SIPTransportConnection* connection) {
   std::string domain_key, st_tag;
   if (!restore_response(__func__, *this, connection, domain_key, st_tag)) return;
-  SIPLIB_SIPTransportConnection* network = find_tcp_server_conn(st_tag);
-  if (network == nullptr) {
-    IMS_log::loginfo(3, __func__, " sc is NULL for stag = %s", st_tag.c_str());
-    return;
-  }
-  network->setSipMessageHandle(connection->getSipMessageHandle());
-  if (!forwarding::send(__func__, network, "domain", domain_key)) return;
-  IMS_log::loginfo(5, __func__, "Sent the response on connection=%p", static_cast<const void*>(network));
+  forwarding::send_response(__func__, connection, st_tag, " ", "domain", domain_key);
 }
 
 void IMS_engine_proxy::process_ua_to_network_udp_response(SIPLIB_SIPTransportConnection* connection) {

@@ -27,20 +27,29 @@ void cut_from(std::string& text, const std::string& mark) {
   if (at != std::string::npos) text.erase(at);
 }
 
-std::string dialog_tag(const char* function, const std::string& request_uri, int mok_pos, int mtk_pos, Wins wins,
-                       std::string& key) {
-  bool terminated = mok_pos < 0;
-  if (mok_pos >= 0 && mtk_pos >= 0) {
-    terminated = (wins == Wins::kLater) == (mok_pos < mtk_pos);
+RequestUri read_request_uri(const char* function, const SIPLIB_SIPTransportConnection* connection) {
+  RequestUri uri;
+  uri.text = connection->getRequestURI();
+  uri.mok_pos = position(uri.text, "mok=");
+  uri.mtk_pos = position(uri.text, "mtk=");
+  IMS_log::loginfo(5, function, "Req-URI is %s", uri.text.c_str());
+  IMS_log::loginfo(5, function, " mok_pos is %d, mtk_pos is %d", uri.mok_pos, uri.mtk_pos);
+  return uri;
+}
+
+std::string dialog_tag(const char* function, const RequestUri& uri, Wins wins, std::string& key) {
+  bool terminated = uri.mok_pos < 0;
+  if (uri.mok_pos >= 0 && uri.mtk_pos >= 0) {
+    terminated = (wins == Wins::kLater) == (uri.mok_pos < uri.mtk_pos);
     IMS_log::loginfo(5, function, terminated ? " MT SIDE request : Req-URI is %s" : " MO SIDE request : Req-URI is %s",
-                     request_uri.c_str());
+                     uri.text.c_str());
   } else {
     IMS_log::loginfo(5, function, " Dialog with a  new type of UA");
     IMS_log::loginfo(5, function,
                      terminated ? " MT SIDE IS OUR UA : Req-URI is %s" : " MO SIDE IS OUR UA: Req-URI is %s",
-                     request_uri.c_str());
+                     uri.text.c_str());
   }
-  IMS_engine_proxy::get_parameter(terminated ? "mtk" : "mok", request_uri, key);
+  IMS_engine_proxy::get_parameter(terminated ? "mtk" : "mok", uri.text, key);
   return (terminated ? ";mtk=" : ";mok=") + key;
 }
 
@@ -92,6 +101,18 @@ bool send_and_close(const char* function, SIPLIB_SIPTransportConnection* connect
   const bool sent = send(function, connection, owner, key);
   IMS_User_Agent::ua_connector->close(connection);
   return sent;
+}
+
+void send_response(const char* function, const SIPLIB_SIPTransportConnection* from, const std::string& st_tag,
+                   const char* indent, const char* owner, const std::string& key) {
+  SIPLIB_SIPTransportConnection* to = IMS_engine_proxy::find_tcp_server_conn(st_tag);
+  if (to == nullptr) {
+    IMS_log::loginfo(3, function, "%ssc is NULL for stag = %s", indent, st_tag.c_str());
+    return;
+  }
+  to->setSipMessageHandle(from->getSipMessageHandle());
+  if (!send(function, to, owner, key)) return;
+  IMS_log::loginfo(5, function, "Sent the response on connection=%p", static_cast<const void*>(to));
 }
 
 SIPLIB_SIPTransportConnection* open_udp_to_client(const char* function, const RoutingTable_Entry_T& client) {

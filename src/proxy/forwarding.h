@@ -24,11 +24,18 @@ void insert_tags(std::string& contact, const std::string& tags);
 /// Removes everything from the first occurrence of `mark` on.
 void cut_from(std::string& text, const std::string& mark);
 
+/// A request's target and where the first tag of each kind stands in it; -1 when it is absent.
+struct RequestUri {
+  std::string text;
+  int mok_pos = -1;
+  int mtk_pos = -1;
+  bool in_dialog() const { return mok_pos >= 0 || mtk_pos >= 0; }
+};
+RequestUri read_request_uri(const char* function, const SIPLIB_SIPTransportConnection* connection);
 /// Which tag counts when a Request-URI holds both.
 enum class Wins { kEarlier, kLater };
-/// The tag of an in-dialog request, ";mok=KEY" or ";mtk=KEY", and its key. At least one position is not -1.
-std::string dialog_tag(const char* function, const std::string& request_uri, int mok_pos, int mtk_pos, Wins wins,
-                       std::string& key);
+/// The tag of an in-dialog request, ";mok=KEY" or ";mtk=KEY", and its key.
+std::string dialog_tag(const char* function, const RequestUri& uri, Wins wins, std::string& key);
 
 /// The topmost Via, as text and taken apart; null when it is absent or does not parse.
 std::unique_ptr<SIPLIB_SIPHeader> read_via(const SIPLIB_SIPTransportConnection* connection, std::string& via);
@@ -45,6 +52,11 @@ bool is_there(const char* function, const SIPLIB_SIPTransportConnection* connect
               const std::string& key);
 /// Sends the connection's current message. False with one line at level 3 when it was not taken.
 bool send(const char* function, SIPLIB_SIPTransportConnection* connection, const char* owner, const std::string& key);
+
+/// Sends the response that is `from`'s current message on the accepted connection of the st tag. One line at level 3,
+/// begun with `indent`, when that connection is no longer there.
+void send_response(const char* function, const SIPLIB_SIPTransportConnection* from, const std::string& st_tag,
+                   const char* indent, const char* owner, const std::string& key);
 
 /// A UDP connection to the client's port. Null with one line at level 3.
 SIPLIB_SIPTransportConnection* open_udp_to_client(const char* function, const RoutingTable_Entry_T& client);

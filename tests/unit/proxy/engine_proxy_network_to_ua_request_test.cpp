@@ -222,6 +222,18 @@ TEST_F(NetworkToUaRequest, AKeyOrProfileThatNamesNobodyDropsTheRequest) {
   EXPECT_EQ(table->client("424242"), nullptr);
 }
 
+TEST_F(NetworkToUaRequest, AProfileIsReadForAnyKeyButNotForAnEmptyOne) {
+  LogCapture log;
+  forward(kTcp, network, fromNetwork("BYE", kVia, {}, "sip:127.0.0.2;profile=1;mok=424242"));
+  EXPECT_TRUE(log.has(5, "SUBSEQUENT Request for REG_UA"));
+  EXPECT_TRUE(log.has(5, "SUBSEQUENT REQUEST, Client key=424242;Domain key=" + domain_key));
+  log.clear();
+  forward(kTcp, network, fromNetwork("BYE", kVia, {}, "sip:127.0.0.2;profile=1;mok="));
+  EXPECT_FALSE(log.has(5, "SUBSEQUENT Request for REG_UA"));
+  EXPECT_TRUE(log.has(5, "SUBSEQUENT REQUEST, Client key=;Domain key="));
+  expectNothingSent();
+}
+
 TEST_F(NetworkToUaRequest, ARequestForNobodyIsDroppedUnanswered) {
   LogCapture log;
   forward(kTcp, network,

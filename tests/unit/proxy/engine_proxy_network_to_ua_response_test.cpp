@@ -222,13 +222,26 @@ TEST_F(Challenge, OverUdpIsRecordedToo) {
   EXPECT_EQ(connector.udp_clients[0]->sent.size(), 1U);
 }
 
-TEST_F(Challenge, InAnotherModeIsOnlyForwarded) {
+TEST_F(Challenge, InAnotherModeIsOnlyForwardedAndLaterRequestsStayAsTheyAre) {
   LogCapture log;
-  tcp(response("SIP/2.0/TCP 127.0.0.2:5060;branch=z9hG4bK-1;mok=" + client_of_other_mode + ";st=" + tag, challenge(),
-               401));
+  const std::string via = "SIP/2.0/TCP 127.0.0.2:5060;branch=z9hG4bK-1;mok=" + client_of_other_mode + ";st=" + tag;
+  tcp(response(via, challenge(), 401));
+  tcp(response(via, challenge("Proxy-Authenticate"), 407));
   EXPECT_EQ(auth->auth_info(other_mode), nullptr);
-  EXPECT_EQ(ua.sent.size(), 1U);
-  EXPECT_TRUE(log.has(5, "Mode is 3gpp, domain key is " + other_mode));
+  EXPECT_EQ(ua.sent.size(), 2U);
+  EXPECT_EQ(log.count(5, "Mode is 3gpp, domain key is " + other_mode), 2);
+  forward(&IMS_engine_proxy::process_ua_to_network_tcp_request, ua,
+          fromClient("INVITE", "SIP/2.0/TCP 127.0.0.1:6023;branch=z9hG4bK-2", {{"Authorization", "Digest own=1"}}));
+  const FakeClientTcp& out = *connector.tcpClient(kNetIp, kNetPort, kProxyIp, 5023);
+  ASSERT_EQ(out.sent.size(), 1U);
+  EXPECT_EQ(values(out.sent[0], "Authorization"), std::vector<std::string>{"Digest own=1"});
+  EXPECT_EQ(value(out.sent[0], "Proxy-Authorization"), "(absent)");
+}
+
+TEST_F(Challenge, IsRecordedAlsoWhenTheClientsConnectionHasGone) {
+  tcp(response("SIP/2.0/TCP 127.0.0.2:5060;branch=z9hG4bK-1;mok=" + client + ";st=gone", challenge(), 401));
+  EXPECT_NE(auth->auth_info(own), nullptr);
+  EXPECT_TRUE(ua.sent.empty());
 }
 
 TEST_F(Challenge, ForAProfileThatIsGoneIsOnlyForwarded) {

@@ -112,7 +112,8 @@ TEST_F(UaToNetworkResponse, WithoutKeyDomainOrStTagIsDroppedOnBothTransports) {
       {";mtk=" + homeless + ";st=" + tag, {}, "", tag},
       {";mtk=" + key + ";st=" + tag, {{"Zel-Profile-ID", "77"}}, "", tag},
       {";mok=424242;st=" + tag, {}, "", tag},
-      {";mok=424242;st=" + tag, {{"Zel-Profile-ID", "1"}}, "", tag},
+      {";mok=424242;st=" + tag, {{"Zel-Profile-ID", "1"}}, domain_key, tag},
+      {";mtk=;st=" + tag, {{"Zel-Profile-ID", "1"}}, "", tag},
   };
   for (const Row& row : rows) {
     LogCapture log;

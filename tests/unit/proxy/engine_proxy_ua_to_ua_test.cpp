@@ -276,8 +276,11 @@ TEST_F(UaToUa, ResponseGoesBackOnTheConnectionOfTheStTag) {
 }
 
 TEST_F(UaToUa, ResponseOverUdpGoesToTheSourceClientsPort) {
+  LogCapture log;
   udpResponse(response("SIP/2.0/UDP 127.0.0.1:5060;branch=z9hG4bK-1;scli=" + alice + ";dcli=" + bob + ";st=0",
                        {{"Contact", "<sip:bob@127.0.0.1:5071;scli=9;dcli=8>"}}));
+  EXPECT_TRUE(log.has_part(5, "Received a response on connection=0x"));
+  EXPECT_TRUE(log.has_part(5, "Sent the response on connection=0x"));
   ASSERT_EQ(connector.udp_clients.size(), 1U);
   const FakeClientUdp& out = *connector.udp_clients[0];
   EXPECT_EQ(connector.client_opens.back(), (FakeConnector::Open{"UDP", "127.0.0.1", 5060, "127.0.0.1", 5070}));

@@ -8,7 +8,7 @@ from support.proxy import ProxyCase
 SDP = "v=0\r\no=bob 1 1 IN IP4 127.0.0.3\r\ns=-\r\nc=IN IP4 127.0.0.3\r\nt=0 0\r\nm=audio 4000 RTP/AVP 0\r\n"
 
 
-class Calls(ProxyCase):
+class Path(ProxyCase):
     """The network side speaks `transport`; the user agent is reached over the same."""
 
     transport = "UDP"
@@ -56,6 +56,8 @@ class Calls(ProxyCase):
         options.setdefault("to", "<sip:alice@example.net>")
         return sip.request(method, uri, transport=self.transport, **options)
 
+
+class Calls(Path):
     def test_the_network_calls_and_hangs_up(self):
         sent = sip.Message(self.from_network(branch="z9hG4bKnet", body=SDP, call_id="call-1", from_tag="n1",
                                              headers=[("Content-Type", "application/sdp")]))
@@ -118,20 +120,32 @@ class Calls(ProxyCase):
         self.network_answers(sip.response(bye, 200, "OK"))
         self.assertEqual(self.ua_answer_seen().status, 200)
 
-    def test_cancel_follows_the_invite(self):
+    def test_cancel_follows_the_invite_and_every_answer_comes_back(self):
         self.network_sends(self.from_network(branch="z9hG4bKcan", call_id="call-3", from_tag="n3"))
         self.network.receive()
-        self.ua.receive()
-        self.network_sends(self.from_network("CANCEL", branch="z9hG4bKcan", call_id="call-3", contact=None,
-                                             frm="<sip:bob@example.net>;tag=n3"))
+        invite = self.ua.receive()
+        self.ua_answers(sip.response(invite, 180, "Ringing", contact="<sip:alice@127.0.0.1:5071>"))
+        self.assertEqual(self.network.receive().status, 180)
+        dialog = {"branch": "z9hG4bKcan", "call_id": "call-3", "contact": None, "frm": "<sip:bob@example.net>;tag=n3"}
+        self.network_sends(self.from_network("CANCEL", **dialog))
         cancel = self.ua.receive()
         self.assertEqual(cancel.method, "CANCEL")
         self.assertIn("z9hG4bKcan;mtk=1;st=", cancel.get("Via"))
+        self.ua_answers(sip.response(cancel, 200, "OK"))
+        self.assertEqual((self.network.receive().get("CSeq")), "1 CANCEL")
+        self.ua_answers(sip.response(invite, 487, "Request Terminated"))
+        ended = self.network.receive()
+        self.assertEqual((ended.status, ended.get("CSeq")), (487, "1 INVITE"))
+        self.network_sends(self.from_network("ACK", to="<sip:alice@example.net>;tag=peer", **dialog))
+        self.assertEqual(self.ua.receive().method, "ACK")
 
     def test_refer_is_answered_100_and_message_is_not(self):
         self.network_sends(self.from_network("REFER"))
         self.assertEqual(self.network.receive().start, "SIP/2.0 100 trying")
-        self.assertEqual(self.ua.receive().method, "REFER")
+        refer = self.ua.receive()
+        self.assertEqual(refer.method, "REFER")
+        self.ua_answers(sip.response(refer, 202, "Accepted", contact="<sip:alice@127.0.0.1:5071>"))
+        self.assertEqual(self.network.receive().status, 202)
         self.network_sends(self.from_network("MESSAGE", body="hi"))
         self.assertEqual(self.ua.receive().body, b"hi")
         self.assertTrue(self.network.nothing(0.2))
@@ -141,6 +155,32 @@ class Calls(ProxyCase):
         self.assertEqual(self.ua.receive().method, "NOTIFY")
         self.network_sends(self.from_network("NOTIFY", headers=[("Event", "dialog")]))
         self.proxy.wait_log("ERROR: No client supports event=dialog")
+
+    def test_the_user_agents_refer_is_answered(self):
+        self.ua_sends(sip.request("REFER", "sip:bob@example.net", via="127.0.0.1:5071", transport=self.transport,
+                                  frm="<sip:alice@example.net>", to="<sip:bob@example.net>",
+                                  contact="<sip:alice@127.0.0.1:5071>", headers=[("Refer-To", "<sip:carol@example.net>")]))
+        refer = self.network_request_seen()
+        self.assertEqual(refer.get("Refer-To"), "<sip:carol@example.net>")
+        self.network_answers(sip.response(refer, 202, "Accepted", contact="<sip:bob@127.0.0.3:5060>"))
+        self.assertEqual(self.ua_answer_seen().status, 202)
+
+    def test_the_networks_subscription_is_answered_and_notified(self):
+        self.network_sends(self.from_network("SUBSCRIBE", headers=[("Event", "presence"), ("Expires", 60)],
+                                             from_tag="n4", call_id="sub-4"))
+        subscribe = self.ua.receive()
+        self.ua_answers(sip.response(subscribe, 200, "OK", contact="<sip:alice@127.0.0.1:5071>",
+                                     headers=[("Expires", 60)]))
+        self.assertEqual(self.network.receive().get("Contact"), "<sip:alice@127.0.0.1:5071;mtk=1>")
+        target = re.search("<(.*)>", subscribe.get("Contact")).group(1)
+        self.ua_sends(sip.request("NOTIFY", target, via="127.0.0.1:5071", transport=self.transport, call_id="sub-4",
+                                  frm="<sip:alice@example.net>;tag=peer", to="<sip:bob@example.net>;tag=n4",
+                                  contact="<sip:alice@127.0.0.1:5071>",
+                                  headers=[("Event", "presence"), ("Subscription-State", "active")]))
+        notify = self.network_request_seen()
+        self.assertIn(";mtk=1;st=", notify.get("Via"))
+        self.network_answers(sip.response(notify, 200, "OK"))
+        self.assertEqual(self.ua_answer_seen().status, 200)
 
     def test_the_user_agents_subscription_is_notified(self):
         self.ua_sends(sip.request("SUBSCRIBE", "sip:bob@example.net", via="127.0.0.1:5071", transport=self.transport,
@@ -190,18 +230,6 @@ class Calls(ProxyCase):
         self.proxy.wait_log("ERROR: check why client or domain key empty", count=count + 1)
         self.assertTrue(self.ua.nothing(0.1))
 
-    def test_an_answer_steered_to_another_profile_loses_the_header(self):
-        if self.transport == "TCP":
-            return  # over TCP the answer goes back on the connection of the request whatever the profile
-        other = self.udp(5060, "127.0.0.4")
-        self.set_route("2", "127.0.0.4:UDP:5060")
-        self.network_sends(self.from_network("MESSAGE", body="x"))
-        seen = self.ua.receive()
-        self.ua_answers(sip.response(seen, 200, "OK", headers=[("Zel-Profile-ID", "2")]))
-        answer = other.receive()
-        self.assertIsNone(answer.get("Zel-Profile-ID"))
-        self.assertIn("127.0.0.4:5060", answer.get("Via"))
-
     def test_a_response_that_lost_its_st_is_dropped(self):
         self.network_sends(self.from_network("MESSAGE", body="x"))
         seen = self.ua.receive()
@@ -214,10 +242,24 @@ class CallsOverTcp(Calls):
     transport = "TCP"
 
 
-class Mixed(ProxyCase):
-    """A user agent on UDP, one on TCP, the same network proxy."""
+class OverUdp(Path):
+    """Over TCP the answer goes back on the connection of the request whatever the profile."""
 
-    def test_both_are_called_by_their_address_of_record(self):
+    def test_an_answer_steered_to_another_profile_loses_the_header(self):
+        other = self.udp(5060, "127.0.0.4")
+        self.set_route("2", "127.0.0.4:UDP:5060")
+        self.network_sends(self.from_network("MESSAGE", body="x"))
+        seen = self.ua.receive()
+        self.ua_answers(sip.response(seen, 200, "OK", headers=[("Zel-Profile-ID", "2")]))
+        answer = other.receive()
+        self.assertIsNone(answer.get("Zel-Profile-ID"))
+        self.assertIn("127.0.0.4:5060", answer.get("Via"))
+
+
+class Mixed(ProxyCase):
+    """A user agent on UDP, one on TCP, the same network proxy, both called at the same time."""
+
+    def test_two_whole_calls_side_by_side(self):
         udp_ua = self.udp(5071)
         listener = self.tcp(5072)
         self.register(5071, sip.ua_info("home", "alice@example.net", methods="INVITE"))
@@ -228,12 +270,28 @@ class Mixed(ProxyCase):
         self.set_route("1", "127.0.0.3:UDP:5060")
         self.set_route("2", "127.0.0.3:TCP:5060")
         stream = self.connect(to=("127.0.0.2", 5060), source=("127.0.0.3", 0))
-        network.send(sip.request("INVITE", "sip:alice@127.0.0.2", via="127.0.0.3:5060", frm="<sip:x@example.net>",
-                                 to="<sip:alice@example.net>"), ("127.0.0.2", 5060))
-        stream.send(sip.request("INVITE", "sip:bob@127.0.0.2", via="127.0.0.3:5060", frm="<sip:x@example.net>",
-                                to="<sip:bob@example.net>", transport="TCP"))
-        self.assertIn("mtk=1", udp_ua.receive().get("Via"))
-        self.assertIn("mtk=2", tcp_ua.receive().get("Via"))
+        calls = [("UDP", "alice", 5071, udp_ua, network, lambda data: network.send(data, ("127.0.0.2", 5060)), "1"),
+                 ("TCP", "bob", 5072, tcp_ua, stream, stream.send, "2")]
+
+        def request(method, uri, user, transport, cseq, to_tag=""):
+            return sip.request(method, uri, via="127.0.0.3:5060", frm="<sip:x@example.net>;tag=x", cseq=cseq,
+                               to=f"<sip:{user}@example.net>{to_tag}", call_id=f"mixed-{user}", transport=transport)
+        for transport, user, _, _, _, send, _ in calls:
+            send(request("INVITE", f"sip:{user}@127.0.0.2", user, transport, 1))
+        targets = {}
+        for transport, user, port, ua, answers, _, key in calls:
+            self.assertEqual(answers.receive().start, "SIP/2.0 100 trying")
+            invite = ua.receive()
+            self.assertIn(f"mtk={key}", invite.get("Via"))
+            ua.send(sip.response(invite, 200, "OK", contact=f"<sip:{user}@127.0.0.1:{port}>"))
+            targets[user] = re.search("<(.*)>", answers.receive().get("Contact")).group(1)
+        for transport, user, _, _, _, send, _ in calls:
+            send(request("ACK", targets[user], user, transport, 1, ";tag=peer"))
+            send(request("BYE", targets[user], user, transport, 2, ";tag=peer"))
+        for _, _, _, ua, answers, _, _ in calls:
+            self.assertEqual(ua.receive().method, "ACK")
+            ua.send(sip.response(ua.receive(), 200, "OK"))
+            self.assertEqual(answers.receive().get("CSeq"), "2 BYE")
 
 
 if __name__ == "__main__":

@@ -13,26 +13,60 @@ def ctl(*words, timeout=30):
 
 
 class SippCalls(ProxyCase):
-    def call(self, transport, sipp_transport, calls):
-        listener = self.tcp(5071) if transport == "TCP" else None
+    """SIPp on both sides, each with its own checks of what it sees."""
+
+    CALLS = 20
+
+    def answering(self, scenario, ip, port, transport):
+        peer = self.keep(peers.Sipp(scenario, ip=ip, port=port, transport=transport, calls=self.CALLS))
+        peer.wait_bound("tcp" if transport == "t1" else "udp")
+        return peer
+
+    def calling(self, scenario, ip, port, remote, transport, **options):
+        return self.keep(peers.Sipp(scenario, ip=ip, port=port, remote=remote, transport=transport, calls=self.CALLS,
+                                    rate=20, **options))
+
+    def user_agent_calls_network(self, transport):
+        sipp_transport = "t1" if transport == "TCP" else "u1"
         self.register(5071)
-        network = self.keep(peers.Sipp("network_answers.xml", ip="127.0.0.3", port=5060, transport=sipp_transport,
-                                       calls=calls))
-        network.wait_bound(transport.lower())
+        network = self.answering("network_answers.xml", "127.0.0.3", 5060, sipp_transport)
         self.set_route("1", f"127.0.0.3:{transport}:5060")
-        if listener:
-            listener.close()
-            self.open.remove(listener)
-        caller = self.keep(peers.Sipp("ua_calls_network.xml", ip="127.0.0.1", port=5071, remote="127.0.0.1:5060",
-                                      transport=sipp_transport, calls=calls, rate=20))
+        caller = self.calling("ua_calls_network.xml", "127.0.0.1", 5071, "127.0.0.1:5060", sipp_transport)
         caller.succeed()
         network.succeed()
 
-    def test_calls_over_udp(self):
-        self.call("UDP", "u1", 20)
+    def test_a_user_agent_calls_the_network_over_udp(self):
+        self.user_agent_calls_network("UDP")
 
-    def test_calls_over_tcp(self):
-        self.call("TCP", "t1", 20)
+    def test_a_user_agent_calls_the_network_over_tcp(self):
+        self.user_agent_calls_network("TCP")
+
+    def network_calls_user_agent(self, transport):
+        sipp_transport = "t1" if transport == "TCP" else "u1"
+        called = self.answering("ua_answers.xml", "127.0.0.1", 5071, sipp_transport)
+        self.register(5071, sip.ua_info(methods="INVITE"))
+        if transport == "TCP":
+            self.tcp(5060, "127.0.0.3")
+        self.set_route("1", f"127.0.0.3:{transport}:5060")
+        if transport == "TCP":
+            self.open.pop().close()
+        caller = self.calling("network_calls_ua.xml", "127.0.0.3", 5060, "127.0.0.2:5060", sipp_transport, service="alice")
+        caller.succeed()
+        called.succeed()
+
+    def test_the_network_calls_a_user_agent_over_udp(self):
+        self.network_calls_user_agent("UDP")
+
+    def test_the_network_calls_a_user_agent_over_tcp(self):
+        self.network_calls_user_agent("TCP")
+
+    def test_a_user_agent_calls_another_over_udp(self):
+        self.register(5071)
+        self.register(5072, sip.ua_info("work", "bob@example.net"), user="bob")
+        called = self.answering("local_ua_answers.xml", "127.0.0.1", 5072, "u1")
+        caller = self.calling("ua_calls_local_ua.xml", "127.0.0.1", 5071, "127.0.0.1:5060", "u1")
+        caller.succeed()
+        called.succeed()
 
 
 class ThroughKamailio(ProxyCase):

@@ -52,6 +52,7 @@ request_route {{
   {challenge}
   if (is_method("REGISTER")) {{ save("location"); exit; }}
   if (is_method("MESSAGE") && $rU == "echo") {{ sl_send_reply("200", "Heard"); exit; }}
+  if (is_method("INVITE") && $rU == "echo") {{ sl_send_reply("486", "Busy"); exit; }}
   record_route();
   if ($rd == "example.net" && $rU == "bob") {{ $du = "sip:{callee}"; t_relay(); exit; }}
   if ($rd == "example.net") {{

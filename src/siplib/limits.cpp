@@ -5,7 +5,11 @@ namespace {
 Limits in_force;
 }
 
-const Limits& limits() { return in_force; }
-void setLimits(const Limits& limits) { in_force = limits; }
+const Limits& limits() {
+  return in_force;
+}
+void setLimits(const Limits& limits) {
+  in_force = limits;
+}
 
 }  // namespace siplib

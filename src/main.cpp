@@ -9,8 +9,12 @@
 
 int main(int argc, char** argv) {
   // Never deleted: listeners and queued events refer to it until the process is gone.
-  auto* engine = new (std::nothrow) IMS_engine_proxy;
-  if (engine == nullptr) return 0;
+  IMS_engine_proxy* engine = nullptr;
+  try {
+    engine = new IMS_engine_proxy;
+  } catch (const std::bad_alloc&) {
+    return 0;  // the engine, or what it is made of: nothing can be said or served
+  }
   IMS_engine_proxy::set_instance(engine);
   engine->set_options(argc, argv);
   IMS_log::log_to_file(stderr);

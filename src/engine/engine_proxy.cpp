@@ -38,6 +38,7 @@ namespace {
 
 constexpr const char* kDynport = "dynport";
 constexpr int kSipPort = 5060;
+constexpr int kHighestPort = 65535;
 /// How far a floating port may move.
 constexpr int kPortsToTry = 100;
 
@@ -89,10 +90,7 @@ int IMS_engine_proxy::run() {
 
   SIPLIB_SIPStackConfig config;
   init_sipstack_info("/sipstackinit/ue-proxy/", config);
-  if (const int status = SIPLIB_SIPInit(config); status != 0) {
-    IMS_log::loginfo(3, __func__, "the SIP stack cannot be initialised, status=%d", status);
-    return 0;
-  }
+  if (SIPLIB_SIPInit(config) != 0) return 0;  // the library has said why
   ua_connector = SIPLIB_SIPStack::instance()->connector();
   if (!start()) return 0;
 
@@ -161,6 +159,7 @@ void IMS_engine_proxy::init_registrar() {
 
 SIPLIB_SIPTransportNotifier* IMS_engine_proxy::open_net_notifier(const std::string& ip, std::string& port) {
   const int first = portNumber(port);
+  if (first < 1 || first > kHighestPort) return nullptr;  // nothing to float from either
   const int count = ports_float() ? kPortsToTry : 1;
   for (int candidate = first; candidate < first + count; ++candidate) {
     auto* notifier =

@@ -1,11 +1,11 @@
 // The client side of the routing table.
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "auth/proxy_authenticate.h"
 #include "engine/engine_proxy.h"
+#include "engine/port_number.h"
 #include "framework/log.h"
 #include "framework/utility.h"
 #include "routing/routing_table_impl.h"
@@ -108,8 +108,8 @@ bool IMS_Proxy_RoutingTable_Impl::addClient(ClientTable_Entry_T const& entry) {
   }
 
   SIPLIB_SIPTransportConnection* connection = IMS_engine_proxy::open_client_connection(
-      "TCP", IMS_engine_proxy::localhost_ip, std::atoi(IMS_engine_proxy::localhost_port.c_str()),
-      IMS_engine_proxy::localhost_ip, std::atoi(entry.ua_port.c_str()));
+      "TCP", IMS_engine_proxy::localhost_ip, portNumber(IMS_engine_proxy::localhost_port),
+      IMS_engine_proxy::localhost_ip, portNumber(entry.ua_port));
   if (connection == nullptr) IMS_log::loginfo(4, __func__, "TCP Client connection with UA failed.");
 
   RoutingTable_Entry_T record{entry, {}, dynamic_cast<SIPLIB_SIPClientTcpTransport*>(connection)};

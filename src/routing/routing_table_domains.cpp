@@ -1,11 +1,11 @@
 // The domain side of the routing table.
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "auth/proxy_authenticate.h"
 #include "engine/engine_proxy.h"
+#include "engine/port_number.h"
 #include "framework/log.h"
 #include "framework/utility.h"
 #include "routing/routing_table_impl.h"
@@ -48,8 +48,8 @@ bool IMS_Proxy_RoutingTable_Impl::addDomain(Domain_Entry_T const& entry) {
   }
   if (IMS_engine_proxy::is_tcp(entry.proxy_transport)) {
     dentry.tcp_client_conn = dynamic_cast<SIPLIB_SIPClientTcpTransport*>(IMS_engine_proxy::open_client_connection(
-        "TCP", IMS_engine_proxy::net_intf_ip, std::atoi(IMS_engine_proxy::net_intf_port.c_str()), entry.proxy_ip,
-        std::atoi(entry.proxy_port.c_str())));
+        "TCP", IMS_engine_proxy::net_intf_ip, portNumber(IMS_engine_proxy::net_intf_port), entry.proxy_ip,
+        portNumber(entry.proxy_port)));
   }
   domains_[key] = std::move(dentry);
   ++current_dom_tbl_key;

@@ -216,10 +216,23 @@ TEST_F(StartUp, DoesNotFloatForAnotherValue) {
   EXPECT_FALSE(engine->start());
 }
 
-TEST_F(StartUp, ToleratesARegistrarThatCannotBeEntered) {
-  // Its connection to itself is no condition; an unusable table entry is.
+TEST_F(StartUp, DoesNotNeedTheRegistrarsConnectionToItself) {
   connector.refuse_clients = true;
   EXPECT_TRUE(engine->start());
+  EXPECT_NE(IMS_engine_proxy::rt->findClient(CF_PACKAGES, "local-reg-events"), "");
+}
+
+TEST_F(StartUp, EndsWithoutASipStackButNotWithoutAControlChannel) {
+  // The framework's sockets were not opened: no control channel, and nothing for a stack to run on.
+  LogCapture log;
+  EXPECT_EQ(engine->run(), 0);
+  EXPECT_EQ(log.lines()[0].text, "Error Craeting External listen thread");
+  EXPECT_EQ(log.lines()[0].level, 4);
+  EXPECT_EQ(log.lines()[0].function, "run");
+  EXPECT_EQ(log.count(3), 1) << "one line says why";
+  EXPECT_TRUE(connector.sip_notifier_opens.empty());
+  EXPECT_TRUE(connector.notifier_opens.empty());
+  EXPECT_EQ(IMS_engine_proxy::rt, nullptr);
 }
 
 // --- The capability file
@@ -277,12 +290,27 @@ TEST_F(StartUp, FloatsANetworkListenerOverAHundredPorts) {
   EXPECT_EQ(connector.notifier_opens.size(), 100u);
 }
 
+TEST_F(StartUp, OpensNoNetworkListenerOnWhatIsNoPort) {
+  for (const char* dynport : {"no", "yes"}) {
+    IMS_engine_proxy::arg_dynport = dynport;
+    for (const char* text : {"", "x", "0", "-5", "65536", "99999999999999999999"}) {
+      std::string port = text;
+      EXPECT_EQ(IMS_engine_proxy::open_net_notifier("127.0.0.2", port), nullptr) << text;
+      EXPECT_EQ(port, text);
+    }
+  }
+  EXPECT_TRUE(connector.notifier_opens.empty());
+}
+
 TEST(PortNumber, ReadsWhatTheTextBeginsWith) {
   EXPECT_EQ(portNumber("5060"), 5060);
   EXPECT_EQ(portNumber("5060;x"), 5060);
   EXPECT_EQ(portNumber("65535"), 65535);
-  EXPECT_EQ(portNumber("65536"), -1);
-  EXPECT_EQ(portNumber("99999999999999999999"), -1);
+  EXPECT_EQ(portNumber("65536"), 65536);
+  EXPECT_EQ(portNumber(" 5060"), 5060);
+  EXPECT_EQ(portNumber("-1"), -1);
+  EXPECT_EQ(portNumber("4294972356"), 2147483647) << "not 5060";
+  EXPECT_EQ(portNumber("-99999999999999999999"), -2147483648LL);
   EXPECT_EQ(portNumber(""), 0);
   EXPECT_EQ(portNumber("x"), 0);
 }

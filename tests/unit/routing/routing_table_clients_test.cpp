@@ -20,7 +20,6 @@ Enum unknown(int value) {
 }
 
 // --- Adding
-// -----------------------------------------------------------------------------------------------------------
 
 TEST_F(RoutingTable, AddClientStoresAllFieldsAndOpensAConnectionToTheUserAgent) {
   ClientTable_Entry_T entry = client("6001", {"sip:alice@home.example"}, "7");
@@ -157,6 +156,15 @@ TEST_F(RoutingTable, APortThatIsNoNumberIsAddedAndOpensPortZero) {
   EXPECT_EQ(engine.opened.back().port, 0);
 }
 
+TEST_F(RoutingTable, APortThatIsTooLargeIsNotCutToAnother) {
+  add(client("4294972356"));
+  EXPECT_GT(engine.opened.back().port, 65535);
+  Domain_Entry_T entry = domain("1");
+  entry.proxy_port = "4294972356";
+  add(entry);
+  EXPECT_GT(engine.opened.back().port, 65535);
+}
+
 TEST_F(RoutingTable, AKeyIsNeverGivenOutTwice) {
   const std::string first = add(client("6001"));
   ASSERT_TRUE(table.deleteClient(CT_UA_PORT, "6001"));
@@ -203,7 +211,6 @@ TEST_F(RoutingTable, BothConstructorsStartEmpty) {
 }
 
 // --- Deleting
-// ---------------------------------------------------------------------------------------------------------
 
 TEST_F(RoutingTable, DeletingAClientDropsItsRecordAndItsAuthentication) {
   const std::string domain_key = add(domain("1"));
@@ -246,7 +253,6 @@ TEST_F(RoutingTable, DeletingAnUnknownClientIsRefused) {
 }
 
 // --- Field changes
-// ----------------------------------------------------------------------------------------------------
 
 TEST_F(RoutingTable, AppendingASingleFieldChangesNothing) {
   const std::string key = add(client("6001"));
@@ -357,7 +363,6 @@ TEST_F(RoutingTable, AorsAreReplacedWithinOneDomainOnly) {
 }
 
 // --- Reading
-// ----------------------------------------------------------------------------------------------------------
 
 TEST_F(RoutingTable, GetClientCopiesTheRecordOut) {
   ClientTable_Entry_T entry = client("6001", {"sip:alice@home.example"}, "7");

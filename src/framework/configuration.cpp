@@ -27,7 +27,6 @@ namespace framework {
 namespace {
 
 // --- Files
-// ------------------------------------------------------------------------------------------------------------
 
 /// What tells one state of a file from the next.
 struct Signature {
@@ -98,7 +97,6 @@ bool loadDocument(const std::string& path, XmlDocument& document, Signature& sig
 }
 
 // --- The kept documents
-// -----------------------------------------------------------------------------------------------
 
 // A profile is read key after key, 34 times. More than a few are not kept: names of profiles come from peers.
 constexpr std::size_t kKept = 4;
@@ -164,7 +162,6 @@ DocumentCache& cache() {
 }
 
 // --- Settings
-// ---------------------------------------------------------------------------------------------------------
 
 struct Setting {
   std::string_view name;
@@ -220,7 +217,6 @@ std::string wrongYesNo(const std::string& value) {
 }
 
 // --- Checking
-// ---------------------------------------------------------------------------------------------------------
 
 std::string_view nameOf(const xmlNode& node) {
   return reinterpret_cast<const char*>(node.name);
@@ -231,6 +227,10 @@ std::string textOf(xmlNode& node) {
   std::string text = content == nullptr ? "" : reinterpret_cast<const char*>(content);
   xmlFree(content);
   return text;
+}
+
+bool hasControlBytes(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
 }
 
 class Checker {
@@ -286,7 +286,12 @@ class Checker {
     } else if (root_name == "sipstackinit") {
       bool seen = false;
       for (xmlNode* node = root->children; node != nullptr; node = node->next) {
-        if (node->type != XML_ELEMENT_NODE || nameOf(*node) != "ue-proxy") continue;
+        if (node->type != XML_ELEMENT_NODE) continue;
+        // Its text goes into a line of the capability file as it is.
+        if (nameOf(*node) == "srctransport" && hasControlBytes(textOf(*node))) {
+          fault(path, *node, "a line break or another control character in srctransport");
+        }
+        if (nameOf(*node) != "ue-proxy") continue;
         if (seen) fault(path, *node, "a second 'ue-proxy' element");
         seen = true;
         checkSettings(path, *node);

@@ -102,7 +102,6 @@ IMS_User_Agent::~IMS_User_Agent() {
 }
 
 // --- Command line
-// -----------------------------------------------------------------------------------------------------
 
 void IMS_User_Agent::add_program_option(const char* word, const char* help) {
   framework::addProgramOption(word, help);
@@ -136,7 +135,6 @@ void IMS_User_Agent::print_usage() {
 }
 
 // --- Start and stop
-// ---------------------------------------------------------------------------------------------------
 
 bool IMS_User_Agent::open_framework_sockets() {
   try {
@@ -271,7 +269,6 @@ bool IMS_User_Agent::handle_one_message() {
 }
 
 // --- Configuration
-// ----------------------------------------------------------------------------------------------------
 
 void IMS_User_Agent::set_config_dir(const std::string& dir) {
   configDir() = dir;
@@ -314,7 +311,6 @@ bool IMS_User_Agent::create_cap_file(int count, ...) {
 }
 
 // --- SIP
-// --------------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -360,7 +356,6 @@ void IMS_User_Agent::fill_myuri(int port) {
 }
 
 // --- Events
-// -----------------------------------------------------------------------------------------------------------
 
 void IMS_User_Agent::handle_notify_tcp_request(SIPLIB_SIPConnection* /*connection*/) {
 }

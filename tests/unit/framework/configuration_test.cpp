@@ -203,7 +203,6 @@ TEST_F(Configuration, BadSettingKeepsItsDefaultWithOneLine) {
 }
 
 // --- The check
-// --------------------------------------------------------------------------------------------------------
 
 TEST_F(Configuration, CheckFindsNothingInGoodDocuments) {
   EXPECT_TRUE(framework::checkConfiguration(dir.path()).empty()) << "all documents may be absent";
@@ -219,7 +218,8 @@ TEST_F(Configuration, CheckFindsNothingInGoodDocuments) {
 TEST_F(Configuration, CheckNamesEachFaultWithFileAndLine) {
   dir.write("config.xml",
             "<sipstackinit>\n<ue-proxy>\n<max-connection>1</max-connection>\n<t1-ms>0</t1-ms>\n"
-            "<io-thread>x</io-thread>\n<t2-ms>500</t2-ms>\n<t2-ms>500</t2-ms></ue-proxy>\n<ue-proxy/></sipstackinit>");
+            "<io-thread>x</io-thread>\n<t2-ms>500</t2-ms>\n<t2-ms>500</t2-ms></ue-proxy>\n<ue-proxy/>"
+            "<srctransport>\n tcp</srctransport></sipstackinit>");
   dir.write("profiles/a.xml", "<network-profile>\n<a>\n</network-profile>");
   dir.write("profiles/b.xml", "<profile/>");
   dir.write("profiles/c d.xml", "<network-profile/>");
@@ -230,6 +230,7 @@ TEST_F(Configuration, CheckNamesEachFaultWithFileAndLine) {
       dir / "config.xml: line 5: 'x' for io-thread is neither yes nor no",
       dir / "config.xml: line 7: 't2-ms' a second time; the first counts",
       dir / "config.xml: line 8: a second 'ue-proxy' element",
+      dir / "config.xml: line 8: a line break or another control character in srctransport",
       dir / "profiles/a.xml: line 3: Opening and ending tag mismatch: a line 2 and network-profile",
       dir / "profiles/b.xml: line 1: the root element is 'profile', not 'network-profile'",
       dir / "profiles/c d.xml: no profile can have this name, so the file is never read",

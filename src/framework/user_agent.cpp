@@ -381,7 +381,10 @@ void IMS_User_Agent::fill_queue_and_send_signal(MSG_TYPE type, void* data) {
     sleeps = state_->queue.push({type, data});
   } catch (const std::bad_alloc&) {
     IMS_log::loginfo(3, "fill_queue_and_send_signal", "message of type %u lost: no memory", type);
-    if (type == MSG_FRAMEWORK_TEXT) delete[] static_cast<char*>(data);
+    if (type == MSG_FRAMEWORK_TEXT) {
+      delete[] static_cast<char*>(data);
+      state_->control.handled();  // it waits no more
+    }
   }
   if (sleeps) state_->wakeLoop();
 }

@@ -33,15 +33,13 @@ std::unique_ptr<IMSE_Client> IMSE_ClientFactory::create_client(SIPLIB_SIPServerC
   }
   switch (body->get_package_type()) {
     case RegisterXmlData::EXTERNAL: {
-      auto client = std::make_unique<IMSE_ExtClient>(std::move(body), ++ua_id_counter);
-      IMSE_UA_INFO_T info;
-      client->get_ua_info(info);
-      if (!IMSE_NotifyXmlData::fits(info)) {
+      const RegisterXmlData::AorList& aors = *body->aors();
+      if (IMSE_NotifyXmlData::update_size(aors, body->sip_headers()) > IMSE_NotifyXmlData::kMaxSize) {
         IMS_log::loginfo(4, __func__, "IMSE_REG: Content too large for a NOTIFY: %d AORs, %d headers",
-                         static_cast<int>(info.aors.size()), static_cast<int>(info.sip_headers.size()));
+                         static_cast<int>(aors.size()), static_cast<int>(body->sip_headers().size()));
         return nullptr;
       }
-      return client;
+      return std::make_unique<IMSE_ExtClient>(std::move(body), ++ua_id_counter);
     }
     case RegisterXmlData::INTERNAL:
       return std::make_unique<IMSE_IntClient>(std::move(body));

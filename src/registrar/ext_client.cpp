@@ -18,7 +18,7 @@ std::vector<std::string> split(const std::string& list) {
 
 IMSE_ExtClient::IMSE_ExtClient(std::unique_ptr<RegisterXmlData> xml, std::uint32_t ua_id)
     : IMSE_Client(std::move(xml)), ua_id_(ua_id) {
-  const RegisterXmlData::AorList* aors = get_aor();
+  const RegisterXmlData::AorList* aors = body().aors();
   if (aors == nullptr) return;
   for (const auto& aor : *aors) {
     tags_[aor->aor].insert(aor->feature_tags.begin(), aor->feature_tags.end());

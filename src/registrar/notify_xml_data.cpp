@@ -1,5 +1,7 @@
 #include "registrar/notify_xml_data.h"
 
+#include <string_view>
+
 #include "framework/log.h"
 #include "registrar/notify_writer.h"
 
@@ -10,6 +12,24 @@ namespace {
 int result(const NotifyWriter& writer, bool written, int& step) {
   if (!written) step = writer.step();
   return written ? 1 : 0;
+}
+
+// An update document in pieces, as the writer lays it out, with the longest numbers and without the texts.
+constexpr std::string_view kUpdate =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<reg-info>\n <profile-info>\n  <name></name>\n"
+    "  <zel-profile-id>65535</zel-profile-id>\n </profile-info>\n <action>UPDATE</action>\n"
+    " <update-info>delete</update-info>\n <ua-info>\n  <id>-2147483648</id>\n"
+    "  <reg-expires-pref>-2147483648</reg-expires-pref>\n </ua-info>\n</reg-info>\n";
+constexpr std::string_view kAddress = "  <aor>   <request-routing-support/>\n  </aor>\n";
+constexpr std::string_view kTags = "\n   </request-routing-support";  ///< beyond the empty element
+constexpr std::string_view kTag = "    <feature-tag></feature-tag>\n";
+constexpr std::string_view kHeader = "   <sip-header>\n    <name></name>\n    <value></value>\n   </sip-header>\n";
+
+/// Bytes that a text takes in a document.
+std::size_t written_size(const std::string& text) {
+  std::size_t size = 0;
+  for (const char c : text) size += c == '"' ? 6U : c == '&' || c == '\r' ? 5U : c == '<' || c == '>' ? 4U : 1U;
+  return size;
 }
 
 }  // namespace
@@ -51,11 +71,19 @@ int IMSE_NotifyXmlData::encodeXml() {
   return -1;
 }
 
-bool IMSE_NotifyXmlData::fits(const IMSE_UA_INFO_T& info) {
-  // Each address takes more than 40 bytes, so thousands need not be tried.
-  if (info.aors.size() > kMaxSize / 40) return false;
-  IMSE_NotifyXmlData update("delete", 0xffff);
-  return update.add_ua_info(info) == 1 || update.encodeXml() == 0;
+std::size_t IMSE_NotifyXmlData::update_size(const std::vector<std::unique_ptr<ClientAOR_T>>& aors,
+                                            const std::vector<ClientHeader_T>& headers) {
+  std::size_t headers_size = 0;
+  for (const ClientHeader_T& header : headers) {
+    headers_size += kHeader.size() + written_size(header.name) + written_size(header.value);
+  }
+  std::size_t size = kUpdate.size();
+  for (const auto& aor : aors) {
+    size += kAddress.size() + written_size(aor->aor) + headers_size;
+    if (!aor->feature_tags.empty()) size += kTags.size();
+    for (const std::string& tag : aor->feature_tags) size += kTag.size() + written_size(tag);
+  }
+  return size;
 }
 
 int IMSE_NotifyXmlData::encode_notify_create() {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,9 @@ class IMSE_NotifyXmlData : public XmlData {
   int add_ua_info(const IMSE_UA_INFO_T& info);
   /// 0, or -1 with a line at level 4; the text is then absent.
   int encodeXml() override;
-  /// True when an update about this user agent has room in one document.
-  static bool fits(const IMSE_UA_INFO_T& info);
+  /// Bytes of the largest update document about a user agent with these addresses and headers, whatever its id.
+  static std::size_t update_size(const std::vector<std::unique_ptr<ClientAOR_T>>& aors,
+                                 const std::vector<ClientHeader_T>& headers);
   void set_max_size(std::size_t size) { max_size_ = size; }
 
   // Pieces of a document, in the order in which a create document has them. 1 when written; 0, and `step` set, when

@@ -271,7 +271,7 @@ std::unique_ptr<IMSE_Client> IMSE_Registrar::take_out(const IMSE_Client* client)
 void IMSE_Registrar::end_subscription() {
   subscriber_.reset();
   for (const auto& domain : domains_) {
-    IMS_log::loginfo(5, "end_subscription", "IMSE_REG: setting subscriber");
+    IMS_log::loginfo(5, __func__, "IMSE_REG: setting subscriber");
     domain->unset_subscriber();
   }
 }

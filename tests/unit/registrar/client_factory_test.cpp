@@ -77,4 +77,24 @@ TEST(ClientFactory, RefusesABodyThatNoNotifyCouldTell) {
   for (int i = 0; i < 200; ++i) aors += aor("sip:a@home.net", "");
   EXPECT_EQ(refusal({.body = fake::uaInfo("home", aors)}),
             "4 IMSE_REG: Content too large for a NOTIFY: 201 AORs, 200 headers|");
+  // It took no number.
+  IMSE_ClientFactory::ua_id_counter = 0;
+  EXPECT_EQ(create({.body = fake::uaInfo("home", aors)}), nullptr);
+  EXPECT_EQ(IMSE_ClientFactory::ua_id_counter, 0u);
+}
+
+TEST(ClientFactory, LooksAtAnExternalBodyWithoutFurtherLines) {
+  LogCapture log;
+  const auto client = create({.body = fake::uaInfo("home", "")});
+  EXPECT_EQ(log.texts(),
+            (std::vector<std::string>{
+                "IMSE_REG: IMSE_ClientFactory::create_client", "IMSE_REG: RegisterXml Data Constructor",
+                "IMSE_REG: RegisterXmlData::parseXml 2", "IMSE_REG: RegisterXmlData::get_package_type 2",
+                "IMSE_REG: RegisterXmlData::parse_eclient_xml",
+                "IMSE_REG: RegisterXmlData::get_nodeset /ua-info/reg-expires-pref",
+                "IMSE_REG: RegisterXmlData::get_nodeset /ua-info/profile-info/name",
+                "IMSE_REG: RegisterXmlData::dig_and_parse_aor", "IMSE_REG: RegisterXmlData::get_nodeset /ua-info/aor",
+                "IMSE_REG: RegisterXmlData::get_nodeset /ua-info/aor/ua-specific-parameters/sip-headers/header",
+                "Parsing eclient XML success", "IMSE_REG: RegisterXmlData::get_package_type 1",
+                "IMSE_REG: IMSE_Client::IMSE_Client"}));
 }

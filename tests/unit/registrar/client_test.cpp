@@ -96,7 +96,9 @@ TEST_F(ClientTest, AHigherCSeqGoesOn) {
 TEST_F(ClientTest, AfterAChallengeTheNextIsNewAndAfterA200ARefresh) {
   Request request(Register{}.text());
   EXPECT_EQ(client.process_register(&request), IMSE_REGISTER_NEW);
+  LogCapture log;
   EXPECT_EQ(client.authorize(), 0);
+  EXPECT_EQ(log.texts(), (std::vector<std::string>{"IMSE_REG: authorize", "IMSE_REG: send_response send status 0"}));
   EXPECT_EQ(request.status(), 401);
   EXPECT_EQ(request.answered("WWW-Authenticate"), "(none)");
   EXPECT_EQ(client.state(), IMSE_CLIENT_CHALLENGED);
@@ -206,6 +208,7 @@ TEST_F(ClientTest, MatchesByPortOrByFrom) {
   accepted({.port = 5070, .from = "sip:alice@home.net"});
   LogCapture log;
   EXPECT_TRUE(matches({.port = 5070, .from = "sip:bob@home.net", .call_id = "other"}));
+  EXPECT_TRUE(log.has(5, "IMSE_REG: IMSE_Client::is_match "));
   EXPECT_TRUE(log.has(5, "IMSE_REG: is_match: Port matches"));
   EXPECT_TRUE(matches({.port = 5071, .from = "sip:alice@home.net", .call_id = "other"}));
   EXPECT_TRUE(log.has(5, "IMSE_REG: is_match: from address matches"));

@@ -38,7 +38,15 @@ std::unique_ptr<IMSE_ExtClient> makeClient(const std::string& user, std::uint32_
   return std::make_unique<IMSE_ExtClient>(std::move(body), id);
 }
 
-/// A domain, three clients, and a subscription that can be opened; every NOTIFY is answered unless told otherwise.
+/// The state by itself: losing the subscriber takes it back to 0, so no operation makes one that contradicts.
+IMSE_Domain::NotifyState& notifyState(IMSE_Domain& domain);
+template <auto Member>
+struct NotifyStateAccess {
+  friend IMSE_Domain::NotifyState& notifyState(IMSE_Domain& domain) { return domain.*Member; }
+};
+template struct NotifyStateAccess<&IMSE_Domain::notify_state_>;
+
+/// A domain, two clients, and a subscription that can be opened; every NOTIFY is answered unless told otherwise.
 class DomainTest : public ::testing::Test {
  protected:
   DomainTest() { IMSE_Domain::profile_id_counter = 1; }
@@ -222,6 +230,53 @@ TEST_F(DomainTest, WithoutASubscriberTakesClientsOnlyWhileNothingWasSent) {
   EXPECT_EQ(domain->clients(), std::vector<IMSE_ExtClient*>{alice.get()});
   EXPECT_EQ(domain->notify_state(), IMSE_Domain::NOTHING_SENT);
   EXPECT_TRUE(dialog.notifies().empty());
+}
+
+TEST_F(DomainTest, WithoutASubscriberTakesNobodyOnceSomethingWasSent) {
+  for (const auto state : {IMSE_Domain::CREATE_SENT, IMSE_Domain::DELETE_SENT}) {
+    notifyState(*domain) = state;
+    EXPECT_EQ(domain->add(alice.get(), true), 1);
+    EXPECT_EQ(domain->add(alice.get(), false), 1);
+    EXPECT_TRUE(domain->clients().empty());
+  }
+}
+
+TEST_F(DomainTest, AnUpdateOfALeavingClientNeedsASubscriber) {
+  domain->add(alice.get(), true);
+  domain->add(bob.get(), true);
+  notifyState(*domain) = IMSE_Domain::CREATE_SENT;
+  EXPECT_EQ(domain->remove(alice.get(), true), 1);
+  EXPECT_EQ(domain->clients().size(), 2u);
+  EXPECT_EQ(domain->remove(alice.get(), false), 0);
+  // The last one leaves all the same; nobody was told.
+  EXPECT_EQ(domain->remove(bob.get(), true), 0);
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::CREATE_SENT);
+}
+
+TEST_F(DomainTest, TracesEveryChange) {
+  IMSE_RegSubscriber* const watcher = subscribe();
+  LogCapture log;
+  domain->set_subscriber(watcher);
+  add(*alice);
+  add(*bob, false);
+  remove(*bob);
+  remove(*alice);
+  domain->unset_subscriber();
+  Texts said;
+  for (const auto& line : log.lines()) {
+    if (line.text.find("IMSE_Domain:") != std::string::npos) said.push_back(line.text);
+  }
+  const std::string a = fake::pointer(alice.get()), b = fake::pointer(bob.get()), w = fake::pointer(watcher);
+  EXPECT_EQ(said,
+            (Texts{"IMSE_REG: IMSE_Domain::set_subscriber " + w + " 0 0",
+                   "IMSE_REG: IMSE_Domain::add " + a + " 1 " + w + " 0",
+                   "IMSE_REG: IMSE_Domain::send_notify_and_add " + a + " 1", "IMSE_REG: IMSE_Domain:add send_notify 0",
+                   "IMSE_REG: IMSE_Domain::add " + b + " 0 " + w + " 1",
+                   "IMSE_REG: IMSE_Domain::send_notify_update_add 0, add, " + b + " ",
+                   "IMSE_REG: IMSE_Domain::add send_notify 0", "IMSE_REG: IMSE_Domain::remove 1 " + b + " 1 2 " + w,
+                   "IMSE_REG: IMSE_Domain::send_notify_update_delete 1, delete, " + b + " ",
+                   "IMSE_REG: IMSE_Domain::remove send_notify 0", "IMSE_REG: IMSE_Domain::remove 1 " + a + " 1 1 " + w,
+                   "IMSE_REG: IMSE_Domain::send_notify_delete " + w + ".", "IMSE_REG: IMSE_Domain::unset_subscriber"}));
 }
 
 TEST_F(DomainTest, TheFirstClientIsACreateTheSecondAnUpdate) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
@@ -27,6 +28,13 @@ namespace fake {
 inline const bool kQuiet = (IMS_log::set_level(3), true);
 
 class Dialog;
+
+/// As it stands in the log.
+inline std::string pointer(const void* value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", value);
+  return text;
+}
 
 /// A request at the registrar. Readers speak of the request, setters of the answer once it is initialised.
 class Request : public SIPLIB_SIPServerConnection {

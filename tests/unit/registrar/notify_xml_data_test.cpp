@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <libxml/xmlmemory.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -244,15 +245,29 @@ TEST(NotifyXmlData, EveryStepThatFailsTellsItsOwnNumber) {
 
 TEST(NotifyXmlData, TooLargeADocumentIsRefused) {
   IMSE_UA_INFO_T info = twoAddressesThreeHeaders();
-  EXPECT_TRUE(IMSE_NotifyXmlData::fits(info));
   for (int i = 0; i < 500; ++i) info.aors.push_back(info.aors[0]);
   LogCapture log(4);
-  EXPECT_FALSE(IMSE_NotifyXmlData::fits(info));
+  IMSE_NotifyXmlData document(std::string("add"), 3);
+  document.add_ua_info(info);
+  EXPECT_EQ(document.encodeXml(), -1);
   EXPECT_TRUE(log.has_part(4, "Unable to write XML for UPDATE "));
-  info.aors.resize(10000);
-  EXPECT_FALSE(IMSE_NotifyXmlData::fits(info));
-  info.aors.clear();
-  EXPECT_TRUE(IMSE_NotifyXmlData::fits(info));
+}
+
+TEST(NotifyXmlData, TheSizeOfAnUpdateIsKnownWithoutWritingIt) {
+  IMSE_UA_INFO_T info = twoAddressesThreeHeaders();
+  info.id = INT_MIN;
+  info.reg_expires_pref = INT_MIN;
+  info.aors.push_back({"", {"\"<&>\"\r\xc3\xa9", ""}});
+  info.aors.push_back({"", {}});
+  std::vector<std::unique_ptr<ClientAOR_T>> aors;
+  for (const auto& aor : info.aors)
+    aors.push_back(std::make_unique<ClientAOR_T>(ClientAOR_T{aor.aor, aor.feature_tags, "", "", ""}));
+  IMSE_NotifyXmlData document(std::string("delete"), 65535);
+  document.add_ua_info(info);
+  const std::string text = encoded(document);
+  LogCapture log;
+  EXPECT_EQ(IMSE_NotifyXmlData::update_size(aors, info.sip_headers), text.size());
+  EXPECT_TRUE(log.lines().empty());
 }
 
 // --- libxml2's allocations fail one after the other ------------------------------------------------------------------

@@ -77,6 +77,41 @@ TEST_F(SubscriberTest, TheWatcherIsAcceptedAndToldAtOnce) {
   EXPECT_TRUE(log.has(5, "IMSE_REG: send_notify conn->send status 0"));
 }
 
+TEST_F(SubscriberTest, TracesASubscription) {
+  LogCapture log;
+  subscriber = std::make_unique<IMSE_RegSubscriber>(&connector, std::string(), &listener);
+  EXPECT_EQ(log.texts().at(0), "IMSE_REG: IMSE_RegSubscriber::IMSE_RegSubscriber");
+  log.clear();
+  handle({});
+  const std::string d = fake::pointer(&dialog), none = fake::pointer(nullptr), l = fake::pointer(&listener);
+  EXPECT_EQ(
+      log.texts(),
+      (Texts{"IMSE_REG: IMSE_RegSubscriber::handle_subscribe " + fake::pointer(request.get()) + ".",
+             "IMSE_REG: IMSE_RegSubscriber::handle_initial_subs", "IMSE_REG: IMSE_RegSubscriber::get_headers",
+             "REGISTRAR:Subscriber from <sip:regua@127.0.0.1>;tag=1", "IMSE_REG: IMSE_RegSubscriber::get_expires 600",
+             "IMSE_REG: handle_initial_subs " + d + " 0", "IMSE_REG: IMSE_RegSubscriber::send_notify " + none + " 1",
+             "IMSE_REG: send_notify: ua_listener " + l, "IMSE_REG: send_notify conn->send status 0"}));
+  auto waiting = document(1);
+  const std::string w = fake::pointer(waiting.get());
+  log.clear();
+  subscriber->send_notify(std::move(waiting), "active");
+  answer(200);
+  Texts said;
+  for (const auto& line : log.lines()) {
+    if (line.function == "send_notify" || line.function == "received_response") said.push_back(line.text);
+  }
+  EXPECT_EQ(said,
+            (Texts{"IMSE_REG: IMSE_RegSubscriber::send_notify " + w + " 2",
+                   "IMSE_REG: send_notify Subs SUBS_NOTIFY_SENT state,Pushing to Queue",
+                   "IMSE_REG: IMSE_RegSubscriber::received_response 0 1", "IMSE_REG: received_response 0 200",
+                   "IMSE_REG: received response Queue is not empty",
+                   "IMSE_REG: IMSE_RegSubscriber::send_notify " + w + " 3", "IMSE_REG: send_notify: ua_listener " + l,
+                   "IMSE_REG: send_notify: Valid XML", "IMSE_REG: send_notify conn->send status 0"}));
+  log.clear();
+  subscriber.reset();
+  EXPECT_EQ(log.texts().at(0), "IMSE_REG: IMSE_RegSubscriber::~IMSE_RegSubscriber");
+}
+
 TEST_F(SubscriberTest, OnlyTheExactEventIsKnown) {
   for (const char* event : {"local-reg-events;id=1", "reg", "Local-Reg-Events"}) {
     LogCapture log;

@@ -1,8 +1,11 @@
 #include "registrar/register_xml_data.h"
 
 #include <gtest/gtest.h>
+#include <libxml/xmlmemory.h>
 #include <libxml/xpath.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include "fakes.h"
@@ -285,6 +288,19 @@ TEST(RegisterXmlData, ANodeSetIsNeverEmptyAndABadExpressionIsNull) {
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(RegisterXmlData::get_nodeset(document.get(), "/a["), nullptr);
   EXPECT_EQ(log.texts(), Texts{"Error in get_nodeset 350"});
+}
+
+TEST(RegisterXmlData, WithoutMemoryForAnExpressionThereAreNoNodes) {
+  framework::XmlDocument document;
+  std::string error;
+  ASSERT_TRUE(document.parse("<a/>", 4, error));
+  const auto none = [](std::size_t) -> void* { return nullptr; };
+  ASSERT_EQ(xmlMemSetup(std::free, none, std::realloc, strdup), 0);
+  LogCapture log(4);
+  _xmlXPathObject* const nodes = RegisterXmlData::get_nodeset(document.get(), "/a");
+  xmlMemSetup(std::free, std::malloc, std::realloc, strdup);
+  EXPECT_EQ(nodes, nullptr);
+  EXPECT_EQ(log.texts(), Texts{"Error in get_nodeset 345"});
 }
 
 TEST(RegisterXmlData, RefusesWhatAParserMustNotBeFed) {

@@ -187,6 +187,8 @@ TEST_F(RegistrarExistingTest, AReregistrationReplacesTheClientUnderItsOldId) {
   EXPECT_EQ(request.status(), 200);
   EXPECT_EQ(request.answered("Expires"), "50");
   EXPECT_EQ(request.answered("Zel-Profile-ID"), "1");
+  EXPECT_TRUE(log.has(5, "IMSE_REG: handle_existing_client: process register 0"));
+  EXPECT_TRUE(log.has(5, "IMSE_REG: imse_registrar_pre_client_replace"));
   EXPECT_TRUE(log.has(5, "IMSE_REG: Replacing 3 with 2"));
   EXPECT_TRUE(log.has(5, "IMSE_REG:"));
   EXPECT_EQ(clientCount(), 2u);
@@ -310,6 +312,16 @@ TEST_F(RegistrarExistingTest, ASuccessorForgetsAPreviousClientThatAnotherReplace
   by_port.cseq = 2;
   EXPECT_EQ(status(by_port), 200);
   EXPECT_EQ(table.operations, (Texts{"add 5070", "delete 5070", "add 5080", "add 5070"}));
+}
+
+TEST_F(RegistrarExistingTest, AChallengedClientThatIsAdmittedIsNoNewClient) {
+  registrar->set_authentication(true, true);
+  EXPECT_EQ(status({}), 401);
+  registrar->set_authentication(false, false);
+  LogCapture log;
+  EXPECT_EQ(status({.cseq = 2}), 200);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: Successfully processed the Existing client object"));
+  EXPECT_EQ(external().get_ua_id(), 1u);
 }
 
 TEST_F(RegistrarExistingTest, AChallengedClientThatCannotBeAdmittedIsDropped) {

@@ -10,6 +10,7 @@ TEST(Registrar, NeedsEverythingAndIsMadeOnce) {
   fake::Listener listener;
   LogCapture log;
   EXPECT_EQ(IMSE_Registrar::init_registrar(nullptr, &table, &listener), nullptr);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: IMSE_Registrar::init_registrar"));
   EXPECT_EQ(IMSE_Registrar::init_registrar(&connector, nullptr, &listener), nullptr);
   EXPECT_EQ(IMSE_Registrar::init_registrar(&connector, &table, nullptr), nullptr);
   EXPECT_EQ(log.count(4, "IMSE_REG: init registrar failed"), 3);
@@ -129,7 +130,48 @@ TEST_F(RegistrarTest, AnEmptyProfileNameIsAnswered400) {
   Register message = bob();
   message.body = "<ua-info><profile-info><name><![CDATA[]]></name></profile-info></ua-info>";
   EXPECT_EQ(status(message), 400);
+  EXPECT_EQ(log.texts(), (Texts{"IMSE_REG:Invalid network profile",
+                                "IMSE_REG: Client processing failed. Deleting the client object"}));
   EXPECT_EQ(clientCount(), 1u);
+}
+
+TEST_F(RegistrarTest, TracesWhatItDoesWithARegister) {
+  const auto traced = [this](const Register& message) {
+    LogCapture log;
+    send(message);
+    Texts said;
+    for (const auto& line : log.lines()) {
+      // Body and headers have tests of their own.
+      if (line.function.starts_with("handle_") || line.function == "create_client" || line.function == "reject" ||
+          line.function.starts_with("process_"))
+        said.push_back(std::to_string(line.level) + " " + line.text);
+    }
+    return said;
+  };
+  const Texts begin = {"5 IMSE_REG: IMSE_Registrar::handle_registrar_register_message"};
+  const auto then = [&begin](const Texts& more) {
+    Texts all = begin;
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+  };
+  EXPECT_EQ(traced(module()),
+            then({"5 IMSE_REG: IMSE_ClientFactory::create_client", "5 IMSE_REG: IMSE_Client::process_register 0    0 0",
+                  "5 IMSE_REG: process_register: Expires 3600 0",
+                  "5 IMSE_REG: process_register: Contact <sip:alice@127.0.0.1:6000> 0",
+                  "5 IMSE_REG: REGISTER message type 0", "5 IMSE_REG: IMSE_Registrar::process_int_client_new_register",
+                  "5 IMSE_REG: Added an entry for the internal client in routing table",
+                  "5 IMSE_REG: Successfully processed client. Adding to local client list "}));
+  EXPECT_EQ(traced(module()),
+            then({"5 IMSE_REG: handle_registrar_register_message: client object match found",
+                  "5 IMSE_REG: IMSE_Client::process_register 0 module-1 1 REGISTER sip:module@127.0.0.1 6000 3600",
+                  "5 IMSE_REG: process_register: Expires 3600 0",
+                  "5 IMSE_REG: process_register: Contact <sip:alice@127.0.0.1:6000> 0",
+                  "5 IMSE_REG: IMSE_Registrar::handle_existing_client_register 2",
+                  "5 IMSE_REG: IMSE_Registrar::handle_existing_client_retransmission"}));
+  EXPECT_EQ(traced({.content_type = ""}),
+            then({"5 IMSE_REG: IMSE_ClientFactory::create_client", "4 IMSE_REG: Content-Type absent ",
+                  "4 IMSE_REG: handle_registrar_register_message: object creation failed",
+                  "5 IMSE_REG: IMSE_Registrar::reject 400 "}));
 }
 
 TEST_F(RegistrarTest, ARefusedTableEntryIsAnswered400) {
@@ -209,6 +251,7 @@ TEST_F(RegistrarTest, TheWatcherHearsOfEveryoneInOrder) {
   const fake::Request& request = subscribe();
   EXPECT_EQ(request.status(), 200);
   EXPECT_TRUE(connector.closed(&request));
+  EXPECT_TRUE(log.has(5, "IMSE_REG: handle_registrar_subscribe_message 0"));
   EXPECT_TRUE(log.has(5, "IMSE_REG: setting subscriber"));
   EXPECT_EQ(status(bob()), 200);
   Register leaving = bob();

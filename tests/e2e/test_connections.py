@@ -35,6 +35,16 @@ class Listeners(ProxyCase):
                                               200, "OK"),
                      "Redirected response to Registrar")
 
+    def test_a_response_from_the_registrar_over_tcp_on_both_kinds_of_transport(self):
+        answer = sip.response(sip.Message(sip.request("NOTIFY", "sip:x", via="127.0.0.1:5060", transport="TCP",
+                                                      frm="<sip:registrar@127.0.0.1>", to="<sip:a@x>")), 200, "OK")
+        self.connect().send(answer)
+        self.proxy.wait_log("Redirected response to Registrar")
+        listener = self.tcp(5071)
+        self.register(5071)
+        self.accept(listener).send(answer)
+        self.proxy.wait_log("Redirected response to Registrar", count=2)
+
     def test_a_header_of_a_thousand_bytes_counts_as_absent(self):
         self.decided(lambda via: sip.request("REGISTER", "sip:127.0.0.1", via=via, frm="<sip:a@x>",
                                              to='"' + "x" * 1000 + '" <sip:a@127.0.0.1>'),

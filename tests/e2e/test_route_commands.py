@@ -68,6 +68,35 @@ class RouteCommands(ProxyCase):
         self.assertTrue(stream.closed())
         self.assertTrue(self.proxy.has("Deleted domain key=0"))
 
+    def test_update_route_of_the_port_alone_moves_the_connection_and_answers_byte_for_byte(self):
+        first, second = self.tcp(5060, "127.0.0.3"), self.tcp(5061, "127.0.0.3")
+        self.set_route("1", "127.0.0.3:TCP:5060")
+        old = self.accept(first)
+        self.assertEqual(self.command(sip.route_body("update-route", "1", "127.0.0.3:TCP:5061")).body,
+                         sip.route_answer("1"))
+        self.accept(second)
+        self.assertTrue(old.closed())
+
+    def test_delete_route_of_an_unknown_profile_is_acknowledged(self):
+        self.assertEqual(self.command(sip.route_body("delete-route", "77", "")).body, sip.route_answer("77"))
+        self.assertTrue(self.proxy.has("ERROR: Domain entry does not exist "))
+
+    def test_the_credentials_of_a_registered_profile_come_with_its_route(self):
+        profile_id = self.register(5071).get("Zel-Profile-ID")
+        self.set_route(profile_id, "127.0.0.3:UDP:5060")
+        self.assertTrue(self.proxy.has("username is alice@example.net, password is wonderland, op_mode is ietf-shared"))
+
+    def test_two_commands_in_one_segment_and_one_in_pieces(self):
+        stream = self.connect()
+        commands = [sip.route_command("127.0.0.1:5070", sip.route_body("set-route", str(n), "127.0.0.3:UDP:5060"), "TCP")
+                    for n in range(1, 4)]
+        stream.send(commands[0] + commands[1])
+        self.assertEqual(stream.receive().body, sip.route_answer("1"))
+        self.assertEqual(stream.receive().body, sip.route_answer("2"))
+        for at in range(0, len(commands[2]), 11):
+            stream.send(commands[2][at:at + 11])
+        self.assertEqual(stream.receive().body, sip.route_answer("3"))
+
     def test_unknown_action_is_acknowledged(self):
         answer = self.command(sip.route_body("paint-route", "9"))
         self.assertEqual((answer.status, answer.body), (200, sip.route_answer("9")))

@@ -51,6 +51,14 @@ class CommandLine(unittest.TestCase):
         self.assertRegex(done.stderr, r"config\.xml: line 3: .*t1-ms")
 
 
+    def test_check_config_names_a_transport_that_no_route_can_carry(self):
+        proxy = UeProxy(start=False, srctransport="t\ncp")
+        self.addCleanup(proxy.remove)
+        done = run("-t", "-c", proxy.config_dir)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("srctransport", done.stderr)
+
+
 class Running(unittest.TestCase):
     def start(self, **options):
         proxy = UeProxy(**options)
@@ -134,6 +142,71 @@ class Running(unittest.TestCase):
         taken.close()
         proxy.stop()
 
+    def test_dynport_with_another_value_or_sign(self):
+        proxy = self.start(program_options=["-dynport", "no"])
+        self.assertTrue(proxy.has("localport=5060"))
+        proxy.stop()
+        taken = sip.Udp(5060)
+        proxy = self.start(program_options=["+dynport", "yes"])
+        self.assertFalse(proxy.has("localport=5060"))
+        taken.close()
+        proxy.stop()
+
+    def test_with_dynport_the_network_side_floats_too_and_stands_in_via_and_contact(self):
+        taken = sip.Tcp(5060, "127.0.0.2")
+        proxy = self.start(program_options=["-dynport", "yes"])
+        ua, network = sip.Udp(5071), sip.Udp(5060, "127.0.0.3")
+        for data in (sip.register(5071, sip.ua_info(), via=ua.via),
+                     sip.route_command(ua.via, sip.route_body("set-route", "1", "127.0.0.3:UDP:5060"))):
+            ua.send(data)
+            self.assertEqual(ua.receive().status, 200)
+        ua.send(sip.request("OPTIONS", "sip:x@example.net", via=ua.via, frm="<sip:a@example.net>", to="<sip:x@example.net>",
+                            contact=f"<sip:a@{ua.via}>"))
+        seen = network.receive()
+        port = network.source[1]
+        self.assertGreater(port, 5060)
+        self.assertIn(f" 127.0.0.2:{port};", seen.get("Via"))
+        self.assertEqual(seen.get("Contact"), f"<sip:127.0.0.2:{port};mok=1>")
+        for peer in (ua, network, taken):
+            peer.close()
+        proxy.stop()
+
+    def test_a_taken_network_port_refuses_the_route_until_it_is_free(self):
+        taken = sip.Tcp(5060, "127.0.0.2")
+        proxy = self.start()
+        peer = sip.Udp()
+        for _ in range(2):
+            peer.send(sip.route_command(peer.via, sip.route_body("set-route", "1", "127.0.0.3:UDP:5060")))
+            self.assertEqual(peer.receive().status, 200)
+            self.assertEqual(proxy.log().count("dentry.pnotifier is NULL"), 1)
+            taken.close()
+        self.assertFalse(proxy.has("Domain already exists"))
+        peer.close()
+        proxy.stop()
+
+    def test_a_single_bad_setting_is_one_line_and_the_others_hold(self):
+        proxy = self.start(settings="<t1-ms>soon</t1-ms><max-connections>2</max-connections>")
+        self.assertEqual(len([line for line in proxy.lines() if line[0] <= 4 and "t1-ms" in line[2]]), 1)
+        kept = [sip.connect(), sip.connect()]
+        for stream in kept:
+            stream.send(b"\r\n\r\n")
+            self.assertEqual(stream.receive_raw(2), b"\r\n")
+        self.assertTrue(sip.connect().closed())
+        for stream in kept:
+            stream.send(b"\r\n\r\n")
+            self.assertEqual(stream.receive_raw(2), b"\r\n")
+            stream.close()
+        proxy.stop()
+
+    def test_a_second_process_in_the_same_run_directory_leaves_the_files_of_the_first(self):
+        proxy = self.start()
+        second = subprocess.run(proxy.command, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL, timeout=20)
+        self.assertEqual(second.returncode, 0)
+        self.assertEqual(sorted(os.listdir(proxy.run_dir)), ["ue-proxy.cap", "ue-proxy.pid", "ue-proxy.sock"])
+        with open(os.path.join(proxy.run_dir, "ue-proxy.pid"), encoding="ascii") as file:
+            self.assertEqual(file.read(), f"{proxy.pid}\n")
+        proxy.stop()
+
     def test_dynport_as_last_argument_is_ignored(self):
         proxy = self.start(program_options=["-dynport"])
         self.assertTrue(proxy.has("localport=5060"))
@@ -184,6 +257,7 @@ class Running(unittest.TestCase):
                 return False
         sip.wait_until(answered, 20)
         self.assertTrue([line for line in proxy.lines() if line[0] <= 4 and "/proc/none" in line[2]], proxy.log())
+        self.assertIn((4, "run", "Error Craeting External listen thread"), proxy.lines())
         proxy.stop()
 
     def test_control_channel_text_reaches_the_registrar(self):
@@ -191,11 +265,13 @@ class Running(unittest.TestCase):
         channel = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         channel.sendto(b"refresh", os.path.join(proxy.run_dir, "ue-proxy.sock"))
         proxy.wait_log("Calling handle_registrar_refresh_message(string&)")
+        channel.sendto(b"y" * 4096, os.path.join(proxy.run_dir, "ue-proxy.sock"))
+        proxy.wait_log("Calling handle_registrar_refresh_message(string&)", count=2)
         channel.sendto(b"x" * 5000, os.path.join(proxy.run_dir, "ue-proxy.sock"))
         channel.sendto(b"refresh again", os.path.join(proxy.run_dir, "ue-proxy.sock"))
-        proxy.wait_log("Calling handle_registrar_refresh_message(string&)", count=2)
+        proxy.wait_log("Calling handle_registrar_refresh_message(string&)", count=3)
         time.sleep(0.1)
-        self.assertEqual(proxy.log().count("Calling handle_registrar_refresh_message(string&)"), 2)
+        self.assertEqual(proxy.log().count("Calling handle_registrar_refresh_message(string&)"), 3)
         channel.close()
         proxy.stop()
 

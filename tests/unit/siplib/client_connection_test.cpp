@@ -244,7 +244,7 @@ TEST_F(ClientConnectionTest, AnswersThatAreNotOursAreDropped) {
   text.replace(text.find("1 MESSAGE"), 9, "1 OPTIONS");
   receive(text);
   text = good;
-  text.replace(text.find("z9hG4bK"), 8, "z9hG4bKx");
+  text.insert(text.find("z9hG4bK") + 7, "-");  // no branch of ours has one
   receive(text);
   text = good;
   text.erase(text.find("Call-ID"), text.find("CSeq") - text.find("Call-ID"));

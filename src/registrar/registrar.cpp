@@ -145,9 +145,7 @@ bool IMSE_Registrar::process_ext_client_new_register(IMSE_ExtClient* client) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: Domain list updated");
   }
   client->set_domain(domain);
-  ClientTable_Entry_T entry;
-  client->get_client_info(entry);
-  if (!routing_table_->addClient(entry)) {
+  if (!add_entry(*client)) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: External Client table entry addition failed. Reject client");
     client->reject(400);
     return false;
@@ -161,7 +159,7 @@ bool IMSE_Registrar::process_ext_client_new_register(IMSE_ExtClient* client) {
   }
   if (client->accept() != 0) {
     // The watcher is not told: the client leaves the domain without a word when it is deleted.
-    routing_table_->deleteClient(CT_UA_PORT, port_of(*client));
+    delete_entry(*client);
     IMS_log::loginfo(4, __func__, "IMSE_REG: Unable to send 200ok.  Removing external client from routing table");
     return false;
   }
@@ -170,16 +168,14 @@ bool IMSE_Registrar::process_ext_client_new_register(IMSE_ExtClient* client) {
 
 bool IMSE_Registrar::process_int_client_new_register(IMSE_Client* client) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Registrar::process_int_client_new_register");
-  ClientTable_Entry_T entry;
-  client->get_client_info(entry);
-  if (!routing_table_->addClient(entry)) {
+  if (!add_entry(*client)) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: Internal client table entry addition failed");
     client->reject(400);
     return false;
   }
   IMS_log::loginfo(5, __func__, "IMSE_REG: Added an entry for the internal client in routing table");
   if (client->accept() != 0) {
-    routing_table_->deleteClient(CT_UA_PORT, port_of(*client));
+    delete_entry(*client);
     IMS_log::loginfo(4, __func__, "IMSE_REG: Unable to send 200ok. Internal Client entry deleted from routing table");
     return false;
   }
@@ -250,8 +246,21 @@ bool IMSE_Registrar::must_authenticate(const IMSE_Client& client) const {
   return client.is_external() == 1 ? ext_clients_authenticate_ : int_clients_authenticate_;
 }
 
-std::string IMSE_Registrar::port_of(const IMSE_Client& client) const {
-  return std::to_string(client.get_port());
+bool IMSE_Registrar::add_entry(IMSE_Client& client) {
+  if (entries_ >= kMaxEntries) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: %d entries are in the routing table, no further one is taken",
+                     static_cast<int>(entries_));
+    return false;
+  }
+  ClientTable_Entry_T entry;
+  client.get_client_info(entry);
+  if (!routing_table_->addClient(entry)) return false;
+  ++entries_;
+  return true;
+}
+
+void IMSE_Registrar::delete_entry(const IMSE_Client& client) {
+  if (routing_table_->deleteClient(CT_UA_PORT, std::to_string(client.get_port())) && entries_ > 0) --entries_;
 }
 
 std::unique_ptr<IMSE_Client> IMSE_Registrar::take_out(const IMSE_Client* client) {

@@ -30,6 +30,9 @@ class IMSE_Registrar {
   /// A terminal has a handful of user agents; ports alone would allow 65,535, each with a body of 64 KiB. A further one
   /// is answered 400.
   static constexpr std::size_t kMaxClients = 256;
+  /// Entries in the routing table: a user agent that moves to another port leaves the one of its old port behind. A
+  /// further one is answered 400.
+  static constexpr std::size_t kMaxEntries = 1024;
   /// Network profiles stay known once named. A further one is answered 400.
   static constexpr std::size_t kMaxDomains = 64;
 
@@ -68,7 +71,9 @@ class IMSE_Registrar {
   /// Answers a request that no client holds.
   static void reject(SIPLIB_SIPServerConnection* request, int status);
   bool must_authenticate(const IMSE_Client& client) const;
-  std::string port_of(const IMSE_Client& client) const;
+  // The client's entry in the routing table.
+  bool add_entry(IMSE_Client& client);
+  void delete_entry(const IMSE_Client& client);
   void handle_new_client_register(SIPLIB_SIPServerConnection* request, std::unique_ptr<IMSE_Client> client);
   /// The admission by the client's kind. Answers the request, whatever comes out.
   bool admit(IMSE_Client* client);
@@ -99,6 +104,7 @@ class IMSE_Registrar {
   SIPLIB_SIPClientConnectionListener* listener_;
   std::string local_name_;  ///< what subscribers are told; nothing sets it
   IMS_Proxy_RoutingTable_Intf* routing_table_;
+  std::size_t entries_ = 0;  ///< of ours in the routing table
   bool int_clients_authenticate_ = false;
   bool ext_clients_authenticate_ = false;
 

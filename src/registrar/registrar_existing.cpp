@@ -6,7 +6,6 @@
 #include "registrar/ext_client.h"
 #include "registrar/reg_subscriber.h"
 #include "registrar/registrar.h"
-#include "routing/routing_table_intf.h"
 #include "siplib/transaction.h"
 
 bool IMSE_Registrar::handle_existing_client_register(SIPLIB_SIPServerConnection* request, IMSE_Client* client) {
@@ -45,11 +44,9 @@ bool IMSE_Registrar::handle_existing_client_registration(IMSE_Client* client) {
       return false;
     }
     IMS_log::loginfo(5, __func__, "IMSE_REG: removing the prev client from proxy");
-    routing_table_->deleteClient(CT_UA_PORT, port_of(*previous));
+    delete_entry(*previous);
     take_out(previous);
-    ClientTable_Entry_T entry;
-    client->get_client_info(entry);
-    routing_table_->addClient(entry);
+    add_entry(*client);
     client->accept();  // answered already: this one sends nothing
     client->set_prev_client(nullptr);
     return true;
@@ -167,7 +164,7 @@ bool IMSE_Registrar::handle_existing_client_deregistration(IMSE_Client* client) 
     return true;
   }
   const bool accepted = client->accept() == 0;
-  routing_table_->deleteClient(CT_UA_PORT, port_of(*client));
+  delete_entry(*client);
   if (client->is_external() == 1) {
     auto* const external = static_cast<IMSE_ExtClient*>(client);
     if (external->get_domain() == nullptr) {

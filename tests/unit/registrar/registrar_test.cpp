@@ -395,6 +395,24 @@ TEST_F(RegistrarTest, TakesNoMoreClientsThanItsLimit) {
   EXPECT_EQ(status(module()), 200);
 }
 
+TEST_F(RegistrarTest, WhoMovesFromPortToPortDoesNotFillTheRoutingTableWithoutEnd) {
+  int port = 10000;
+  int left_behind = 0;
+  while (left_behind < 2000 && status({.port = port}) == 200) {
+    ASSERT_EQ(status({.port = port + 1, .call_id = "moved"}), 200);
+    ASSERT_EQ(status({.port = port + 1, .call_id = "moved", .cseq = 2, .expires = "0"}), 200);
+    port += 2;
+    ++left_behind;
+  }
+  EXPECT_EQ(left_behind, static_cast<int>(IMSE_Registrar::kMaxEntries));
+  EXPECT_EQ(table.entries.size(), IMSE_Registrar::kMaxEntries);
+  LogCapture log(4);
+  EXPECT_EQ(status(module()), 400);
+  EXPECT_EQ(log.texts(), (Texts{"IMSE_REG: 1024 entries are in the routing table, no further one is taken",
+                                "IMSE_REG: Internal client table entry addition failed",
+                                "IMSE_REG: Client processing failed. Deleting the client object"}));
+}
+
 TEST_F(RegistrarTest, KnowsNoMoreProfilesThanItsLimit) {
   for (std::size_t i = 0; i < IMSE_Registrar::kMaxDomains; ++i) {
     Register one = bob(10000 + static_cast<int>(i));

@@ -13,6 +13,7 @@ Command registerOptions(const std::string& name, const std::string& summary) {
                            summary,
                            {{"--port", "PORT", "the user agent's port on 127.0.0.1", ""},
                             {"--user", "NAME", "its local user: From is sip:NAME@127.0.0.1", "anonymous"},
+                            {"--from", "URI", "its whole From instead of --user", ""},
                             {"--profile-name", "NAME", "network profile (external user agent)", ""},
                             {"--aor", "URI", "address of record; may be repeated", ""},
                             {"--feature-tag", "TAG", "feature tag of every --aor; may be repeated", ""},
@@ -74,7 +75,8 @@ int sendRegister(const Arguments& arguments, const std::string& expires) {
   Session session;
   if (!session.open(error)) return fault(error);
   const long sequence = tick();
-  const std::string from = "<sip:" + arguments.get("--user") + "@127.0.0.1>";
+  const std::string from =
+      arguments.has("--from") ? "<" + arguments.get("--from") + ">" : "<sip:" + arguments.get("--user") + "@127.0.0.1>";
   const std::string port_text = std::to_string(port);
   Request request{.method = "REGISTER",
                   .uri = "sip:127.0.0.1",

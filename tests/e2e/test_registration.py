@@ -79,6 +79,74 @@ class Registration(ProxyCase):
         self.proxy.wait_log("ERROR: Can't route OPTIONS request")
 
 
+class KnownParties(ProxyCase):
+    def test_a_new_call_id_replaces_an_external_user_agent_that_still_matches(self):
+        self.register(5071, sip.ua_info(tags=["t"]))
+        answer = self.register(5071, sip.ua_info(tags=["t"]), call_id="new@127.0.0.1", expires=100)
+        self.assertEqual((answer.get("Expires"), answer.get("Zel-Profile-ID")), ("100", "1"))
+        self.register(5071, sip.ua_info(tags=["t"]), call_id="new@127.0.0.1", cseq=2, expires=0)
+
+    def test_a_new_call_id_that_no_longer_matches_is_refused_403(self):
+        self.register(5071, sip.ua_info(tags=["t"]))
+        self.register(5071, sip.ua_info(aor="other@example.net", tags=["u"]), call_id="new@127.0.0.1", expect=403)
+
+    def test_a_modules_new_call_id_is_refused_403_and_a_module_on_an_externals_port_400(self):
+        self.register(5072, sip.MODULE_INFO.format(packages="p"), user="module")
+        self.register(5072, sip.MODULE_INFO.format(packages="p"), user="module", call_id="new@127.0.0.1", expect=403)
+        self.register(5071)
+        self.register(5071, sip.MODULE_INFO.format(packages="p"), call_id="newer@127.0.0.1", expect=400)
+
+    def test_who_moves_to_another_port_is_known_by_its_from_but_anonymous_parties_are_not(self):
+        self.register(5071, sip.ua_info(tags=["t"]))
+        self.register(5081, sip.ua_info(tags=["t"]), call_id="moved@127.0.0.1")
+        self.register(5091, sip.ua_info("work", "x@example.net"), user="anonymous")
+        self.register(5092, sip.ua_info("work", "y@example.net", tags=["y"]), user="anonymous")
+        self.assertTrue(self.proxy.has("IMSE_REG: is_match: anonymous user match failed"))
+
+    def test_a_refresh_carries_the_new_expiry_and_the_profile(self):
+        self.register(5071)
+        answer = self.register(5071, cseq=2, expires=77)
+        self.assertEqual((answer.get("Expires"), answer.get("Zel-Profile-ID")), ("77", "1"))
+
+    def test_requests_out_of_order_or_of_another_party_are_answered_400(self):
+        self.register(5071, cseq=5)
+        self.register(5071, cseq=4, expect=400)
+        self.register(5071, cseq=6, user="mallory", expect=400)
+        self.register(5071, cseq=6, expires=0)
+
+    def test_other_content_types_and_encodings_are_answered_400(self):
+        for change in (lambda data: data.replace(b"application/xml", b"application/xml;charset=utf-8"),
+                       lambda data: data.replace(b"application/xml", b"text/plain"),
+                       lambda data: data.replace(b'encoding="UTF-8"', b'encoding="UTF-7"'),
+                       lambda data: data.replace(b'encoding="UTF-8"', b'encoding="UTF-16"'),
+                       lambda data: data.replace(b"CSeq: 1 ", b"CSeq: 99999999999999999999 ")):
+            peer = self.udp()
+            peer.send(change(sip.register(5071, sip.ua_info(), via=peer.via)))
+            self.assertEqual(peer.receive().status, 400)
+        self.register(5071)
+
+    def test_a_wrong_content_length_is_no_message(self):
+        peer = self.udp()
+        peer.send(sip.register(5071, sip.ua_info(), via=peer.via).replace(b"Content-Length: ", b"Content-Length: 9"))
+        self.assertTrue(peer.nothing())
+        self.register(5071)
+
+
+class Many(ProxyCase):
+    options = {"level": 4}
+
+    def test_clients_and_profiles_are_bounded_and_those_there_stay(self):
+        for number in range(64):
+            self.register(6000 + number, sip.ua_info(f"profile{number}", f"u{number}@example.net"), user=f"u{number}")
+        self.register(6064, sip.ua_info("profile64", "u64@example.net"), user="u64", expect=400)
+        for number in range(64, 256):
+            self.register(6000 + number, sip.ua_info("profile1", f"u{number}@example.net", tags=[f"t{number}"]),
+                          user=f"u{number}")
+        self.register(6300, sip.ua_info("profile1", "u300@example.net", tags=["t300"]), user="u300", expect=400)
+        self.register(6000, sip.ua_info("profile0", "u0@example.net"), user="u0", cseq=2, expires=0)
+        self.register(6300, sip.ua_info("profile1", "u300@example.net", tags=["t300"]), user="u300", call_id="again")
+
+
 class NetworkSide(ProxyCase):
     def test_a_register_for_the_loopback_address_from_the_network_side_is_refused_403(self):
         self.set_route("1", "127.0.0.3:UDP:5060")

@@ -158,6 +158,52 @@ class Watching(ProxyCase):
         self.assertIn(b"CREATE", create.body)
         self.assertIn(b"UPDATE", again.notified().body)
 
+    def test_a_restarted_watcher_is_refused_until_the_old_subscription_has_ended(self):
+        self.started()
+        again = Watcher(self.udp())
+        again.subscribe()
+        self.assertEqual(again.answered().status, 400)
+        self.register(5071)  # told to the old one, which never answers
+
+        def accepted():
+            again.call_id, again.cseq, again.to = sip.unique("w"), 0, "<sip:registrar@127.0.0.1>"
+            again.subscribe()
+            return again.answered().status == 200
+        sip.wait_until(accepted, 20, "the new subscription")
+        self.assertEqual(again.notified().body, b"")
+        self.assertIn(b"CREATE", again.notified().body)
+
+    def test_a_provisional_answer_is_followed_by_the_final_one(self):
+        self.started()
+        self.register(5071)
+        create = self.watcher.notified(status=183, reason="Progress")
+        self.register(5072, sip.ua_info(aor="bob@example.net"), user="bob")
+        self.watcher.peer.send(sip.response(create, 200, "OK"))
+        self.assertIn(b"UPDATE", self.watcher.notified().body)
+
+    def test_a_module_is_not_told(self):
+        self.started()
+        self.register(5072, sip.MODULE_INFO.format(packages="p"), user="module")
+        self.register(5072, sip.MODULE_INFO.format(packages="p"), user="module", cseq=2, expires=0)
+        self.assertTrue(self.watcher.peer.nothing())
+
+    def test_ten_user_agents_while_the_watcher_is_slow(self):
+        self.started()
+        for number in range(10):
+            self.register(5071 + number, sip.ua_info(aor=f"u{number}@example.net", tags=[f"t{number}"]), user=f"u{number}")
+        for number in range(0, 10, 2):
+            self.register(5071 + number, sip.ua_info(), user=f"u{number}", cseq=2, expires=0)
+        told = []
+        while len(told) < 15:
+            notify = self.watcher.notified(status=0)
+            time.sleep(0.02)
+            self.watcher.peer.send(sip.response(notify, 200, "OK"))
+            if notify.get("CSeq") not in [cseq for cseq, _ in told]:
+                told.append((notify.get("CSeq"), notify.body))
+        expected = [f"<id>{n}</id>" for n in (*range(1, 11), *range(1, 11, 2))]
+        for (_, body), text in zip(told, expected):
+            self.assertIn(text.encode(), body)
+
     def test_a_large_document_goes_over_tcp_when_the_watcher_takes_it(self):
         listener = self.tcp(self.watcher.peer.port)
         self.started()
@@ -258,6 +304,33 @@ class Lossy(ProxyCase):
             answers.add(self.answer_of(peer, call_id))
             self.assertEqual(len(answers), 1, f"seed {seed}, request {number}")
             self.assertEqual(sip.Message(answers.pop()).status, expected)
+
+    def test_an_accepted_subscription_and_its_notifies_survive_the_loss(self):
+        seed = 4712
+        chance = random.Random(seed)
+        watcher = Watcher(self.udp())
+        peer = watcher.peer
+        subscribe = watcher.subscribe(branch="z9hG4bKlossy")
+        answers, bodies = set(), {}
+        self.register(5071)
+        end = time.monotonic() + 20
+        while time.monotonic() < end and not any(b"CREATE" in body for body in bodies.values()):
+            try:
+                message = peer.receive(0.05)
+            except TimeoutError:
+                if not answers and chance.random() > 0.3:
+                    peer.send(subscribe)
+                continue
+            if chance.random() < 0.3:
+                continue  # lost on its way here
+            if message.status:
+                answers.add(message.raw)
+                continue
+            bodies[message.get("CSeq")] = message.body
+            for _ in range(chance.choice((0, 1, 1, 2))):  # lost, sent, doubled on its way there
+                peer.send(sip.response(message, 200, "OK"))
+        self.assertEqual(len(answers), 1, f"seed {seed}")
+        self.assertTrue(any(b"CREATE" in body for body in bodies.values()), f"seed {seed}")
 
     def answer_of(self, peer, call_id):
         while True:

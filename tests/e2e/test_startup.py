@@ -239,6 +239,8 @@ class Running(unittest.TestCase):
 
     def test_sigint_stops_it_like_sigterm(self):
         proxy = self.start()
+        proxy.wait_log("Successfully Added Client key=0")
+        time.sleep(0.1)
         proxy.process.send_signal(signal.SIGINT)
         self.assertEqual(proxy.process.wait(20), 0)
         proxy.stop()

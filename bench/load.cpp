@@ -7,6 +7,7 @@
 //
 // With --first-answer it starts a server itself and tells how long that took to answer its first request.
 
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -428,6 +429,9 @@ void firstAnswer(const Options& options, char** command) {
       CPU_SET(static_cast<std::size_t>(options.cpu), &set);
       ::sched_setaffinity(0, sizeof set, &set);
     }
+    const int nowhere = ::open("/dev/null", O_WRONLY);
+    ::dup2(nowhere, STDOUT_FILENO);
+    ::dup2(nowhere, STDERR_FILENO);
     ::execvp(command[0], command);
     ::_exit(127);
   }

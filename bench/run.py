@@ -345,7 +345,7 @@ class Bench:
             try:
                 with on_cpu(LOAD_CPU):
                     done = subprocess.run([self.load_binary, "--first-answer", request.name, "--cpu", str(SERVER_CPU), "--",
-                                           *command], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                                           *command], stdout=subprocess.PIPE, text=True)
             finally:
                 clean_up()
         if done.returncode != 0:

@@ -16,8 +16,10 @@ bool isSchemeChar(char c) {
 }
 
 // What a URI's text cannot hold anywhere.
+constexpr std::array<bool, 256> kEndsUri = siplib::characterTable(
+    [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == 0x7f || c == '<' || c == '>' || c == '"'; });
 bool endsUri(char c) {
-  return static_cast<unsigned char>(c) <= ' ' || c == 0x7f || c == '<' || c == '>' || c == '"';
+  return kEndsUri[static_cast<unsigned char>(c)];
 }
 
 }  // namespace

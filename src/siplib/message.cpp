@@ -182,7 +182,7 @@ std::string_view SIPLIB_message::parse(std::string_view text) {
     entry->size = static_cast<std::uint32_t>(line.text.size());
     entry->name_size = static_cast<std::uint32_t>(line.name.size());
     entry->id = line.id;
-    place(*entry);
+    takeValue(*entry, line.value, line.folded);
   }
   if (!reader.fault().empty()) return reader.fault();
 
@@ -221,18 +221,18 @@ std::string_view SIPLIB_message::parseStartLine(std::string_view line) {
 // Finds the value in the line's text.
 void SIPLIB_message::place(Line& line) {
   const std::string_view all(line.text, line.size - kCrLf.size());
-  const std::string_view raw = siplib::trim(all.substr(all.find(':', line.name_size) + 1));
-  line.raw_begin = static_cast<std::uint32_t>(raw.data() - line.text);
-  line.raw_end = line.raw_begin + static_cast<std::uint32_t>(raw.size());
-  readValue(line);
+  const std::string_view value = all.substr(all.find(':', line.name_size) + 1);
+  takeValue(line, value, value.find('\r') != std::string_view::npos);
 }
 
-// Makes `value` follow the text: in place, or as an unfolded copy.
-void SIPLIB_message::readValue(Line& line) {
-  const std::string_view raw = line.raw();
+// Makes `value`, all behind the colon, what is read: in place, or unfolded in a copy.
+void SIPLIB_message::takeValue(Line& line, std::string_view value, bool folded) {
+  const std::string_view raw = siplib::trim(value);
+  line.raw_begin = static_cast<std::uint32_t>(raw.data() - line.text);
+  line.raw_end = line.raw_begin + static_cast<std::uint32_t>(raw.size());
   line.value = raw.data();
   line.value_size = static_cast<std::uint32_t>(raw.size());
-  if (raw.find('\r') == std::string_view::npos) return;
+  if (!folded || raw.find('\r') == std::string_view::npos) return;
   char* const copy = room(raw.size());
   char* to = copy;
   for (std::size_t i = 0; i < raw.size();) {

@@ -119,7 +119,7 @@ class SIPLIB_message {
   void erase(Line* line);
   void rewrite(Line& line, std::size_t begin, std::size_t end, std::string_view value);
   void place(Line& line);
-  void readValue(Line& line);
+  void takeValue(Line& line, std::string_view value, bool folded);
 
   bool valid_ = false;
   bool is_request_ = false;

@@ -29,9 +29,20 @@ constexpr char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
 }
 
+/// Which of the 256 characters a predicate holds for: one load where it would be a chain of comparisons.
+template <class Predicate>
+constexpr std::array<bool, 256> characterTable(Predicate predicate) {
+  std::array<bool, 256> table{};
+  for (std::size_t i = 0; i < table.size(); ++i) table[i] = predicate(static_cast<char>(i));
+  return table;
+}
+
+inline constexpr std::array<bool, 256> kTokenChars = characterTable([](char c) {
+  return isAlpha(c) || isDigit(c) || (c != '\0' && std::string_view("-.!%*_+`'~").find(c) != std::string_view::npos);
+});
 /// One character of a token.
 constexpr bool isTokenChar(char c) {
-  return isAlpha(c) || isDigit(c) || (c != '\0' && std::string_view("-.!%*_+`'~").find(c) != std::string_view::npos);
+  return kTokenChars[static_cast<unsigned char>(c)];
 }
 /// A token of at least one character.
 bool isToken(std::string_view text);

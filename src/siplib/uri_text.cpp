@@ -8,8 +8,11 @@ namespace siplib {
 namespace {
 
 // RFC 3261 25.1 gives a hostname letters, digits, "-" and "."; "_" and bytes above ASCII are seen in the field.
-bool isHostChar(char c) {
+constexpr std::array<bool, 256> kHostChars = characterTable([](char c) {
   return isAlpha(c) || isDigit(c) || c == '-' || c == '.' || c == '_' || static_cast<unsigned char>(c) >= 0x80;
+});
+bool isHostChar(char c) {
+  return kHostChars[static_cast<unsigned char>(c)];
 }
 
 bool isAddressChar(char c) {

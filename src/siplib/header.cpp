@@ -52,6 +52,8 @@ bool SIPLIB_SIPHeader::findMain() {
     return end > 0 && (after == text.size() || (after > end && text[after] != '='));
   }
   main_end_ = std::min(siplib::findOutside(text, ';'), text.size());
+  // A parameter added behind something open would be part of it; without a main value removing could leave nothing.
+  if (main_end_ == 0 || (main_end_ == text.size() && !siplib::bracketsBalanced(text))) return false;
   return shape_ != Shape::Via || findSentBy();
 }
 
@@ -217,16 +219,17 @@ bool SIPLIB_SIPHeader::removeParameter(std::string_view name) {
   Parameter parameter;
   if (!find(name, parameter)) return false;
   Range range = parameter.all;
-  // Goes with the separator before it; the first of an authentication value with the one behind it.
+  // Goes with the separator before it; the first of an authentication value with all up to the next parameter: a piece
+  // without name cannot follow the scheme.
   const std::string_view text = text_;
   std::size_t before = range.begin;
   while (before > main_end_ && siplib::isLws(text[before - 1])) --before;
   if (before > main_end_) {
     range.begin = before - 1;
-  } else if (const std::size_t after = siplib::skipLws(text, range.end); after < text.size()) {
-    range.end = siplib::skipLws(text, after + 1);
+  } else if (std::size_t position = range.end; next(position, parameter)) {
+    range.end = parameter.all.begin;
   } else {
-    range.begin = main_end_;
+    range = {main_end_, text.size()};
   }
   replace(range, {});
   return true;

@@ -15,9 +15,9 @@
 /// Not thread-safe; made, used and deleted by one thread. The caller owns it.
 class SIPLIB_SIPHeader {
  public:
-  /// Null when `value` is empty, does not have the shape that the name asks for (a Via without sent-by, an
-  /// authentication value without scheme, an unbalanced quote), holds CR, LF or NUL, or has more parameters than the
-  /// limit. `name` may be the compact form; surrounding white space of `value` is left out.
+  /// Null when `value` is empty, does not have the shape that the name asks for (parameters only, a Via without
+  /// sent-by, an authentication value without scheme, a quote or bracket left open), holds CR, LF or NUL, or has more
+  /// parameters than the limit. `name` may be the compact form; surrounding white space of `value` is left out.
   static SIPLIB_SIPHeader* createSIPHeaderObject(std::string_view name, std::string_view value);
   ~SIPLIB_SIPHeader();
   SIPLIB_SIPHeader(const SIPLIB_SIPHeader&) = delete;

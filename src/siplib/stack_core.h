@@ -117,7 +117,8 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
  private:
   void closeIdle();
   void refuse(const SIPLIB_message& request, Path& path) const;
-  void write(int level, const char* where, std::uint64_t left_out, const char* format, va_list arguments) const;
+  void write(int level, const char* where, std::uint64_t left_out, const char* format, va_list arguments) const
+      __attribute__((format(printf, 5, 0)));
 
   const SIPLIB_SIPStackConfig config_;
   std::atomic<bool> down_{false};

@@ -7,7 +7,7 @@ namespace siplib {
 namespace {
 
 // Position of the first `wanted` outside of quotes (and brackets, if they count), or npos. `closed` tells whether
-// every quote up to there was closed.
+// every quote and bracket up to there was closed.
 std::size_t scan(std::string_view text, char wanted, std::size_t from, bool brackets, bool& closed) {
   closed = true;
   while (from < text.size()) {
@@ -21,7 +21,10 @@ std::size_t scan(std::string_view text, char wanted, std::size_t from, bool brac
       }
     } else if (c == '<' && brackets) {
       from = text.find('>', from);
-      if (from == std::string_view::npos) return from;
+      if (from == std::string_view::npos) {
+        closed = false;
+        return from;
+      }
       ++from;
     } else {
       ++from;
@@ -94,6 +97,12 @@ bool quotesBalanced(std::string_view text) {
   if (text.find('"') == std::string_view::npos) return true;
   bool closed = true;
   scan(text, '\0', 0, false, closed);
+  return closed;
+}
+
+bool bracketsBalanced(std::string_view text) {
+  bool closed = true;
+  scan(text, '\0', 0, true, closed);
   return closed;
 }
 

@@ -81,6 +81,8 @@ std::size_t findOutside(std::string_view text, char wanted, std::size_t from = 0
 
 /// False when a quoted string is left open.
 bool quotesBalanced(std::string_view text);
+/// False when a bracket, or a quoted string outside of brackets, is left open.
+bool bracketsBalanced(std::string_view text);
 
 /// How a header's value divides into several.
 enum class List : std::uint8_t {

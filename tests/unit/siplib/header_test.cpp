@@ -184,6 +184,15 @@ TEST(GenericHeader, ParametersInsideAUriAreTheUris) {
   EXPECT_FALSE(contact->setParameter("expires", "1, <sip:evil>")) << "a list's comma would begin another value";
 }
 
+TEST(GenericHeader, NothingIsMadeOfWhatIsLeftOpenOrHasNoMainValue) {
+  // The bracket ends within the quotes, so what looks closed is not; a parameter added would be part of it.
+  for (const char* value : {"<sip:a@b", "\"A\" <sip:a@b;x=\"<c>\";q=1", "a <", "<a> \"b"}) {
+    EXPECT_FALSE(make("Contact", value)) << value;
+  }
+  EXPECT_TRUE(make("Contact", "<sip:a@b>;x=<"));
+  EXPECT_FALSE(make("Event", ";id=1")) << "removing the parameter would leave nothing";
+}
+
 TEST(GenericHeader, OfSeveralOfANameTheFirstCounts) {
   const auto header = make("X-Any", "v;a=1;a=2");
   EXPECT_EQ(get(*header, "a"), "1");
@@ -257,6 +266,15 @@ TEST(AuthenticationHeader, RemovesFromEitherEnd) {
   EXPECT_EQ(header->mainValue(), "Digest");
   ASSERT_TRUE(header->setParameter("d", "4"));
   EXPECT_EQ(get(*header, "d"), "4");
+}
+
+TEST(AuthenticationHeader, APieceWithoutNameNeverFollowsTheScheme) {
+  const auto header = make("Authorization", "Digest a=1, = x, b=2, =y");
+  ASSERT_TRUE(header);
+  ASSERT_TRUE(header->removeParameter("a"));
+  EXPECT_EQ(whole(*header), "Digest b=2, =y");
+  ASSERT_TRUE(header->removeParameter("b"));
+  EXPECT_EQ(whole(*header), "Digest");
 }
 
 TEST(AuthenticationHeader, ASchemeAloneIsEnoughAndNeeded) {

@@ -23,7 +23,15 @@ endif()
 target_include_directories(ue_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
 target_compile_definitions(ue_options INTERFACE UE_PROXY_VERSION="${PROJECT_VERSION}")
 
-if(UE_PROXY_SANITIZE)
+if(UE_PROXY_FUZZ)
+  # Every library is watched by libFuzzer; the targets of tests/fuzz link its main.
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    message(FATAL_ERROR "UE_PROXY_FUZZ needs clang++ (preset fuzz)")
+  endif()
+  target_compile_options(ue_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(ue_options INTERFACE -fsanitize=address,undefined)
+elseif(UE_PROXY_SANITIZE)
   target_compile_options(ue_options INTERFACE -fsanitize=${UE_PROXY_SANITIZE} -fno-omit-frame-pointer
     -fno-sanitize-recover=all)
   if(UE_PROXY_SANITIZE MATCHES thread)

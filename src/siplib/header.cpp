@@ -28,14 +28,19 @@ bool isOneOf(std::string_view name, const std::array<std::string_view, Size>& na
 
 SIPLIB_SIPHeader* SIPLIB_SIPHeader::createSIPHeaderObject(std::string_view name, std::string_view value) {
   value = siplib::trim(value);
-  if (value.empty() || siplib::breaksLine(value) || !siplib::quotesBalanced(value)) return nullptr;
+  if (value.empty() || siplib::breaksLine(value)) return nullptr;
   const siplib::HeaderId id = siplib::headerId(name);
   Shape shape = Shape::Parameters;
   if (id != siplib::kUnknownHeader && id == siplib::headerId("Via")) shape = Shape::Via;
   if (isOneOf(name, kAuthentication)) shape = Shape::Authentication;
   std::unique_ptr<SIPLIB_SIPHeader> header(
       new SIPLIB_SIPHeader(shape, siplib::headerList(id) != siplib::List::No, value));
-  if (!header->findMain() || header->count() > siplib::limits().max_parameters) return nullptr;
+  if (!header->findMain()) return nullptr;
+  // Each for itself: a quote within brackets and one in a parameter are no pair.
+  const std::string_view text = header->text_;
+  if (!siplib::quotesBalanced(text.substr(0, header->main_end_)) ||
+      !siplib::quotesBalanced(text.substr(header->main_end_)) || header->count() > siplib::limits().max_parameters)
+    return nullptr;
   return header.release();
 }
 

@@ -186,7 +186,7 @@ TEST(GenericHeader, ParametersInsideAUriAreTheUris) {
 
 TEST(GenericHeader, NothingIsMadeOfWhatIsLeftOpenOrHasNoMainValue) {
   // The bracket ends within the quotes, so what looks closed is not; a parameter added would be part of it.
-  for (const char* value : {"<sip:a@b", "\"A\" <sip:a@b;x=\"<c>\";q=1", "a <", "<a> \"b"}) {
+  for (const char* value : {"<sip:a@b", "\"A\" <sip:a@b;x=\"<c>\";q=1", "a <", "<a> \"b", "<a\">;x=<b>\";q=1"}) {
     EXPECT_FALSE(make("Contact", value)) << value;
   }
   EXPECT_TRUE(make("Contact", "<sip:a@b>;x=<"));

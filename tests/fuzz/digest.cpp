@@ -17,6 +17,7 @@
 #include "input.h"
 #include "routing/routing_table_impl.h"
 #include "siplib/header.h"
+#include "siplib/limits.h"
 #include "siplib/text.h"
 #include "support/fake_siplib.h"
 
@@ -31,10 +32,13 @@ bool isHexadecimal(const std::string& text) {
 
 /// A header of the request as it leaves. Those that the client wrote itself may be anything.
 void check(const char* name, const std::string& value, const std::vector<std::string>& of_client) {
-  PROMISE(value.find(kPassword) == std::string::npos || value == "");
+  PROMISE(value.find(kPassword) == std::string::npos);
   if (std::find(of_client.begin(), of_client.end(), value) != of_client.end()) return;
   const std::unique_ptr<SIPLIB_SIPHeader> header(SIPLIB_SIPHeader::createSIPHeaderObject(name, value));
   PROMISE(header != nullptr);
+  // A challenge with as many parameters as a header may have leaves no room for more.
+  if (static_cast<std::size_t>(std::count(value.begin(), value.end(), ',')) + 16 > siplib::limits().max_parameters)
+    return;
   std::string text;
   PROMISE(header->getParameter("username", text) == 0 && text == "\"alice@home.net\"");
   PROMISE(header->getParameter("response", text) == 0 && text.size() == 34 && isHexadecimal(text.substr(1, 32)));
@@ -43,6 +47,8 @@ void check(const char* name, const std::string& value, const std::vector<std::st
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // The fuzzer guesses what is compared with.
+  if (fuzz::view(data, size).find(kPassword) != std::string_view::npos) return 0;
   fuzz::logEverything();
   FakeConnector connector;
   IMS_User_Agent::ua_connector = &connector;
@@ -80,7 +86,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       std::vector<std::string> of_client;
       for (const char* name : {"Authorization", "Proxy-Authorization"})
         for (const std::string_view value : request->headers(name)) of_client.emplace_back(value);
-      if (argument.find(kPassword) != std::string::npos) continue;
       auth.update_auth_info_for_request(&connection, domain, "0");
       const std::string text = connection.current();
       SIPLIB_message sent(text.data(), text.size());

@@ -411,6 +411,19 @@ class Load {
   std::vector<float> latencies_;
 };
 
+/// Ends the process group. A server that is told to end while it still starts may wait for ever.
+void end(pid_t child) {
+  ::kill(-child, SIGTERM);
+  for (int tenth = 0; tenth < 30; ++tenth) {
+    if (::waitpid(child, nullptr, WNOHANG) == child) break;
+    ::usleep(100000);
+  }
+  ::kill(-child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  // Its port is free when the last of the group is gone.
+  for (int tenth = 0; tenth < 30 && ::kill(-child, 0) == 0; ++tenth) ::usleep(100000);
+}
+
 /// Starts the server and sends it the request until it answers; prints the milliseconds from before the fork.
 void firstAnswer(const Options& options, char** command) {
   std::ifstream file(options.first_answer, std::ios::binary);
@@ -423,6 +436,7 @@ void firstAnswer(const Options& options, char** command) {
   const pid_t child = ::fork();
   if (child < 0) bench::fail("fork");
   if (child == 0) {
+    ::setpgid(0, 0);
     if (options.cpu >= 0) {
       cpu_set_t set;
       CPU_ZERO(&set);
@@ -445,8 +459,7 @@ void firstAnswer(const Options& options, char** command) {
     answered = ::recv(socket, answer, sizeof answer, MSG_DONTWAIT) > 0;
   }
   elapsed = now() - begin;
-  ::kill(child, SIGTERM);
-  ::waitpid(child, nullptr, 0);
+  end(child);
   if (!answered) wrong("the server never answered", {});
   std::printf("{\"first_answer_ms\": %.3f}\n", elapsed * 1e3);
 }

@@ -15,7 +15,6 @@ import re
 import resource
 import shutil
 import signal
-import statistics
 import struct
 import subprocess
 import sys
@@ -361,8 +360,13 @@ def progress(text):
           flush=True)
 
 
-def run(bench, repetitions, quick):
-    results = {"cases": {}, "counts": {}, "directions": {}, "connections": {}, "clients": {}}
+def run(bench, results, repetitions, quick):
+    results.update(cases={}, counts={}, directions={}, connections={}, clients={}, first_answer_ms={})
+    progress("time to the first answer")
+    for _ in range(repetitions):
+        for server in bench.servers[:2]:
+            results["first_answer_ms"].setdefault(server.name, []).append(bench.first_answer(server))
+    results["program_bytes"] = {server.name: server.size() for server in bench.servers[:2]}
     for repetition in range(repetitions):
         for case in CASES:
             progress(f"repetition {repetition + 1} of {repetitions}: {name_of(case)}")
@@ -396,13 +400,6 @@ def run(bench, repetitions, quick):
             for direction in ("out", "in"):
                 told = bench.measure(proxy, ("UDP", 64), direction=direction, clients=clients, seconds=short)
                 results["clients"].setdefault(f"{clients}, {direction}", []).append(told["us_per_message"])
-    progress("time to the first answer")
-    results["first_answer_ms"] = {}
-    for _ in range(repetitions):
-        for server in bench.servers[:2]:
-            results["first_answer_ms"].setdefault(server.name, []).append(bench.first_answer(server))
-    results["program_bytes"] = {server.name: server.size() for server in bench.servers[:2]}
-    return results
 
 
 def machine():
@@ -418,16 +415,18 @@ def inside(arguments):
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
     repetitions = arguments.repetitions or (3 if arguments.quick else 20)
     before = machine()
-    bench = Bench(os.path.abspath(arguments.build), arguments.seconds)
-    results = {"machine": before, "repetitions": repetitions, "seconds": arguments.seconds,
-               **run(bench, repetitions, arguments.quick)}
-    progress("")
-    print(report.table(results))
+    results = {"machine": before, "repetitions": repetitions, "seconds": arguments.seconds}
     where = os.path.join(HERE, "results")
     os.makedirs(where, exist_ok=True)
     stem = os.path.join(where, datetime.datetime.now().strftime("%Y%m%d-%H%M%S"))
-    with open(stem + ".json", "w", encoding="utf-8") as file:
-        json.dump(results, file, indent=1)
+    try:
+        run(Bench(os.path.abspath(arguments.build), arguments.seconds), results, repetitions, arguments.quick)
+    finally:
+        # What was measured is kept, whatever became of the rest.
+        with open(stem + ".json", "w", encoding="utf-8") as file:
+            json.dump(results, file, indent=1)
+    progress("")
+    print(report.table(results))
     with open(stem + ".svg", "w", encoding="utf-8") as file:
         file.write(report.plot(results))
     print(f"\nwritten: {os.path.relpath(stem, ROOT)}.json and .svg")

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -12,6 +9,7 @@
 #include "registrar/domain.h"
 #include "support/engine_fixture.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -90,14 +88,12 @@ TEST_F(RouteCommand, SetRouteAddsADomain) {
 }
 
 TEST_F(RouteCommand, SetRouteTakesTheCredentialsThatTheRegistrarHas) {
-  std::string name = (std::filesystem::temp_directory_path() / "ue-proxy-route-XXXXXX").string();
-  const std::filesystem::path dir = mkdtemp(name.data());
-  std::filesystem::create_directory(dir / "profiles");
-  std::ofstream(dir / "profiles" / "home.xml")
-      << "<network-profile><impi>alice@example.com</impi><secret>sesame</secret>"
-         "<operation-mode>ietf-shared</operation-mode></network-profile>";
+  const TemporaryDir dir;
+  dir.write("profiles/home.xml",
+            "<network-profile><impi>alice@example.com</impi><secret>sesame</secret>"
+            "<operation-mode>ietf-shared</operation-mode></network-profile>");
   const std::string config_dir = IMS_User_Agent::config_dir();
-  IMS_User_Agent::set_config_dir(dir.string());
+  IMS_User_Agent::set_config_dir(dir.path());
   engine->init_registrar();
   FakeServerConnection reg(sipRequest("REGISTER", "sip:127.0.0.1",
                                       {{"Via", "SIP/2.0/TCP 127.0.0.1:40001;branch=z9hG4bK1"},
@@ -122,7 +118,6 @@ TEST_F(RouteCommand, SetRouteTakesTheCredentialsThatTheRegistrarHas) {
   EXPECT_TRUE(log.has(5, "returned from get_credentials"));
   EXPECT_TRUE(log.has(5, "username is alice@example.com, password is sesame, op_mode is ietf-shared"));
   IMS_User_Agent::set_config_dir(config_dir);
-  std::filesystem::remove_all(dir);
 }
 
 TEST_F(RouteCommand, SetRouteIgnoresTokensBeyondTheThird) {

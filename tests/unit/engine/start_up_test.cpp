@@ -1,12 +1,8 @@
 // Command line, the engine's life, and what start-up opens, creates and publishes.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,18 +16,15 @@
 #include "routing/routing_table_impl.h"
 #include "support/fake_siplib.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 class StartUp : public ::testing::Test {
  protected:
   StartUp() : config_dir_(IMS_User_Agent::config_dir()), run_dir_(IMS_User_Agent::run_dir()) {
-    std::string name = (fs::temp_directory_path() / "ue-proxy-start-XXXXXX").string();
-    dir = mkdtemp(name.data());
-    IMS_User_Agent::set_config_dir(dir.string());
-    IMS_User_Agent::set_run_dir(dir.string());
+    IMS_User_Agent::set_config_dir(dir.path());
+    IMS_User_Agent::set_run_dir(dir.path());
     IMS_User_Agent::ua_connector = &connector;
     IMS_User_Agent::__ua_myuri.clear();
     IMS_engine_proxy::arg_dynport = nullptr;
@@ -58,8 +51,6 @@ class StartUp : public ::testing::Test {
     IMS_User_Agent::ua_connector = nullptr;
     IMS_User_Agent::set_config_dir(config_dir_);
     IMS_User_Agent::set_run_dir(run_dir_);
-    std::error_code ignored;
-    fs::remove_all(dir, ignored);
   }
 
   void options(std::vector<std::string> words) {
@@ -69,14 +60,9 @@ class StartUp : public ::testing::Test {
     kept_words.push_back(std::move(words));
     engine->set_options(static_cast<int>(arguments.size()), arguments.data());
   }
-  std::string capFile() const {
-    std::ifstream file(dir / "ue-proxy.cap");
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-  }
+  std::string capFile() const { return readAll(dir / "ue-proxy.cap"); }
 
-  fs::path dir;
+  TemporaryDir dir;
   FakeConnector connector;
   std::unique_ptr<IMS_engine_proxy> engine;
 
@@ -109,7 +95,7 @@ TEST_F(StartUp, TakesAnyFirstCharacterAndTheLastPair) {
 TEST_F(StartUp, PassesTheWholeLineToTheFramework) {
   options({"-dynport", "yes", "-r", "/somewhere/else"});
   EXPECT_EQ(IMS_User_Agent::run_dir(), "/somewhere/else");
-  IMS_User_Agent::set_run_dir(dir.string());
+  IMS_User_Agent::set_run_dir(dir.path());
 }
 
 TEST_F(StartUp, PrintsUsageOnlyWhenAskedAndThenEnds) {
@@ -243,8 +229,7 @@ TEST_F(StartUp, PublishesARouteEqualToTheContactWithoutSourceTransport) {
 }
 
 TEST_F(StartUp, PublishesTheSourceTransportInTheRoute) {
-  std::ofstream(dir / "config.xml")
-      << "<?xml version=\"1.0\"?><sipstackinit><srctransport>tcp</srctransport></sipstackinit>";
+  dir.write("config.xml", "<?xml version=\"1.0\"?><sipstackinit><srctransport>tcp</srctransport></sipstackinit>");
   LogCapture log;
   ASSERT_TRUE(engine->start());
   EXPECT_EQ(capFile(), "Contact: <sip:127.0.0.1:5060>\nRoute: <sip:127.0.0.1:5060;transport=tcp>\n");
@@ -252,7 +237,7 @@ TEST_F(StartUp, PublishesTheSourceTransportInTheRoute) {
 }
 
 TEST_F(StartUp, GoesOnWithoutACapabilityFile) {
-  IMS_User_Agent::set_run_dir((dir / "not" / "there").string());
+  IMS_User_Agent::set_run_dir(dir / "not/there");
   LogCapture log;
   EXPECT_TRUE(engine->start());
   EXPECT_GE(log.count(3), 1);

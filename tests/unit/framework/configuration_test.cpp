@@ -9,6 +9,7 @@
 #include "framework/support.h"
 #include "framework/user_agent.h"
 #include "siplib/stack.h"
+#include "support/temp_dir.h"
 
 namespace {
 

@@ -11,6 +11,7 @@
 
 #include "framework/support.h"
 #include "siplib/reactor.h"
+#include "support/temp_dir.h"
 
 namespace {
 

@@ -7,6 +7,7 @@
 
 #include "framework/support.h"
 #include "framework/user_agent.h"
+#include "support/temp_dir.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// What the framework's tests share: a directory of their own, a look at the log, a process of their own.
+// What the framework's tests share: a look at the log, a process of their own.
 #pragma once
 
 #include <sys/wait.h>
@@ -6,39 +6,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 
 #include "framework/log.h"
-
-class TemporaryDir {
- public:
-  TemporaryDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ue-proxy-test-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TemporaryDir() { std::filesystem::remove_all(path_); }
-  TemporaryDir(const TemporaryDir&) = delete;
-  TemporaryDir& operator=(const TemporaryDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  void write(const std::string& name, const std::string& text) const {
-    std::filesystem::create_directories(std::filesystem::path(*this / name).parent_path());
-    std::ofstream(*this / name, std::ios::binary) << text;
-  }
-
- private:
-  std::string path_;
-};
-
-inline std::string readAll(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// Takes the log's lines while it lives.
 class LogCapture {

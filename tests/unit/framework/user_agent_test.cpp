@@ -18,6 +18,7 @@
 #include "framework/support.h"
 #include "siplib/reactor.h"
 #include "siplib/transaction.h"
+#include "support/temp_dir.h"
 
 namespace {
 

@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -21,6 +19,7 @@
 #include "routing/routing_table_intf.h"
 #include "siplib/transaction.h"
 #include "support/fake_siplib.h"
+#include "support/temp_dir.h"
 
 namespace fake {
 
@@ -271,23 +270,14 @@ struct Register {
 /// A configuration directory of its own; `profile` writes a profile document into it.
 class ConfigDir {
  public:
-  ConfigDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "registrar-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    path_ = name;
-    std::filesystem::create_directory(path_ / "profiles");
-    IMS_User_Agent::set_config_dir(name);
-  }
-  ~ConfigDir() {
-    IMS_User_Agent::set_config_dir("/nonexistent");
-    std::filesystem::remove_all(path_);
-  }
+  ConfigDir() { IMS_User_Agent::set_config_dir(dir_.path()); }
+  ~ConfigDir() { IMS_User_Agent::set_config_dir("/nonexistent"); }
   void profile(const std::string& name, const std::string& text) const {
-    std::ofstream(path_ / "profiles" / (name + ".xml")) << text;
+    dir_.write("profiles/" + name + ".xml", text);
   }
 
  private:
-  std::filesystem::path path_;
+  TemporaryDir dir_;
 };
 
 }  // namespace fake

@@ -2,16 +2,18 @@
 //
 //   a message, or
 //   a message \n%%\n operations, one a line: "=Name: value" set, "+Name: value" add, "-Name" remove the topmost,
-//   "!Name" remove all, "#text" set the body
+//   "!Name" remove all, "#text" set the body; what does not parse is a method and a URI, whose request is changed
 //
 // Promises: a message that parses is sent as it was received, byte for byte, and its text parses again to the same; its
 // head holds no bare CR or LF and no NUL; the framer sees the same end. One that does not parse reads as empty, takes
-// no change, and nothing is sent of it. A change that is accepted reads back, touches one line only, leaves every value
-// of every other name, and leaves a message that parses; a refused one changes nothing.
+// no change, and nothing is sent of it. A change that is accepted reads back, touches one line only, leaves every byte
+// and every value of every other name, and leaves a message that parses; a refused one changes nothing. A message made
+// here of the words of the first line is refused or parses to what it was made of.
 
 #include "siplib/message.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -142,6 +144,13 @@ std::size_t touched(const Parts& before, const Parts& after, std::ptrdiff_t& mor
   return std::max(a.size(), b.size()) - front - back;
 }
 
+std::vector<std::string> linesOfOthers(const Parts& parts, std::string_view name) {
+  std::vector<std::string> lines;
+  for (const std::string& line : parts.lines)
+    if (!oneName(name, nameOf(line))) lines.push_back(line);
+  return lines;
+}
+
 void apply(SIPLIB_message& message, std::string_view operation) {
   const char kind = operation[0];
   operation.remove_prefix(1);
@@ -151,6 +160,8 @@ void apply(SIPLIB_message& message, std::string_view operation) {
     PROMISE(message.setBody(operation));
     PROMISE(message.body() == operation && *message.header("Content-Length") == std::to_string(operation.size()));
     const std::string text = message.text();
+    const Parts after = partsOf(text);
+    PROMISE(after.start == before.start && linesOfOthers(after, "l") == linesOfOthers(before, "l"));
     const SIPLIB_message again(text.data(), text.size());
     PROMISE(parsesAgain(again) && (!again.valid() || again.body() == operation));
     return;
@@ -182,6 +193,7 @@ void apply(SIPLIB_message& message, std::string_view operation) {
   }
   const Parts after = partsOf(text);
   PROMISE(after.start == before.start && after.body == before.body && after.body == message.body());
+  PROMISE(linesOfOthers(after, name) == linesOfOthers(before, name));
   for (std::size_t i = 0; i < others.size(); ++i) PROMISE(valuesOf(message, others[i]) == others_values[i]);
   std::ptrdiff_t more = 0;
   const std::size_t lines = touched(before, after, more);
@@ -217,6 +229,39 @@ void apply(SIPLIB_message& message, std::string_view operation) {
   PROMISE(parsesAgain(again) && (!again.valid() || (again.text() == text && valuesOf(again, name) == now)));
 }
 
+void applyAll(SIPLIB_message& message, std::string_view operations) {
+  std::size_t count = 0;
+  for (const std::string_view operation : fuzz::split(operations, "\n")) {
+    if (operation.empty() || std::string_view("=+-!#").find(operation[0]) == std::string_view::npos) continue;
+    if (++count > kOperations) break;
+    apply(message, operation);
+  }
+}
+
+/// Messages made here; their head is ours alone.
+void checkMade(std::string_view line, std::string_view operations) {
+  std::string_view rest = line;
+  const std::string_view first = fuzz::cut(rest, " ");
+  SIPLIB_message request(first, rest);
+  if (request.valid()) {
+    PROMISE(request.method() == first && request.requestUri() == rest);
+    checkValid(request, request.text());
+    checkFraming(request);
+    applyAll(request, operations);
+  } else {
+    checkInvalid(request);
+  }
+  const int status = std::atoi(std::string(first.substr(0, 5)).c_str());
+  SIPLIB_message response(status, rest);
+  if (response.valid()) {
+    PROMISE(response.statusCode() == status && response.reasonPhrase() == rest);
+    checkValid(response, response.text());
+    applyAll(response, operations);
+  } else {
+    checkInvalid(response);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -225,15 +270,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   SIPLIB_message message(received.data(), received.size());
   if (!message.valid()) {
     checkInvalid(message);
+    checkMade(received, rest);
     return 0;
   }
   checkValid(message, received);
   checkFraming(message);
-  std::size_t count = 0;
-  for (const std::string_view operation : fuzz::split(rest, "\n")) {
-    if (operation.empty() || std::string_view("=+-!#").find(operation[0]) == std::string_view::npos) continue;
-    if (++count > kOperations) break;
-    apply(message, operation);
-  }
+  applyAll(message, rest);
   return 0;
 }

@@ -116,6 +116,7 @@ class Stream:
 
     def __init__(self, sock):
         self.socket = sock
+        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.buffer = b""
         self.local = sock.getsockname()
         self.peer = sock.getpeername()

@@ -35,11 +35,8 @@ class Generated(Ways):
                 for sent, _ in messages:
                     way.send(sent)
                 for number, (sent, arrives) in zip(numbers, messages):
-                    try:
+                    with self.naming(f"UE_PROXY_SEED={SEED}", number, way, sent):
                         self.assert_arrives(way, arrives)
-                    except (AssertionError, OSError) as failure:
-                        raise AssertionError(f"UE_PROXY_SEED={SEED}, message {number}, {way}: {failure}\nsent {sent}\n"
-                                             f"{self.new_lines()[-20:]}") from failure
                 self.drain(way)
         for transport in ("UDP", "TCP"):
             self.call(transport)

@@ -1,5 +1,4 @@
 """The torture messages of RFC 4475 and RFC 5118 through the running process, as tests/torture/expected.py says."""
-import contextlib
 import copy
 import os
 import re
@@ -66,14 +65,6 @@ ALL = [Torture(name) for name in EXPECTED]
 
 
 class TortureCase(Ways):
-    @contextlib.contextmanager
-    def naming(self, message, what):
-        """Says of a failure what it happened with. Not a subTest: bytes left over would spoil what comes next."""
-        try:
-            yield
-        except (AssertionError, OSError) as failure:
-            raise AssertionError(f"{message.name}, {what}: {failure!r}\n{self.new_lines()}") from failure
-
     def ways_of(self, message, ways):
         names = ("alice asks the network", "network asks") if message.request else ("network's", "alice's")
         return [way for way in ways if way.name.startswith(names)]
@@ -109,7 +100,7 @@ class OneByOne(TortureCase):
                 if way.transport == "TCP" and message.case.stream != WHOLE:
                     way = self.on_a_stream_of_its_own(way)
                 self.new_lines()
-                with self.naming(message, way):
+                with self.naming(message.name, way):
                     check(message, way)
                 if hasattr(way, "stream"):
                     way.stream.close()
@@ -167,7 +158,7 @@ class OneByOne(TortureCase):
                 here = f"{peer.local[0]}:{peer.local[1]}" if transport == "TCP" else peer.via
                 text = message.data.replace(message.sent_by, here.encode(), 1)
                 text = re.sub(rb"(?m)^To: .*\r\n", b"To: <sip:odd@127.0.0.1>\r\n", text, count=1)
-                with self.naming(message, transport):
+                with self.naming(message.name, transport):
                     peer.send(text)
                     answer = peer.receive()
                     self.assertEqual(answer.status, 400)
@@ -205,7 +196,7 @@ class Streams(TortureCase):
                     sent += message.sent(way)
                     expected += message.forwarded(way)
                     calls += message.tried and not way.from_agent
-                with self.naming(messages[first], way):
+                with self.naming(first, way):
                     way.send(sent)
                     self.assert_arrives(way, expected)
                     self.assertEqual(self.answers(stream, pings, calls), b"\r\n" * pings)
@@ -256,7 +247,7 @@ class Streams(TortureCase):
             # Answers come on the one connection that the proxy has opened.
             size = self.batch if message.request or message.case.refused else 1
             for part in (cuts[first:first + size] for first in range(0, len(cuts), size)):
-                with self.naming(message, part):
+                with self.naming(message.name, part):
                     if size == 1:
                         self.cut_batch(message, [answer], part)
                     elif message.case.stream == WHOLE:

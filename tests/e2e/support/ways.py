@@ -3,6 +3,7 @@
 What the proxy does to a message is written down here once, by itself: a test makes the bytes that a peer sends and the
 bytes that the other must get from the same pieces, and asks a Way what differs.
 """
+import contextlib
 import re
 import subprocess
 import time
@@ -59,13 +60,15 @@ class Way:
 class Ways(ProxyCase):
     """A proxy with alice (external, key 1) and bob (internal, key 2), and the network's proxy at 127.0.0.3.
 
-    The log holds refusals only. Challenges are not remembered, so that credentials are headers like any other.
+    The log holds refusals only. Unless `mode` says so no challenge is remembered: credentials are headers like others.
     """
 
     settings = ""
+    mode = "plain"
 
     def setUp(self):
-        self.options = {"level": 4, "settings": self.settings, "profiles": {"home": HOME_PROFILE.format(mode="plain")}}
+        self.options = {"level": 4, "settings": self.settings,
+                        "profiles": {"home": HOME_PROFILE.format(mode=self.mode)}}
         super().setUp()
         self.log_read = 0
         self.alice, self.bob, self.network = self.udp(ALICE), self.udp(BOB), self.udp(NETWORK, "127.0.0.3")
@@ -135,6 +138,14 @@ class Ways(ProxyCase):
         return next(way for way in self.ways((transport,)) if way.name.startswith(name))
 
     # --- what a test asks for ---
+
+    @contextlib.contextmanager
+    def naming(self, *what):
+        """Says of a failure what it happened with. Not a subTest: bytes left over would spoil what comes next."""
+        try:
+            yield
+        except (AssertionError, OSError) as failure:
+            raise AssertionError(f"{what}: {failure!r}\n{self.new_lines()[-20:]}") from failure
 
     def new_lines(self):
         """The lines of level 3 and 4 since the last call, without those that say that a look-up found nothing."""

@@ -175,7 +175,7 @@ class Resources(ProxyCase):
                     peer.send(sip.register(5071, sip.ua_info(), via=peer.via, cseq=cseq, expires=expires,
                                            call_id=f"r{number}@127.0.0.1"))
                     self.assertEqual(peer.receive().status, 200)
-        rounds(100, 0)
+        rounds(150, 0)  # as many answers as are kept for repeated requests
         time.sleep(0.3)
         descriptors, memory = self.proxy.descriptors(), self.proxy.resident_kib()
         rounds(1000, 1000)

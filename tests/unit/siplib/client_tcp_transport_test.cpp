@@ -366,6 +366,42 @@ TEST_F(ClientTcpTransportTest, ToTheLocalEndpointItReachesTheLayerAndTheAnswerIs
   EXPECT_EQ(0u, listener.size()) << "no connection was made and no server listener asked";
 }
 
+TEST_F(ClientTcpTransportTest, APeerThatIsNotReceivedFromIsNotReadFrom) {
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  constexpr std::size_t all = 200;
+  for (std::size_t i = 0; i < all; ++i) ASSERT_TRUE(peer.send(answer(200, std::to_string(i))));
+  settle(50ms);
+  EXPECT_EQ(siplib::ClientTcpTransport::kMostReceived, listener.count("response"));
+  for (std::size_t i = 0; i < all; ++i) {
+    ASSERT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response")) << i;
+    ASSERT_EQ(0, transport->receive());
+    ASSERT_EQ(std::to_string(i), callId(transport->getSipMessageHandle()));
+    ASSERT_LE(listener.count("response"), siplib::ClientTcpTransport::kMostReceived);
+  }
+}
+
+TEST_F(ClientTcpTransportTest, WhatTheLocalEndpointSendsIsDroppedWhenTooMuchWaits) {
+  start();
+  auto* transport = connect(source);
+  // Nobody can be told to wait here: it is this process that sends.
+  layer->on_receive = [](const SIPLIB_message& message, siplib::Path& path) {
+    if (!message.isRequest()) return;
+    for (std::size_t i = 0; i < 2 * siplib::ClientTcpTransport::kMostReceived; ++i)
+      EXPECT_TRUE(path.send(answer(200, std::to_string(i))));
+  };
+  EXPECT_EQ(0, sendText(transport, request("SUBSCRIBE", "mine")));
+  settle(50ms);
+  EXPECT_EQ(siplib::ClientTcpTransport::kMostReceived, listener.count("response"));
+  EXPECT_EQ(1u, log.count("message from the local endpoint dropped: too many wait already"));
+  for (std::size_t i = 0; i < siplib::ClientTcpTransport::kMostReceived; ++i) {
+    ASSERT_EQ(0, transport->receive());
+    ASSERT_EQ(std::to_string(i), callId(transport->getSipMessageHandle())) << "the first ones are kept";
+  }
+  EXPECT_EQ(-1, transport->receive());
+}
+
 TEST_F(ClientTcpTransportTest, TheLayersOwnAnswersToItselfEnd) {
   start();
   auto* transport = connect(source);

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -98,6 +99,23 @@ TEST_F(ReactorTest, WritableIsToldWhileWanted) {
   watch->wantWrite(true);
   pollFor(10ms);
   EXPECT_EQ(3, calls);
+}
+
+TEST_F(ReactorTest, ACallbackThatThrowsIsCalledAgain) {
+  int calls = 0;
+  const auto watch = reactor.watch(
+      pipe_[0],
+      [&] {
+        if (++calls == 1) throw std::bad_alloc();
+        EXPECT_TRUE(readOne());
+      },
+      [] {});
+  watch->wantRead(true);
+  write("a");
+  EXPECT_THROW(reactor.runOnce(), std::bad_alloc);
+  reactor.runOnce();
+  EXPECT_EQ(2, calls);
+  EXPECT_FALSE(readOne());
 }
 
 TEST_F(ReactorTest, AnEndedWatchIsNeverCalled) {

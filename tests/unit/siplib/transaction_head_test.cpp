@@ -46,6 +46,15 @@ TEST(TransactionHead, AViaWithoutPortMeans5060) {
   EXPECT_FALSE(head.rport);
 }
 
+TEST(TransactionHead, ACSeqIsANumberAndAMethodAndNothingElse) {
+  for (const char* cseq : {"1", "REGISTER", "-1 REGISTER", "1 REGISTER REGISTER", "1REGISTER", "2147483648 REGISTER"}) {
+    const std::string text = std::string("REGISTER sip:a SIP/2.0\r\nVia: SIP/2.0/UDP a\r\nFrom: <sip:a>\r\n") +
+                             "To: <sip:a>\r\nCall-ID: 1\r\nCSeq: " + cseq + "\r\n\r\n";
+    siplib::Head head;
+    EXPECT_NE(nullptr, siplib::readHead(SIPLIB_message(text.data(), text.size()), head)) << cseq;
+  }
+}
+
 TEST(TransactionHead, UrisAreFoundWithinValues) {
   struct Row {
     const char* value;

@@ -229,6 +229,18 @@ TEST_F(UdpTransportTest, ToTheLocalEndpointADatagramReachesTheLayerAndTheAnswerT
   EXPECT_TRUE(until([&] { return layer->received.size() == 2; }));
 }
 
+TEST_F(UdpTransportTest, TheWayToItselfIsBounded) {
+  const SocketAddress local = openLocal();
+  auto* connection = client(local);
+  connection->setSipMessageHandle(parsed(request("OPTIONS", "x")));
+  std::size_t taken = 0;
+  while (taken < 10000 && connection->send() == 0) ++taken;
+  EXPECT_EQ(256u, taken);
+  EXPECT_EQ(1u, log.count("datagram to the local endpoint dropped: too many are on their way"));
+  EXPECT_TRUE(until([&] { return layer->received.size() == taken; }));
+  EXPECT_EQ(0, connection->send());
+}
+
 TEST_F(UdpTransportTest, PathsOfTheLayerSendFromTheLocalEndpoint) {
   EXPECT_EQ(nullptr, stack->pathTo("UDP", "127.0.0.1", peer.port())) << "there is none yet";
   EXPECT_EQ(nullptr, stack->openClientTransaction("UDP", "127.0.0.1", peer.port()));

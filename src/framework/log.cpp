@@ -230,16 +230,12 @@ Sink& sink() {
   return *only;
 }
 
-}  // namespace
-
-void IMS_log::loginfo(int level, const char* function, const char* format, ...) {
-  if (!enabled(level)) return;
+// Apart from loginfo, so that only a line that is written pays for its room: the stack is probed page by page.
+[[gnu::noinline]] __attribute__((format(printf, 3, 0))) void put(int level, const char* function, const char* format,
+                                                                 va_list arguments) {
   const int error = errno;
   char text[kMaxLine];
-  va_list arguments;
-  va_start(arguments, format);
   const int length = std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
   const bool cut = length >= static_cast<int>(sizeof text);
   const std::string_view whole =
       length < 0 ? std::string_view(format)
@@ -250,6 +246,16 @@ void IMS_log::loginfo(int level, const char* function, const char* format, ...) 
     out.write(level, function, whole, cut);
   }
   errno = error;
+}
+
+}  // namespace
+
+void IMS_log::loginfo(int level, const char* function, const char* format, ...) {
+  if (!enabled(level)) return;
+  va_list arguments;
+  va_start(arguments, format);
+  put(level, function, format, arguments);
+  va_end(arguments);
 }
 
 void IMS_log::log_to_file(FILE* stream) {

@@ -313,19 +313,6 @@ TEST_F(UserAgent, UnusableRunDirectoryIsOneLineEachAndNoEnd) {
   agent.close_framework_sockets();
 }
 
-TEST_F(UserAgent, WithoutDescriptorsItSaysSo) {
-  const LogCapture log;
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  const rlimit none{0, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  Agent agent;
-  EXPECT_FALSE(agent.open_framework_sockets());
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(log.lines(), 1u);
-  EXPECT_TRUE(log.has("nothing to wait in: "));
-}
-
 TEST_F(UserAgent, SecondProcessLeavesTheFilesOfTheFirst) {
   const LogCapture log;
   Agent first;

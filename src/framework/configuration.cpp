@@ -18,6 +18,7 @@
 #include <mutex>
 #include <set>
 #include <string_view>
+#include <utility>
 
 #include "framework/log.h"
 #include "framework/xml_document.h"
@@ -54,12 +55,44 @@ Signature faultSignature() {
   return signature;
 }
 
+/// A descriptor held back for documents: a profile is read once and kept, so it must not come out empty because peers
+/// have taken all others. Used with the cache locked, or before there are threads.
+class Reserve {
+ public:
+  Reserve() { hold(); }
+  /// Like open(), not waiting: what has the name of a document may be a pipe.
+  int open(const std::string& path) {
+    constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+    int descriptor = ::open(path.c_str(), kFlags);
+    if (descriptor < 0 && errno == EMFILE && held_ >= 0) {
+      ::close(std::exchange(held_, -1));
+      descriptor = ::open(path.c_str(), kFlags);
+    }
+    return descriptor;
+  }
+  void close(int descriptor) {
+    ::close(descriptor);
+    hold();
+  }
+
+ private:
+  void hold() {
+    if (held_ < 0) held_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+
+  int held_ = -1;
+};
+
+Reserve& reserve() {
+  static Reserve only;
+  return only;
+}
+
 /// Reads a regular file of at most kMaxXml bytes. False with the reason.
 bool readFile(const std::string& path, std::string& text, Signature& signature, std::string& error) {
   // One byte more than is allowed, so that XmlDocument sees the excess and refuses it.
   text.resize(kMaxXml + 1);
-  // Not waiting: what has the name of a document may be a pipe.
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int descriptor = reserve().open(path);
   if (descriptor < 0) {
     signature = faultSignature();
     error = std::strerror(errno);
@@ -87,7 +120,7 @@ bool readFile(const std::string& path, std::string& text, Signature& signature, 
     }
     text.resize(length);
   }
-  ::close(descriptor);
+  reserve().close(descriptor);
   return done;
 }
 
@@ -150,7 +183,8 @@ class DocumentCache {
     timespec clock{};
     ::clock_gettime(CLOCK_REALTIME, &clock);
     entry.signature = signature;
-    entry.settled = nanoseconds(clock) - std::max(signature.modified, signature.changed) > kSettled;
+    // What could not be used may be usable a moment later, when memory is free again.
+    entry.settled = usable && nanoseconds(clock) - std::max(signature.modified, signature.changed) > kSettled;
   }
 
   std::vector<std::unique_ptr<Entry>> entries_;  // the last used first

@@ -29,6 +29,7 @@ void IMS_daemon::clean_daemon() {
 void IMS_daemon::set_signal_handlers() {
   ::signal(SIGHUP, SIG_IGN);
   ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);  // a file at its largest size is one more write that failed
 }
 
 bool IMS_daemon::make_daemon() {

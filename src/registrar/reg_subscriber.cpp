@@ -1,5 +1,6 @@
 #include "registrar/reg_subscriber.h"
 
+#include <new>
 #include <string_view>
 
 #include "framework/ims_address.h"
@@ -159,7 +160,12 @@ int IMSE_RegSubscriber::send_notify(std::unique_ptr<IMSE_NotifyXmlData> document
   }
   IMS_log::loginfo(5, __func__, "IMSE_REG: send_notify: ua_listener %p", static_cast<void*>(listener_));
   notify->setListener(listener_);
-  if (!fill_notify(notify, document.get(), subscription_state)) {
+  bool filled = false;
+  try {
+    filled = fill_notify(notify, document.get(), subscription_state);
+  } catch (const std::bad_alloc&) {  // a failure like any other
+  }
+  if (!filled) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify failure");
     connector_->close(notify);
     return 1;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <utility>
 
 #include "siplib/header.h"
@@ -169,11 +170,18 @@ void Layer::receiveRequest(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path
   connection->transaction_ = transaction;
   connection->dialog_ = std::move(dialog);
   connection->reclaim_ = Clock::now() + kReclaimAfter * patience();
+  const auto held = servers_.emplace(connection.get(), nullptr).first;
+  try {
+    waiting_.push_back(connection.get());
+    notices_.emplace_back();
+  } catch (...) {  // no memory: nothing may name what goes now
+    std::erase(waiting_, connection.get());
+    servers_.erase(held);
+    remove(*transaction);
+    throw;
+  }
   transaction->server_connection = connection.get();
-  waiting_.push_back(connection.get());
-  const SIPLIB_SIPConnection* name = connection.get();
-  servers_.emplace(name, std::move(connection));
-  notices_.emplace_back();
+  held->second = std::move(connection);
   finish(lock, Thread::Io);
 }
 
@@ -548,11 +556,13 @@ void Layer::handOver(Transaction& transaction, SIPLIB_SIPMessageHandle answer, i
   }
   // 100 is between the hops (RFC 3261 8.2.6.1), and the only provisional answer to such a request (RFC 4320 4.1).
   ClientConnection* connection = transaction.client_connection;
-  if (status == 100 || !connection || connection->released_ || !connection->listener_) return;
-  if (status < 200 && connection->inbox_.size() >= kMaxInbox) return;
-  connection->inbox_.push_back(std::move(answer));
-  ++connection->owed_;
-  notices_.push_back({connection, nullptr});
+  const bool wanted = status != 100 && connection && !connection->released_ && connection->listener_;
+  if (wanted && (status >= 200 || connection->inbox_.size() < kMaxInbox)) {
+    notices_.push_back({connection, nullptr});
+    connection->inbox_.push_back(std::move(answer));
+    ++connection->owed_;
+  }
+  transaction.told = status >= 200;
 }
 
 // Timer F, or the transport is lost.
@@ -567,6 +577,9 @@ void Layer::expire(Transaction& transaction, Clock::time_point now) {
   const bool completed = state == Machine::State::Completed;
   if (transaction.end <= now) {
     if (completed) {
+      // An answer that was lost for want of memory.
+      if (transaction.client && !transaction.told)
+        handOver(transaction, timeoutFor(transaction.head), 408, transaction.head);
       transaction.machine->expire(transaction.client ? Machine::Timer::K : Machine::Timer::J);
       return remove(transaction);
     }
@@ -640,25 +653,25 @@ bool Layer::close(SIPLIB_SIPConnection* connection) {
 
 void Layer::closeLocked(ServerConnection& connection) {
   if (connection.released_) return;
+  const auto held = servers_.find(&connection);
+  closed_servers_.push_back(std::move(held->second));
   connection.released_ = true;
   if (connection.transaction_) connection.transaction_->server_connection = nullptr;
   connection.transaction_ = nullptr;
   std::erase(waiting_, &connection);
-  const auto held = servers_.find(&connection);
-  closed_servers_.push_back(std::move(held->second));
   servers_.erase(held);
   to_free_ = true;
 }
 
 void Layer::closeLocked(ClientConnection& connection) {
   if (connection.released_) return;
+  const auto held = clients_.find(&connection);
+  closed_clients_.push_back(std::move(held->second));
   connection.released_ = true;
   if (connection.transaction_) connection.transaction_->client_connection = nullptr;
   connection.transaction_ = nullptr;
   connection.inbox_.clear();
   connection.turn_ = turn_;
-  const auto held = clients_.find(&connection);
-  closed_clients_.push_back(std::move(held->second));
   clients_.erase(held);
   to_free_ = true;
 }
@@ -680,15 +693,14 @@ void Layer::endTurn() {
   ++turn_;
   servers.swap(closed_servers_);
   dialogs.swap(ended_dialogs_);
-  std::deque<std::unique_ptr<ClientConnection>> owing;
-  for (auto& connection : closed_clients_) {
-    if (connection->owed_ > 0)
-      owing.push_back(std::move(connection));
-    else
-      clients.push_back(std::move(connection));
+  const auto done = std::stable_partition(closed_clients_.begin(), closed_clients_.end(),
+                                          [](const auto& connection) { return connection->owed_ > 0; });
+  clients.reserve(closed_clients_.size());  // or none of them, for want of memory
+  std::move(done, closed_clients_.end(), std::back_inserter(clients));
+  closed_clients_.erase(done, closed_clients_.end());
+  for (; closed_clients_.size() > kMaxOwing; closed_clients_.pop_front()) {
+    clients.push_back(std::move(closed_clients_.front()));
   }
-  for (; owing.size() > kMaxOwing; owing.pop_front()) clients.push_back(std::move(owing.front()));
-  closed_clients_ = std::move(owing);
   to_free_ = !closed_clients_.empty();
 }
 
@@ -764,16 +776,27 @@ void Layer::wakeAt(Clock::time_point due) {
 
 void Layer::arm() {
   Clock::time_point wake;
+  if (!timer_) timer_ = reactor_.timer([this] { expireOrTryAgain(); });
   {
     const std::lock_guard lock(mutex_);
     if (!wake_changed_) return;
     wake_changed_ = false;
     wake = wake_;
   }
-  if (!timer_) timer_ = reactor_.timer([this] { expire(); });
   if (wake == Clock::time_point::max()) return timer_->stop();
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(wake - Clock::now());
   timer_->start(std::max(left, std::chrono::milliseconds(0)));
+}
+
+// Without memory it is not done yet: the time that it was due at would otherwise never come again.
+void Layer::expireOrTryAgain() {
+  constexpr std::chrono::milliseconds kAgain{100};
+  try {
+    expire();
+  } catch (...) {
+    timer_->start(kAgain);
+    throw;
+  }
 }
 
 void Layer::expire() {

@@ -50,6 +50,8 @@ struct Transaction {
   ClientConnection* client_connection = nullptr;
   /// Client: the dialog, kept beyond the connection's release.
   std::shared_ptr<Dialog> dialog;
+  /// Client: the final answer has been handed over.
+  bool told = false;
 };
 
 class Layer final : public TransactionLayer {
@@ -138,6 +140,7 @@ class Layer final : public TransactionLayer {
   void finish(Lock& lock, Thread thread);
   void tell();
   void arm();
+  void expireOrTryAgain();
   void expire();
   std::chrono::milliseconds patience() const { return 64 * config_.t1; }
   void log(int level, const char* where, std::string_view text) const;

@@ -6,6 +6,8 @@
 #endif
 
 #include <atomic>
+#include <cstddef>
+#include <new>
 #include <vector>
 
 #include <asio/io_context.hpp>
@@ -28,6 +30,43 @@ struct Reactor::State {
 
 namespace {
 
+/// Memory for one operation at a time: waiting must go on when there is no other.
+class Room {
+ public:
+  void* take(std::size_t size) {
+    if (taken_ || size > sizeof bytes_) return ::operator new(size);
+    taken_ = true;
+    return bytes_;
+  }
+  void give(void* place) {
+    if (place == bytes_) {
+      taken_ = false;
+    } else {
+      ::operator delete(place);
+    }
+  }
+
+ private:
+  alignas(std::max_align_t) std::byte bytes_[256];
+  bool taken_ = false;
+};
+
+template <typename T>
+struct RoomAllocator {
+  using value_type = T;
+  explicit RoomAllocator(Room& place) : room(&place) {}
+  template <typename Other>
+  RoomAllocator(const RoomAllocator<Other>& other) : room(other.room) {}
+  T* allocate(std::size_t count) { return static_cast<T*>(room->take(count * sizeof(T))); }
+  void deallocate(T* place, std::size_t /*count*/) { room->give(place); }
+  template <typename Other>
+  bool operator==(const RoomAllocator<Other>& other) const {
+    return room == other.room;
+  }
+
+  Room* room;
+};
+
 // The handlers of an ended Watch or Timer still run once, with an error; the shared part is what they find then.
 struct WatchState : std::enable_shared_from_this<WatchState> {
   struct Side {
@@ -35,6 +74,7 @@ struct WatchState : std::enable_shared_from_this<WatchState> {
     asio::posix::stream_descriptor::wait_type kind;
     bool wanted = false;
     bool waiting = false;
+    Room room{};
   };
 
   WatchState(asio::io_context& io, bool& flag, std::function<void()> readable, std::function<void()> writable)
@@ -48,21 +88,33 @@ struct WatchState : std::enable_shared_from_this<WatchState> {
     if (on) arm(side);
   }
 
+  /// Never fails for want of memory.
   void arm(Side& side) {
     if (!alive || !side.wanted || side.waiting) return;
     side.waiting = true;
-    descriptor.async_wait(side.kind, [self = shared_from_this(), &side](const asio::error_code& error) {
-      side.waiting = false;
-      if (!self->alive || !side.wanted || error == asio::error::operation_aborted) return;
-      self->done = true;
-      try {
-        side.ready();
-      } catch (...) {  // out of memory, say: the watch goes on
-        self->arm(side);
-        throw;
-      }
-      self->arm(side);
-    });
+    descriptor.async_wait(side.kind, Waiting{shared_from_this(), &side});
+  }
+
+  struct Waiting {
+    using allocator_type = RoomAllocator<void>;
+    allocator_type get_allocator() const noexcept { return allocator_type(side->room); }
+    void operator()(const asio::error_code& error) const { watch->ended(*side, error); }
+
+    std::shared_ptr<WatchState> watch;
+    Side* side;
+  };
+
+  void ended(Side& side, const asio::error_code& error) {
+    side.waiting = false;
+    if (!alive || !side.wanted || error == asio::error::operation_aborted) return;
+    done = true;
+    try {
+      side.ready();
+    } catch (...) {  // out of memory, say: the watch goes on
+      arm(side);
+      throw;
+    }
+    arm(side);
   }
 
   asio::posix::stream_descriptor descriptor;
@@ -91,15 +143,23 @@ struct TimerState : std::enable_shared_from_this<TimerState> {
       : timer(io), done(flag), due(std::move(callback)) {}
 
   void start(std::chrono::milliseconds delay) {
-    const auto mine = ++generation;
     timer.expires_after(delay);
-    timer.async_wait([self = shared_from_this(), mine](const asio::error_code&) {
-      if (self->generation != mine) return;
-      ++self->generation;
-      self->done = true;
-      self->due();
-    });
+    timer.async_wait(Waiting{shared_from_this(), ++generation});
   }
+
+  struct Waiting {
+    using allocator_type = RoomAllocator<void>;
+    allocator_type get_allocator() const noexcept { return allocator_type(timer->room); }
+    void operator()(const asio::error_code& /*error*/) const {
+      if (timer->generation != mine) return;
+      ++timer->generation;
+      timer->done = true;
+      timer->due();
+    }
+
+    std::shared_ptr<TimerState> timer;
+    std::uint64_t mine;
+  };
 
   void stop() {
     ++generation;
@@ -109,6 +169,7 @@ struct TimerState : std::enable_shared_from_this<TimerState> {
   asio::steady_timer timer;
   bool& done;
   std::function<void()> due;
+  Room room{};
   std::uint64_t generation = 0;
 };
 
@@ -165,10 +226,15 @@ void Reactor::post(std::function<void()> work) {
 
 void Reactor::wake() {
   if (state_->waking.exchange(true)) return;
-  asio::post(state_->io, [state = state_.get()] {
-    state->waking = false;
-    state->done = true;
-  });
+  try {
+    asio::post(state_->io, [state = state_.get()] {
+      state->waking = false;
+      state->done = true;
+    });
+  } catch (...) {
+    state_->waking = false;
+    throw;
+  }
 }
 
 void Reactor::onSignal(int signal_number, std::function<void(int)> caught) {

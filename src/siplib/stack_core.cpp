@@ -62,12 +62,18 @@ void StackCore::post(std::function<void()> work) {
 
 void StackCore::write(int level, const char* where, std::uint64_t left_out, const char* format,
                       va_list arguments) const {
-  char text[512];
-  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  // Allocates nothing: it also tells that memory is out.
+  constexpr std::size_t kMostText = 512;
+  constexpr std::size_t kMostEnd = 64;
+  char text[kMostText + kMostEnd];
+  const int length = std::vsnprintf(text, kMostText, format, arguments);
   if (length < 0) return;
-  std::string line(text, std::min(static_cast<std::size_t>(length), sizeof text - 1));
-  if (left_out > 0) line += " (and " + std::to_string(left_out) + " more like this)";
-  config_.log(level, where, line);
+  std::size_t size = std::min(static_cast<std::size_t>(length), kMostText - 1);
+  if (left_out > 0) {
+    size +=
+        static_cast<std::size_t>(std::snprintf(text + size, kMostEnd, " (and %" PRIu64 " more like this)", left_out));
+  }
+  config_.log(level, where, std::string_view(text, size));
 }
 
 void StackCore::log(int level, const char* where, const char* format, ...) const {
@@ -159,8 +165,8 @@ void StackCore::refuse(const SIPLIB_message& request, Path& path) const {
 void StackCore::watchIdle(const std::shared_ptr<TcpStream>& stream) {
   streams_.insert(stream);
   if (config_.idle_timeout.count() == 0 || idle_timer_on_) return;
-  idle_timer_on_ = true;
   idle_timer_->start(config_.idle_timeout);
+  idle_timer_on_ = true;
 }
 
 void StackCore::forgetIdle(const std::shared_ptr<TcpStream>& stream) {
@@ -188,8 +194,8 @@ void StackCore::closeIdle() {
   if (streams_.empty() || idle_timer_on_) return;
   // The clock is coarse: a little later than due, never just before it.
   constexpr std::int64_t grain = 10;
-  idle_timer_on_ = true;
   idle_timer_->start(std::chrono::milliseconds(std::max<std::int64_t>(earliest + timeout - current, 0) + grain));
+  idle_timer_on_ = true;
 }
 
 void StackCore::retire(std::shared_ptr<Retired> closed) {
@@ -204,6 +210,7 @@ void StackCore::freeRetired() {
   {
     const std::lock_guard<std::mutex> lock(retired_mutex_);
     const auto kept = std::partition(retired_.begin(), retired_.end(), [](const auto& one) { return one->awaited(); });
+    free.reserve(static_cast<std::size_t>(retired_.end() - kept));  // or none of them, for want of memory
     std::move(kept, retired_.end(), std::back_inserter(free));
     retired_.erase(kept, retired_.end());
     has_retired_.store(!retired_.empty(), std::memory_order_release);

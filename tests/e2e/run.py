@@ -61,11 +61,18 @@ def main():
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         for path, status, output, seconds in pool.map(lambda p: run_one(p, prefix, environment), paths):
             name = os.path.basename(path)
-            tail = [line for line in output.strip().splitlines() if line.startswith("Ran ")]
+            lines = output.strip().splitlines()
+            tail = [line for line in lines if line.startswith("Ran ")]
             print(f"{'ok  ' if status == 0 else 'FAIL'} {name} {seconds:.1f}s {tail[-1] if tail else ''}", flush=True)
             if status != 0:
                 failed.append(name)
                 print(output)
+            else:
+                # A test's own report, after the dots of those that passed before it.
+                for line in lines:
+                    _, said, note = line.partition("note: ")
+                    if said:
+                        print(f"     {note}", flush=True)
     if failed:
         sys.exit(f"failed: {' '.join(failed)}")
 

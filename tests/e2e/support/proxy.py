@@ -36,7 +36,7 @@ SANITIZER = re.compile(r"(ERROR: (Address|Leak)Sanitizer|runtime error:|WARNING:
 
 class UeProxy:
     def __init__(self, *, arguments=(), settings="", srctransport="tcp", level=5, profiles=None, foreground=True,
-                 start=True, config_text=None, program_options=()):
+                 start=True, config_text=None, program_options=(), environment=None, stderr=None):
         self.dir = tempfile.mkdtemp(prefix="ue-proxy-e2e-")
         self.config_dir = os.path.join(self.dir, "etc")
         self.run_dir = os.path.join(self.dir, "run")
@@ -53,8 +53,9 @@ class UeProxy:
         self.log_path = os.path.join(self.dir, "log")
         self.command = [os.path.join(BIN, "ue-proxy"), *(["-f"] if foreground else []), "-c", self.config_dir, "-r",
                         self.run_dir, "-l", str(level), *arguments, *program_options]
+        self.environment = environment or {}
+        self.stderr = stderr  # where the log goes instead of its file
         self.process = None
-        self.logs_checked = False
         if start:
             self.start()
 
@@ -68,13 +69,13 @@ class UeProxy:
         cap = os.path.join(self.run_dir, "ue-proxy.cap")
         if os.path.exists(cap):
             os.unlink(cap)
-        environment = {k: v for k, v in os.environ.items() if k != "JOURNAL_STREAM"}
+        environment = {k: v for k, v in os.environ.items() if k != "JOURNAL_STREAM"} | self.environment
         # A small quarantine, so that resident memory says something under AddressSanitizer too.
         environment.setdefault("ASAN_OPTIONS", "detect_leaks=1:exitcode=99:quarantine_size_mb=4")
         environment.setdefault("TSAN_OPTIONS", "exitcode=98:halt_on_error=0")
         environment.setdefault("UBSAN_OPTIONS", "print_stacktrace=1")
         self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=self.log_file, env=environment)
+                                        stderr=self.log_file if self.stderr is None else self.stderr, env=environment)
         if ready:
             sip.wait_until(lambda: os.path.exists(cap) or self.process.poll() is not None, 20, "capability file")
             if self.process.poll() is not None:
@@ -111,9 +112,25 @@ class UeProxy:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
-    def resident_kib(self):
+    def descriptor_names(self):
+        directory = f"/proc/{self.pid}/fd"
+        return [os.readlink(os.path.join(directory, name)) for name in os.listdir(directory)]
+
+    def processor_seconds(self):
+        with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
+            user, system = file.read().rpartition(")")[2].split()[11:13]
+        return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+    def status_kib(self, name):
         with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
-            return int(re.search(r"VmRSS:\s+(\d+)", file.read()).group(1))
+            return int(re.search(rf"\n{name}:\s+(\d+)", file.read()).group(1))
+
+    def resident_kib(self):
+        return self.status_kib("VmRSS")
+
+    def private_kib(self):
+        """Resident memory without the program's own pages, which come in as its code is first used."""
+        return self.status_kib("RssAnon")
 
     def wake_ups(self):
         """Voluntary context switches of its threads so far, by thread."""

@@ -206,10 +206,14 @@ class Tcp:
 def connect(to=(LOOP, 5060), source=(LOOP, 0), timeout=3.0):
     sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    sock.bind(source)
-    sock.settimeout(timeout)
-    sock.connect(to)
-    return Stream(sock)
+    try:
+        sock.bind(source)
+        sock.settimeout(timeout)
+        sock.connect(to)
+        return Stream(sock)
+    except OSError:
+        sock.close()
+        raise
 
 
 def wait_until(condition, timeout=5.0, what="condition"):

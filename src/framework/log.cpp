@@ -33,15 +33,19 @@ class Line {
   Line(char* buffer, std::size_t size) : buffer_(buffer), room_(size - kEnd) {}
 
   void add(std::string_view text) {
-    for (const char c : text) {
-      const auto byte = static_cast<unsigned char>(c);
-      if (byte >= 0x20 && byte != 0x7f) {
-        put(&c, 1);
+    // U+0080 to U+009F are control characters too: a terminal takes "\xc2\x9b" for the beginning of a command.
+    bool second = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      const auto byte = static_cast<unsigned char>(text[i]);
+      const bool first = byte == 0xc2 && i + 1 < text.size() && (text[i + 1] & 0xe0) == 0x80;
+      if (byte >= 0x20 && byte != 0x7f && !first && !second) {
+        put(&text[i], 1);
       } else {
         constexpr char kHex[] = "0123456789abcdef";
         const char escaped[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
         put(escaped, sizeof escaped);
       }
+      second = first;
     }
   }
   void cut() { cut_ = true; }

@@ -72,7 +72,9 @@ TEST(Log, ControlBytesCannotForgeALine) {
   LogCapture log;
   IMS_log::loginfo(3, "f", "a\r\nb\t\x7f\x1b[m\xc3\xa4");
   EXPECT_TRUE(log.has("f: a\\x0d\\x0ab\\x09\\x7f\\x1b[m\xc3\xa4\n")) << log.text();
-  EXPECT_EQ(log.lines(), 1u);
+  IMS_log::loginfo(3, "f", "\xc2\x9b[m \xc2\x85 \xc2\xa0 \xc2");
+  EXPECT_TRUE(log.has("f: \\xc2\\x9b[m \\xc2\\x85 \xc2\xa0 \xc2\n")) << log.text();
+  EXPECT_EQ(log.lines(), 2u);
 }
 
 TEST(Log, LinesAboveTheThresholdAreNotWritten) {

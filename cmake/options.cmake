@@ -2,6 +2,7 @@
 
 option(UE_PROXY_TESTS "Build the unit tests" ON)
 option(UE_PROXY_BENCH "Build the benchmarks" OFF)
+option(UE_PROXY_HOSTILE "Build the hostile load" OFF)
 option(UE_PROXY_FUZZ "Build the fuzz targets (clang)" OFF)
 set(UE_PROXY_SANITIZE "" CACHE STRING "Sanitizers: address,undefined or thread")
 

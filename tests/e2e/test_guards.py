@@ -1,5 +1,5 @@
-"""What is kept apart: the registrar from the network, the XML reader from files and sockets, the log from forged lines, the
-log and the other files from secrets."""
+"""What is kept apart: the registrar from the network, the XML reader from files and sockets, the log from forged lines,
+the log and the other files from secrets."""
 import ctypes
 import hashlib
 import os
@@ -29,7 +29,8 @@ class Registrar(ProxyCase):
     def test_it_listens_on_the_loopback_address_and_on_those_of_routes_only(self):
         self.assertEqual(self.listening(), {("tcp", "0100007F"), ("udp", "0100007F")})
         self.set_route("1", "127.0.0.3:UDP:5060")
-        self.assertEqual(self.listening(), {("tcp", "0100007F"), ("udp", "0100007F"), ("tcp", "0200007F"), ("udp", "0200007F")})
+        self.assertEqual(self.listening(),
+                         {("tcp", "0100007F"), ("udp", "0100007F"), ("tcp", "0200007F"), ("udp", "0200007F")})
 
     def test_neither_register_nor_subscribe_nor_route_command_is_taken_from_the_network(self):
         self.set_route("1", "127.0.0.3:UDP:5060")
@@ -52,7 +53,6 @@ class Registrar(ProxyCase):
             stream.send(data)
             if status:
                 self.assertEqual(stream.receive().status, status)
-        # From its own socket on the network's address to the loopback address as well it is the network's.
         self.proxy.wait_log("ERROR: check why client or domain key empty", count=4)
         self.assertTrue(watcher.nothing())
         self.assertTrue(network.nothing(0.1))
@@ -107,8 +107,8 @@ class Xml(ProxyCase):
             yield f"XInclude, {kind}", document(value=include)
             yield f"XInclude first, {kind}", document(first=include)
             yield f"style sheet, {kind}", document(f'<?xml-stylesheet href="{place}"?>')
-            yield f"schema, {kind}", document(
-                attributes=' xmlns:s="http://www.w3.org/2001/XMLSchema-instance" s:noNamespaceSchemaLocation="' + place + '"')
+            yield f"schema, {kind}", document(attributes=' xmlns:s="http://www.w3.org/2001/XMLSchema-instance" '
+                                              f's:noNamespaceSchemaLocation="{place}"')
             yield f"base, {kind}", document(attributes=f' xml:base="{place}"')
         laughs = "".join(f'<!ENTITY l{n} "{f"&l{n - 1};" * 10}">' for n in range(1, 10))
         yield "billion laughs", document(f'<!DOCTYPE a [<!ENTITY l0 "lol">{laughs}]>', "&l9;")
@@ -123,8 +123,8 @@ class Xml(ProxyCase):
     def test_bodies_reach_no_file_and_no_network(self):
         peer = self.udp()
         before = self.proxy.resident_kib()
-        inner = ("<profile-info><name>home</name></profile-info><aor>{x}<ua-specific-parameters><methods>INVITE</methods>"
-                 "</ua-specific-parameters></aor>")
+        inner = ("<profile-info><name>home</name></profile-info><aor>{x}<ua-specific-parameters>"
+                 "<methods>INVITE</methods></ua-specific-parameters></aor>")
         for number, (name, body) in enumerate(self.hostile("ua-info", inner)):
             peer.send(sip.register(6000 + number, body, via=peer.via, user=f"u{number}"))
             peer.receive()  # whatever the answer
@@ -147,7 +147,8 @@ class Xml(ProxyCase):
         self.assertFalse(self.proxy.has(self.CANARY))
 
     def test_profile_names_lead_to_no_other_file(self):
-        for name in (self.canary, "../canary", "../../canary.xml", "..", ".", "./home", "home/../../canary", "%2e%2e/canary"):
+        for name in (self.canary, "../canary", "../../canary.xml", "..", ".", "./home", "home/../../canary",
+                     "%2e%2e/canary"):
             peer = self.udp()
             peer.send(sip.register(5071, sip.ua_info(name), via=peer.via))
             peer.receive()
@@ -179,14 +180,17 @@ class ForgedLines(ProxyCase):
         ua, network = self.udp(5071), self.udp(5060, "127.0.0.3")
         stream, far = self.connect(), self.connect(to=NETWORK, source=("127.0.0.3", 0))
         for number, value in self.values():
-            parts = [("uri", f"sip:{value}@example.net"), ("to", f'"{value}" <sip:x@127.0.0.1>'), ("to", f"<sip:{value}@127.0.0.1>"),
-                     ("frm", f'"{value}" <sip:alice@example.net>'), ("frm", f"<sip:{value}@127.0.0.1>"), ("call_id", value),
-                     ("contact", f"<sip:{value}@x>"), ("via", f"127.0.0.1:5071;p={value}"), ("via", f"127.0.0.3:5060;p={value}"),
+            parts = [("uri", f"sip:{value}@example.net"), ("call_id", value), ("contact", f"<sip:{value}@x>"),
+                     ("to", f'"{value}" <sip:x@127.0.0.1>'), ("to", f"<sip:{value}@127.0.0.1>"),
+                     ("frm", f'"{value}" <sip:alice@example.net>'), ("frm", f"<sip:{value}@127.0.0.1>"),
+                     ("via", f"127.0.0.1:5071;p={value}"), ("via", f"127.0.0.3:5060;p={value}"),
                      ("method", value), ("body", value), *((("headers", [(name, value)])) for name in (
-                         "Event", "Accept-Contact", "P-Asserted-Identity", "Content-Type", "Proxy-Authorization", "Authorization",
+                         "Event", "Accept-Contact", "P-Asserted-Identity", "Content-Type", "Proxy-Authorization",
+                         "Authorization",
                          "Route", "Record-Route", "User-Agent"))]
             for name, part in parts:
-                given = dict({"method": "MESSAGE", "uri": "sip:x@example.net", "via": "127.0.0.1:5071", "to": "<sip:x@example.net>",
+                given = dict({"method": "MESSAGE", "uri": "sip:x@example.net", "via": "127.0.0.1:5071",
+                              "to": "<sip:x@example.net>",
                               "frm": "<sip:alice@example.net>", "call_id": f"c{number}"}, **{name: part})
                 method, uri = given.pop("method"), given.pop("uri")
                 data = sip.request(method, uri, **given)
@@ -205,8 +209,9 @@ class ForgedLines(ProxyCase):
                 status = 407 if name.startswith("Proxy") else 401
                 answer = (f"SIP/2.0 {status} {value}\r\nVia: SIP/2.0/UDP 127.0.0.2:5060;branch=z9hG4bK1;mok=1\r\n"
                           "Via: SIP/2.0/UDP 127.0.0.1:5071;branch=z9hG4bK2\r\nFrom: <sip:alice@example.net>;tag=a\r\n"
-                          f"To: <sip:x@example.net>;tag=b\r\nCall-ID: {value}\r\nCSeq: 1 INVITE\r\n{name}: Digest realm=\"{value}\", "
-                          f'nonce="n"\r\n{name}: {value}\r\nContent-Length: 0\r\n\r\n').encode()
+                          f"To: <sip:x@example.net>;tag=b\r\nCall-ID: {value}\r\nCSeq: 1 INVITE\r\n"
+                          f'{name}: Digest realm="{value}", nonce="n"\r\n{name}: {value}\r\n'
+                          "Content-Length: 0\r\n\r\n").encode()
                 network.send(answer, NETWORK)
         stream.close()
         far.close()
@@ -223,10 +228,12 @@ class ForgedLines(ProxyCase):
                 # A character that XML does not know at all costs the body; the others arrive as they are.
                 for body in (sip.ua_info(f"p{text}", f"a{number}@example.net", [text], text, text, text),
                              sip.ua_info("home", text), sip.MODULE_INFO.format(packages=text)):
-                    peer.send(sip.register(6000 + number, body, via=peer.via, user=f"u{number}", call_id=sip.unique("c")))
+                    peer.send(sip.register(6000 + number, body, via=peer.via, user=f"u{number}",
+                                           call_id=sip.unique("c")))
                     peer.receive()
                 for body in (sip.route_body("set-route", text, f"127.0.0.3:{text}:5060", text),
-                             sip.route_body(text, text, f"{text}:UDP:5060", text), sip.route_body("update-route", text, text)):
+                             sip.route_body(text, text, f"{text}:UDP:5060", text),
+                             sip.route_body("update-route", text, text)):
                     peer.send(sip.route_command(peer.via, body))
                     self.register(5071)
             while True:
@@ -269,8 +276,10 @@ class Secrets(unittest.TestCase):
                 (streams[0] if streams else ua).send(data)
                 return self.received(network, listener, streams)
 
-            own = ('Digest username="u", realm="{}", nonce="{}", uri="sip:x", response="own-response", cnonce="own-cnonce"')
-            bad = [own.format("r", "n") + ', x="', own.format("r", "n") + "".join(f", p{n}=1" for n in range(100)), "Basic own-password",
+            own = ('Digest username="u", realm="{}", nonce="{}", uri="sip:x", '
+                   'response="own-response", cnonce="own-cnonce"')
+            bad = [own.format("r", "n") + ', x="', own.format("r", "n") + "".join(f", p{n}=1" for n in range(100)),
+                   "Basic own-password",
                    "own-password", own.format("r", "n") + ", y=" + "z" * 3000]
             for name, status, challenge in (("Authorization", 401, "WWW-Authenticate"),
                                             ("Proxy-Authorization", 407, "Proxy-Authenticate")):
@@ -314,7 +323,8 @@ class Secrets(unittest.TestCase):
                         with open(os.path.join(proxy.run_dir, "ue-proxy.cap"), encoding="ascii") as file:
                             cap = file.read()
                         self.assertEqual([line.partition(":")[0] for line in cap.splitlines()], ["Contact", "Route"])
-                        files = {name: open(os.path.join(proxy.run_dir, name), encoding="utf-8", errors="replace").read()
+                        files = {name: open(os.path.join(proxy.run_dir, name), encoding="utf-8",
+                                            errors="replace").read()
                                  for name in os.listdir(proxy.run_dir) if not name.endswith(".sock")}
                         self.assertIn("ue-proxy.pid", files)
                         proxy.stop()
@@ -328,7 +338,8 @@ class Secrets(unittest.TestCase):
                         proxy.remove()
 
     def test_the_fault_of_a_profile_does_not_quote_it(self):
-        texts = ["<network-profile><secret>wonderland</secret>", "<network-profile><secret>wonderland</network-profile>",
+        texts = ["<network-profile><secret>wonderland</secret>",
+                 "<network-profile><secret>wonderland</network-profile>",
                  "<network-profile><secret>wonder&land;wonderland</secret></network-profile>",
                  "<network-profile><secret>\x01wonderland</secret></network-profile>",
                  "<network-profile><secret>" + "wonderland" * 8000 + "</secret></network-profile>"]
@@ -336,10 +347,12 @@ class Secrets(unittest.TestCase):
         try:
             peer = sip.Udp()
             for number in range(len(texts)):
-                peer.send(sip.register(6000 + number, sip.ua_info(f"p{number}", f"u{number}@example.net"), user=f"u{number}",
+                peer.send(sip.register(6000 + number, sip.ua_info(f"p{number}", f"u{number}@example.net"),
+                                       user=f"u{number}",
                                        via=peer.via))
                 self.assertEqual(peer.receive().status, 200)
-                peer.send(sip.route_command(peer.via, sip.route_body("set-route", str(number + 1), "127.0.0.3:UDP:5060")))
+                peer.send(sip.route_command(peer.via,
+                                            sip.route_body("set-route", str(number + 1), "127.0.0.3:UDP:5060")))
                 self.assertEqual(peer.receive().status, 200)
             peer.close()
             proxy.stop()

@@ -1,0 +1,53 @@
+"""The hostile load of `./dev hostile` in small, for what must hold at any speed: every call of the good client goes
+through, and the proxy is afterwards what it was before."""
+import os
+import sys
+import unittest
+
+sys.path.insert(1, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "hostile"))
+
+import scenario
+import worst_case
+
+
+class Hostile(unittest.TestCase):
+    def test_attacks_one_after_the_other_cost_no_call(self):
+        scene = scenario.Scene(rate=20, settings="<max-connections>128</max-connections>")
+        try:
+            for name, attack in (("mutations", lambda: scene.mutate(4000, 2000)), ("slow", lambda: scene.slow(200, 2)),
+                                 ("stalled", lambda: scene.stall(10, 1)),
+                                 ("streams", lambda: scene.flood("streams", 0, 1)),
+                                 ("messages", lambda: scene.flood("messages", 3000, 1)),
+                                 ("registers", lambda: scene.flood("registers", 500, 1))):
+                scene.measure(name, attack, 0.2, 0.2)
+            for result in scene.finish():
+                with self.subTest(result["attack"]):
+                    for way in ("UDP", "TCP"):
+                        self.assertGreater(result["during"][way]["calls"], 5)
+                        self.assertEqual(result["during"][way]["failed"], {})
+                    self.assertTrue(result["same_process"])
+                    before, after = result["descriptors"]
+                    self.assertLessEqual(after, before)
+        except BaseException:
+            print(scene.proxy.log()[-6000:])
+            raise
+        finally:
+            scene.close()
+
+    def test_inputs_that_are_hard_to_read_are_read(self):
+        inputs = scenario.Inputs()
+        try:
+            for number, (name, side, transport, data) in enumerate(worst_case.all_inputs()):
+                stream = inputs.send(side, transport, data)
+                if stream:
+                    stream.close()
+                if number % 20 == 0:
+                    inputs.drain()
+                    inputs.processor_ms()  # so that few are lost in a full buffer
+                self.assertTrue(inputs.proxy.alive(), name)
+        finally:
+            inputs.close()
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

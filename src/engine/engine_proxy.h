@@ -92,7 +92,7 @@ class IMS_engine_proxy : public IMS_UA_With_State_Machine {
   // --- Connections --------------------------------------------------------------------------------------------------
 
   /// The tag of an accepted connection; empty when it is not in the table.
-  static std::string find_tcp_server_conn(const SIPLIB_SIPConnection* connection);
+  static const std::string& find_tcp_server_conn(const SIPLIB_SIPConnection* connection);
   /// The accepted connection of a tag; null when there is none.
   static SIPLIB_SIPServerTcpTransport* find_tcp_server_conn(const std::string& tag);
   /// Null when it could not be opened. A TCP one gets `client_list` as listener.

@@ -29,7 +29,7 @@ bool IMS_engine_proxy::is_tcp(const std::string& transport) {
 
 // --- The table
 
-std::string IMS_engine_proxy::find_tcp_server_conn(const SIPLIB_SIPConnection* connection) {
+const std::string& IMS_engine_proxy::find_tcp_server_conn(const SIPLIB_SIPConnection* connection) {
   IMS_log::loginfo(5, __func__, "Searching Server Table for Conn=%p", static_cast<const void*>(connection));
   for (std::size_t i = 0; i < tcp_servconn_table.size(); ++i) {
     if (tcp_servconn_table[i].connection != connection) continue;
@@ -37,7 +37,8 @@ std::string IMS_engine_proxy::find_tcp_server_conn(const SIPLIB_SIPConnection* c
     return tcp_servconn_table[i].tag;
   }
   IMS_log::loginfo(3, __func__, "Didn't find matching Server Conn=%p", static_cast<const void*>(connection));
-  return {};
+  static const std::string none;
+  return none;
 }
 
 SIPLIB_SIPServerTcpTransport* IMS_engine_proxy::find_tcp_server_conn(const std::string& tag) {

@@ -86,9 +86,10 @@ SIPLIB_SIPTransportConnection* transport_of(void* data, const char* function) {
 
 /// True for a route command: a MESSAGE to the proxy's own address, naming no user.
 bool is_for_proxy(const SIPLIB_SIPAddress& to, const std::string& method, const char* function) {
-  const std::string user = to.getUser();
-  const std::string host = to.getHost();
-  IMS_log::loginfo(5, function, "To:user=%s, To:host=%s, method=%s", user.c_str(), host.c_str(), method.c_str());
+  const std::string_view user = to.getUser();
+  const std::string_view host = to.getHost();
+  IMS_log::loginfo(5, function, "To:user=%.*s, To:host=%.*s, method=%s", static_cast<int>(user.size()), user.data(),
+                   static_cast<int>(host.size()), host.data(), method.c_str());
   if (!user.empty() || host != IMS_engine_proxy::localhost_ip || method != "MESSAGE") return false;
   IMS_log::loginfo(5, function, "MESSAGE on %s:%s will be handled by Proxy", IMS_engine_proxy::localhost_ip.c_str(),
                    IMS_engine_proxy::localhost_port.c_str());

@@ -5,9 +5,9 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "framework/log.h"
-#include "siplib/address.h"
 #include "siplib/message.h"
 
 namespace intake {
@@ -21,20 +21,24 @@ constexpr const char* kFunction = "handleIncomingMessage";
 }  // namespace
 
 bool parse(const char* text, unsigned int length, SIPLIB_message** message) {
-  const std::size_t size = length;
-  const std::unique_ptr<char[]> copy(new (std::nothrow) char[size + 1]);
-  if (!copy) {
-    IMS_log::loginfo(3, kFunction, "Memory allocation failed for buffer");
-    return false;
-  }
   // What stands after a NUL is never shown to the parser, nor is whatever the memory held before.
+  const std::size_t size = length;
   const std::size_t used = size == 0 ? 0 : strnlen(text, size);
-  std::memcpy(copy.get(), text, used);
-  std::memset(copy.get() + used, 0, size + 1 - used);
+  std::unique_ptr<char[]> copy;
+  if (used < size) {
+    copy.reset(new (std::nothrow) char[size]);
+    if (!copy) {
+      IMS_log::loginfo(3, kFunction, "Memory allocation failed for buffer");
+      return false;
+    }
+    std::memcpy(copy.get(), text, used);
+    std::memset(copy.get() + used, 0, size - used);
+    text = copy.get();
+  }
 
   SIPLIB_message* parsed = nullptr;
   try {
-    parsed = new (std::nothrow) SIPLIB_message(copy.get(), size);
+    parsed = new (std::nothrow) SIPLIB_message(text, size);
   } catch (const std::bad_alloc&) {
     // Its own buffers are memory like any other.
   }
@@ -52,15 +56,18 @@ bool parse(const char* text, unsigned int length, SIPLIB_message** message) {
 Target target(const SIPLIB_message& message, std::string_view header) {
   const std::optional<std::string_view> value = message.header(header);
   if (!value || value->size() >= kHeaderBuffer) return {};
-  const std::unique_ptr<SIPLIB_SIPAddress> address(SIPLIB_SIPAddress::createSIPAddressObject(header, *value));
+  std::unique_ptr<const SIPLIB_SIPAddress> address(SIPLIB_SIPAddress::createSIPAddressObject(header, *value));
   if (!address) return {};
-  return {address->getHost(), address->getUser()};
+  const std::string_view host = address->getHost();
+  const std::string_view user = address->getUser();
+  return {std::move(address), host, user};
 }
 
 bool is_from_registrar(const SIPLIB_message& message) {
   const Target from = target(message, "From");
-  IMS_log::loginfo(5, kFunction, "Incoming Response message From:host=%s, From:user=%s", from.host.c_str(),
-                   from.user.c_str());
+  IMS_log::loginfo(5, kFunction, "Incoming Response message From:host=%.*s, From:user=%.*s",
+                   static_cast<int>(from.host.size()), from.host.data(), static_cast<int>(from.user.size()),
+                   from.user.data());
   if (from.user != "registrar" || from.host != kLoopback) return false;
   IMS_log::loginfo(5, kFunction, "Redirected response to Registrar");
   return true;

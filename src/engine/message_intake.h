@@ -2,8 +2,10 @@
 // answers to the registrar's own requests.
 #pragma once
 
-#include <string>
+#include <memory>
 #include <string_view>
+
+#include "siplib/address.h"
 
 class SIPLIB_message;
 
@@ -14,8 +16,9 @@ inline constexpr std::string_view kLoopback = "127.0.0.1";
 
 /// Where an address header points; both empty when the header is absent, too long or no address.
 struct Target {
-  std::string host;
-  std::string user;
+  std::unique_ptr<const SIPLIB_SIPAddress> address;  ///< What the views look at; may be null.
+  std::string_view host;
+  std::string_view user;
 };
 
 /// Parses a copy of the text that ends at its first NUL and is zero from there on. False, with a log line, when there

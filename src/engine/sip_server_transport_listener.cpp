@@ -63,8 +63,9 @@ bool IMS_Proxy_SipServerTransportListener::handleIncomingMessage(char* text, uns
 
   const std::string method(received.method());
   const intake::Target to = intake::target(received, "To");
-  IMS_log::loginfo(5, __func__, "Incoming Request message To:host=%s, To:user=%s, method=%s", to.host.c_str(),
-                   to.user.c_str(), method.c_str());
+  IMS_log::loginfo(5, __func__, "Incoming Request message To:host=%.*s, To:user=%.*s, method=%s",
+                   static_cast<int>(to.host.size()), to.host.data(), static_cast<int>(to.user.size()), to.user.data(),
+                   method.c_str());
   // Deliberately unequal: every REGISTER to the loopback address is the registrar's, whatever user it names, but a
   // SUBSCRIBE only when it names the registrar. Any other SUBSCRIBE is for a local user agent.
   if (to.host == intake::kLoopback && (method == "REGISTER" || (method == "SUBSCRIBE" && to.user == "registrar"))) {

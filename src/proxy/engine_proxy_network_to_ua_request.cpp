@@ -38,7 +38,7 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
     IMS_log::loginfo(3, __func__, "createSIPHeaderObject failed for viah");
     return false;
   }
-  const forwarding::RequestUri uri = forwarding::read_request_uri(__func__, connection);
+  const forwarding::RequestUri uri(__func__, connection);
 
   std::string tag;
   if (!uri.in_dialog()) {
@@ -67,9 +67,8 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
   }
   IMS_log::loginfo(5, __func__, "string to be added in Via and Contact is %s", tag.c_str());
 
-  std::string host;
+  siplib::Scratch host, branch;
   std::string port = "5060";
-  std::string branch;
   via_header->getParameter("host", host);
   via_header->getParameter("port", port);
   if (via_header->getParameter("branch", branch) != 0) {
@@ -95,13 +94,14 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
 void IMS_engine_proxy::process_network_to_ua_tcp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
-  std::string via, contact, client_key, domain_key;
+  siplib::Scratch via, contact;
+  std::string client_key, domain_key;
   if (!update_network_to_ua_request_via_contact(connection, from, to, method, via, contact, client_key, domain_key)) {
     IMS_log::loginfo(3, __func__, "ERROR: check why client or domain key empty");
     return;
   }
-  const std::string st_tag = find_tcp_server_conn(connection);
-  if (!st_tag.empty()) via += ";st=" + st_tag;
+  const std::string& st_tag = find_tcp_server_conn(connection);
+  if (!st_tag.empty()) via.append(";st=").append(st_tag);
 
   SIPLIB_SIPTransportConnection* client = rt->client(client_key)->tcp_client_conn;
   if (!forwarding::is_there(__func__, client, "client", client_key)) return;
@@ -115,7 +115,8 @@ void IMS_engine_proxy::process_network_to_ua_udp_request(SIPLIB_SIPTransportConn
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
   IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
-  std::string via, contact, client_key, domain_key;
+  siplib::Scratch via, contact;
+  std::string client_key, domain_key;
   if (!update_network_to_ua_request_via_contact(connection, from, to, method, via, contact, client_key, domain_key)) {
     IMS_log::loginfo(4, __func__, "ERROR: check why client_key/domain_key empty");
     return;

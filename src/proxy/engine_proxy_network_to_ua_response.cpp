@@ -36,7 +36,7 @@ void learn_challenge(const char* function, SIPLIB_SIPTransportConnection* connec
 bool restore_response(const char* function, IMS_engine_proxy& engine, SIPLIB_SIPTransportConnection* connection,
                       std::string& client_key, std::string& st_tag) {
   IMS_log::loginfo(5, function, "Received a response on connection=%p", static_cast<const void*>(connection));
-  std::string via;
+  siplib::Scratch via;
   if (!engine.update_network_to_ua_response_via_contact(connection, via, client_key, st_tag)) {
     IMS_log::loginfo(3, function, "ERROR: check why returning client_key=%s, stag=%s", client_key.c_str(),
                      st_tag.c_str());
@@ -70,19 +70,21 @@ bool IMS_engine_proxy::update_network_to_ua_response_via_contact(SIPLIB_SIPTrans
   via_header->setParameter("port", client->ua_port);
   via_header->getHeaderValue(via);
   forwarding::cut_from(via, tag);
-  std::string contact;
+  siplib::Scratch contact;
   forwarding::tag_contact(connection, tag, contact);
   return true;
 }
 
 void IMS_engine_proxy::process_network_to_ua_tcp_response(SIPLIB_SIPTransportConnection* connection) {
-  std::string client_key, st_tag;
+  std::string client_key;
+  siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
   forwarding::send_response(__func__, connection, st_tag, "", "client", client_key);
 }
 
 void IMS_engine_proxy::process_network_to_ua_udp_response(SIPLIB_SIPTransportConnection* connection) {
-  std::string client_key, st_tag;
+  std::string client_key;
+  siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
   const RoutingTable_Entry_T& client = *rt->client(client_key);
   if (const void* sent_on = forwarding::send_udp_to_client(__func__, connection, client_key, client)) {

@@ -26,10 +26,9 @@ void select(const std::string& key, std::string& client_key, std::string& domain
 }  // namespace
 
 void IMS_engine_proxy::get_clients_from_feature_tag_headers(SIPLIB_SIPTransportConnection* connection, Keys& keys) {
-  std::string text;
-  std::string value;
+  siplib::Scratch text, value;
   for (const char* name : {"Contact", "Accept-Contact", "P-Preferred-Identity", "P-Asserted-Identity"}) {
-    if (connection->getHeader(name, value) == 0) text += value + " ";
+    if (connection->getHeader(name, value) == 0) text.append(value).append(" ");
   }
   if (!text.empty()) rt->findClients_FtrTag(text, keys);
 }
@@ -39,9 +38,10 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
                                                                     const std::string& method, std::string& domain_key,
                                                                     std::string& client_key) {
   IMS_log::loginfo(5, __func__, "find_domain_and_client_network_to_ua_request");
-  Keys keys;
+  static thread_local Keys keys;  // its room stays for the next request
+  keys.clear();
 
-  std::string event;
+  siplib::Scratch event;
   if (connection->getHeader("Event", event) == 0) {
     IMS_log::loginfo(5, __func__, "Event based routing, event=%s", event.c_str());
     rt->findClients(CF_EVENT, event, keys);
@@ -68,7 +68,8 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
                      static_cast<int>(keys.size()));
   } else {
     if (to == nullptr) return;
-    const std::string aor = to->getUser() + "@" + to->getHost();
+    siplib::Scratch aor(to->getUser());
+    aor.append("@").append(to->getHost());
     rt->findClients(CF_AOR, aor, keys);
     if (keys.size() == 1) {
       select(keys.front(), client_key, domain_key);
@@ -109,7 +110,7 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
 
   // Deliberate: only among clients that a feature tag or an AOR named. Clients that merely support the method are no
   // candidates here, so that a content type alone never picks a client.
-  std::string content_type;
+  siplib::Scratch content_type;
   if (connection->getHeader("Content-Type", content_type) != 0) {
     IMS_log::loginfo(
         3, __func__,

@@ -18,10 +18,14 @@ namespace {
 
 constexpr std::size_t kLongestMethod = 16;
 
-std::string header(const SIPLIB_SIPTransportConnection* connection, const char* name) {
-  std::string value;
-  connection->getHeader(name, value);
-  return value;
+/// From or To taken apart; null with one line when it is absent or does not parse.
+SIPLIB_SIPAddress* read_address(const char* function, const SIPLIB_SIPTransportConnection* connection, const char* name,
+                                const char* name_in_capitals) {
+  const std::string_view value = connection->viewHeader(name);
+  IMS_log::loginfo(5, function, "%s=%.*s", name, static_cast<int>(value.size()), value.data());
+  SIPLIB_SIPAddress* const address = SIPLIB_SIPAddress::createSIPAddressObject(name, value);
+  if (address == nullptr) IMS_log::loginfo(3, function, "createSIPAddressObject() failed for %s", name_in_capitals);
+  return address;
 }
 
 }  // namespace
@@ -37,7 +41,7 @@ bool IMS_engine_proxy::get_parameter(const std::string& name, const std::string&
   const std::size_t begin = found + name.size() + 1;
   std::size_t end = text.find(';', begin);
   if (end == std::string::npos) end = text.find(' ', begin);
-  value = text.substr(begin, end == std::string::npos ? end : end - begin);
+  value.assign(text, begin, end == std::string::npos ? end : end - begin);
   IMS_log::loginfo(5, __func__, "name=%s, value=%s", name.c_str(), value.c_str());
   return !value.empty();
 }
@@ -51,16 +55,8 @@ void IMS_engine_proxy::get_from_to_method(SIPLIB_SIPTransportConnection* connect
     if (method.size() > kLongestMethod) method.resize(kLongestMethod);
   }
 
-  const std::string from_value = header(connection, "From");
-  IMS_log::loginfo(5, __func__, "From=%s", from_value.c_str());
-  from = SIPLIB_SIPAddress::createSIPAddressObject("From", from_value);
-  if (from == nullptr) IMS_log::loginfo(3, __func__, "createSIPAddressObject() failed for FROM");
-
-  const std::string to_value = header(connection, "To");
-  IMS_log::loginfo(5, __func__, "To=%s", to_value.c_str());
-  to = SIPLIB_SIPAddress::createSIPAddressObject("To", to_value);
-  if (to == nullptr) IMS_log::loginfo(3, __func__, "createSIPAddressObject() failed for TO");
-
+  from = read_address(__func__, connection, "From", "FROM");
+  to = read_address(__func__, connection, "To", "TO");
   IMS_log::loginfo(5, __func__, "reqmsg=%d, method=%s", is_request ? 1 : 0, method.c_str());
 }
 
@@ -98,7 +94,7 @@ std::string IMS_engine_proxy::get_client_key_from_via(std::string& key, const st
 }
 
 bool IMS_engine_proxy::get_profile_id_from_via(SIPLIB_SIPTransportConnection* connection, std::string& profile) {
-  get_parameter("profile", header(connection, "Via"), profile);
+  get_parameter("profile", siplib::Scratch(connection->viewHeader("Via")), profile);
   IMS_log::loginfo(5, __func__, "Profile is %s", profile.c_str());
   return !profile.empty();
 }

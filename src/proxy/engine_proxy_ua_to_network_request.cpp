@@ -80,7 +80,7 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
     IMS_log::loginfo(3, __func__, "createSIPHeaderObject failed for viah");
     return false;
   }
-  const forwarding::RequestUri uri = forwarding::read_request_uri(__func__, connection);
+  const forwarding::RequestUri uri(__func__, connection);
 
   std::string tags;
   if (!uri.in_dialog()) {
@@ -110,7 +110,7 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
   via_header->getHeaderValue(via);
   via += tags;
 
-  std::string contact;
+  siplib::Scratch contact;
   if (connection->getHeader("Contact", contact) == 0) {
     const std::unique_ptr<SIPLIB_SIPAddress> address(SIPLIB_SIPAddress::createSIPAddressObject("Contact", contact));
     if (!address) {
@@ -137,11 +137,12 @@ bool IMS_engine_proxy::update_ua_to_network_request_via_contact(SIPLIB_SIPTransp
 void IMS_engine_proxy::process_ua_to_network_tcp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
-  std::string via, domain_key;
+  siplib::Scratch via;
+  std::string domain_key;
   const DomainTable_Entry_T* domain = prepare_request(__func__, *this, connection, method, from, to, via, domain_key);
   if (domain == nullptr) return;
-  const std::string st_tag = find_tcp_server_conn(connection);
-  if (!st_tag.empty()) via += ";st=" + st_tag;
+  const std::string& st_tag = find_tcp_server_conn(connection);
+  if (!st_tag.empty()) via.append(";st=").append(st_tag);
   connection->setHeader("Via", via);
 
   SIPLIB_SIPTransportConnection* network = domain->tcp_client_conn;
@@ -154,10 +155,12 @@ void IMS_engine_proxy::process_ua_to_network_tcp_request(SIPLIB_SIPTransportConn
 void IMS_engine_proxy::process_ua_to_network_udp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
-  std::string via, domain_key;
+  siplib::Scratch via;
+  std::string domain_key;
   const DomainTable_Entry_T* domain = prepare_request(__func__, *this, connection, method, from, to, via, domain_key);
   if (domain == nullptr) return;
-  connection->setHeader("Via", via + ";st=0");
+  via += ";st=0";
+  connection->setHeader("Via", via);
   if (const void* sent_on = forwarding::send_udp_to_network(__func__, connection, domain_key, *domain)) {
     IMS_log::loginfo(5, __func__, "Sent the request on connection=%p", sent_on);
   }

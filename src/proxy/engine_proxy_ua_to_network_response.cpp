@@ -15,7 +15,7 @@ namespace {
 bool restore_response(const char* function, IMS_engine_proxy& engine, SIPLIB_SIPTransportConnection* connection,
                       std::string& domain_key, std::string& st_tag) {
   IMS_log::loginfo(5, function, "Received a response on connection=%p", static_cast<const void*>(connection));
-  std::string via;
+  siplib::Scratch via;
   if (!engine.update_ua_to_network_response_via_contact(connection, via, domain_key, st_tag)) {
     IMS_log::loginfo(3, function, "ERROR: check why returning domain_key=%s, stag=%s", domain_key.c_str(),
                      st_tag.c_str());
@@ -59,26 +59,28 @@ bool IMS_engine_proxy::update_ua_to_network_response_via_contact(SIPLIB_SIPTrans
                    proxy.proxy_port.c_str());
   via_header->setParameter("host", proxy.proxy_ip);
   via_header->setParameter("port", proxy.proxy_port);
-  std::string branch;
+  siplib::Scratch branch;
   if (via_header->getParameter("branch", branch) == 0 && branch == forwarding::kNoBranch) {
     via_header->removeParameter("branch");
   }
   via_header->getHeaderValue(via);
   forwarding::cut_from(via, tag);
-  std::string contact;
+  siplib::Scratch contact;
   forwarding::tag_contact(connection, tag, contact);
   forwarding::add_user_agent(__func__, connection);
   return true;
 }
 
 void IMS_engine_proxy::process_ua_to_network_tcp_response(SIPLIB_SIPTransportConnection* connection) {
-  std::string domain_key, st_tag;
+  std::string domain_key;
+  siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, domain_key, st_tag)) return;
   forwarding::send_response(__func__, connection, st_tag, " ", "domain", domain_key);
 }
 
 void IMS_engine_proxy::process_ua_to_network_udp_response(SIPLIB_SIPTransportConnection* connection) {
-  std::string domain_key, st_tag;
+  std::string domain_key;
+  siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, domain_key, st_tag)) return;
   const DomainTable_Entry_T& domain = *rt->domain(domain_key);
   if (const void* sent_on = forwarding::send_udp_to_network(__func__, connection, domain_key, domain)) {

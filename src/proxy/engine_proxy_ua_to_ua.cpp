@@ -14,14 +14,17 @@
 
 namespace {
 
-std::string tags(const std::string& source_key, const std::string& destination_key) {
-  return ";scli=" + source_key + ";dcli=" + destination_key;
+void append_tags(std::string& text, const std::string& source_key, const std::string& destination_key) {
+  text.append(";scli=").append(source_key).append(";dcli=").append(destination_key);
 }
 
-void retag_contact(SIPLIB_SIPTransportConnection* connection, const std::string& contact_tags) {
-  std::string contact;
+void retag_contact(SIPLIB_SIPTransportConnection* connection, const std::string& source_key,
+                   const std::string& destination_key) {
+  siplib::Scratch contact;
   if (connection->getHeader("Contact", contact) != 0) return;
-  IMS_engine_proxy::update_contact(contact, ";scli=", contact_tags);
+  siplib::Scratch tags;
+  append_tags(tags, source_key, destination_key);
+  IMS_engine_proxy::update_contact(contact, ";scli=", tags);
   connection->setHeader("Contact", contact);
 }
 
@@ -55,7 +58,9 @@ std::string find_by_event(const char* function, const SIPLIB_SIPTransportConnect
 bool route_fresh_request(const char* function, SIPLIB_SIPTransportConnection* connection, const SIPLIB_SIPHeader& via,
                          std::string& source_key, std::string& destination_key) {
   const IMS_Proxy_RoutingTable_Impl& table = *IMS_engine_proxy::rt;
-  connection->addHeader("Record-Route", "<sip:127.0.0.1:" + IMS_engine_proxy::localhost_port + ">");
+  siplib::Scratch own_route("<sip:127.0.0.1:");
+  own_route.append(IMS_engine_proxy::localhost_port).append(">");
+  connection->addHeader("Record-Route", own_route);
 
   std::string port;
   via.getParameter("port", port);
@@ -65,9 +70,8 @@ bool route_fresh_request(const char* function, SIPLIB_SIPTransportConnection* co
     return false;
   }
 
-  std::string to_value;
-  connection->getHeader("To", to_value);
-  const std::unique_ptr<SIPLIB_SIPAddress> to(SIPLIB_SIPAddress::createSIPAddressObject("To", to_value));
+  const std::unique_ptr<SIPLIB_SIPAddress> to(
+      SIPLIB_SIPAddress::createSIPAddressObject("To", connection->viewHeader("To")));
   if (!to) {
     IMS_log::loginfo(3, function, "createSIPAddressObject failed for addr");
     return false;
@@ -99,7 +103,7 @@ bool route_fresh_request(const char* function, SIPLIB_SIPTransportConnection* co
 bool restore_response(const char* function, IMS_engine_proxy& engine, SIPLIB_SIPTransportConnection* connection,
                       std::string& source_key, std::string& st_tag) {
   IMS_log::loginfo(5, function, "Received a response on connection=%p", static_cast<const void*>(connection));
-  std::string via;
+  siplib::Scratch via;
   if (!engine.update_int_response_via_contact(connection, via, source_key, st_tag)) {
     IMS_log::loginfo(3, function, "ERROR: check why returning src_client_key=%s, stag=%s", source_key.c_str(),
                      st_tag.c_str());
@@ -119,7 +123,7 @@ bool IMS_engine_proxy::update_int_request_via_contact(SIPLIB_SIPTransportConnect
     IMS_log::loginfo(3, __func__, "createSIPHeaderObject failed for viah");
     return false;
   }
-  const std::string uri = connection->getRequestURI();
+  const siplib::Scratch uri(connection->viewRequestURI());
   std::string source_key;
   if (get_parameter("scli", uri, source_key)) {
     get_parameter("dcli", uri, destination_key);
@@ -132,10 +136,10 @@ bool IMS_engine_proxy::update_int_request_via_contact(SIPLIB_SIPTransportConnect
     return false;
   }
   // Swapped: the contact is where the other side will send, and then this destination is the source.
-  retag_contact(connection, tags(destination_key, source_key));
+  retag_contact(connection, destination_key, source_key);
   via_header->setParameter("port", localhost_port);
   via_header->getHeaderValue(via);
-  via += tags(source_key, destination_key);
+  append_tags(via, source_key, destination_key);
   return true;
 }
 
@@ -151,7 +155,7 @@ bool IMS_engine_proxy::update_int_response_via_contact(SIPLIB_SIPTransportConnec
     return false;
   }
   // Of a TCP exchange this is not a bare key: the st text clings to it.
-  std::string destination_key;
+  siplib::Scratch destination_key;
   get_parameter("dcli", via, destination_key);
   get_parameter("st", via, st_tag);
   IMS_log::loginfo(5, __func__, "scli(Source Client)=%s;dcli(Destination Client)=%s;st=%s", source_key.c_str(),
@@ -162,7 +166,7 @@ bool IMS_engine_proxy::update_int_response_via_contact(SIPLIB_SIPTransportConnec
     return false;
   }
   via_header->setParameter("port", source->ua_port);
-  retag_contact(connection, tags(source_key, destination_key));
+  retag_contact(connection, source_key, destination_key);
   via_header->getHeaderValue(via);
   forwarding::cut_from(via, ";scli=");
   return true;
@@ -170,15 +174,16 @@ bool IMS_engine_proxy::update_int_response_via_contact(SIPLIB_SIPTransportConnec
 
 void IMS_engine_proxy::process_ua_to_ua_tcp_request(SIPLIB_SIPTransportConnection* connection) {
   IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
-  std::string via, client_key;
+  siplib::Scratch via;
+  std::string client_key;
   if (!update_int_request_via_contact(connection, via, client_key)) {
     IMS_log::loginfo(4, __func__, "ERROR: check why dst_client_key/src_client_key empty");
     return;
   }
   // Deliberate: no semicolon, unlike on every other path. The st tag still reads back correctly; a dcli does not, so
   // that of a local TCP dialog only the called side's later requests find their client.
-  const std::string st_tag = find_tcp_server_conn(connection);
-  if (!st_tag.empty()) via += "st=" + st_tag;
+  const std::string& st_tag = find_tcp_server_conn(connection);
+  if (!st_tag.empty()) via.append("st=").append(st_tag);
   connection->setHeader("Via", via);
 
   SIPLIB_SIPTransportConnection* client = rt->client(client_key)->tcp_client_conn;
@@ -190,25 +195,29 @@ void IMS_engine_proxy::process_ua_to_ua_tcp_request(SIPLIB_SIPTransportConnectio
 
 void IMS_engine_proxy::process_ua_to_ua_udp_request(SIPLIB_SIPTransportConnection* connection) {
   IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
-  std::string via, client_key;
+  siplib::Scratch via;
+  std::string client_key;
   if (!update_int_request_via_contact(connection, via, client_key)) {
     IMS_log::loginfo(3, __func__, "ERROR: check why dst_client_key/src_client_key empty");
     return;
   }
-  connection->setHeader("Via", via + ";st=0");
+  via += ";st=0";
+  connection->setHeader("Via", via);
   if (const void* sent_on = forwarding::send_udp_to_client(__func__, connection, client_key, *rt->client(client_key))) {
     IMS_log::loginfo(5, __func__, "Sent the request on connection=%p", sent_on);
   }
 }
 
 void IMS_engine_proxy::process_ua_to_ua_tcp_response(SIPLIB_SIPTransportConnection* connection) {
-  std::string client_key, st_tag;
+  std::string client_key;
+  siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
   forwarding::send_response(__func__, connection, st_tag, "", "client", client_key);
 }
 
 void IMS_engine_proxy::process_ua_to_ua_udp_response(SIPLIB_SIPTransportConnection* connection) {
-  std::string client_key, st_tag;
+  std::string client_key;
+  siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
   if (const void* sent_on = forwarding::send_udp_to_client(__func__, connection, client_key, *rt->client(client_key))) {
     IMS_log::loginfo(5, __func__, "Sent the response on connection=%p", sent_on);

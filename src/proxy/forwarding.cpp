@@ -27,14 +27,10 @@ void cut_from(std::string& text, const std::string& mark) {
   if (at != std::string::npos) text.erase(at);
 }
 
-RequestUri read_request_uri(const char* function, const SIPLIB_SIPTransportConnection* connection) {
-  RequestUri uri;
-  uri.text = connection->getRequestURI();
-  uri.mok_pos = position(uri.text, "mok=");
-  uri.mtk_pos = position(uri.text, "mtk=");
-  IMS_log::loginfo(5, function, "Req-URI is %s", uri.text.c_str());
-  IMS_log::loginfo(5, function, " mok_pos is %d, mtk_pos is %d", uri.mok_pos, uri.mtk_pos);
-  return uri;
+RequestUri::RequestUri(const char* function, const SIPLIB_SIPTransportConnection* connection)
+    : text(connection->viewRequestURI()), mok_pos(position(text, "mok=")), mtk_pos(position(text, "mtk=")) {
+  IMS_log::loginfo(5, function, "Req-URI is %s", text.c_str());
+  IMS_log::loginfo(5, function, " mok_pos is %d, mtk_pos is %d", mok_pos, mtk_pos);
 }
 
 std::string dialog_tag(const char* function, const RequestUri& uri, Wins wins, std::string& key) {

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "siplib/recycled.h"
+
 class SIPLIB_SIPHeader;
 class SIPLIB_SIPTransportConnection;
 class SIPLIB_SIPTransportNotifier;
@@ -26,12 +28,13 @@ void cut_from(std::string& text, const std::string& mark);
 
 /// A request's target and where the first tag of each kind stands in it; -1 when it is absent.
 struct RequestUri {
-  std::string text;
-  int mok_pos = -1;
-  int mtk_pos = -1;
+  RequestUri(const char* function, const SIPLIB_SIPTransportConnection* connection);
   bool in_dialog() const { return mok_pos >= 0 || mtk_pos >= 0; }
+
+  const siplib::Scratch text;
+  const int mok_pos;
+  const int mtk_pos;
 };
-RequestUri read_request_uri(const char* function, const SIPLIB_SIPTransportConnection* connection);
 /// Which tag counts when a Request-URI holds both.
 enum class Wins { kEarlier, kLater };
 /// The tag of an in-dialog request, ";mok=KEY" or ";mtk=KEY", and its key.

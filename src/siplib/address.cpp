@@ -22,6 +22,10 @@ bool endsUri(char c) {
   return kEndsUri[static_cast<unsigned char>(c)];
 }
 
+// What a walk over a URI stops at.
+constexpr std::array<bool, 256> kStopsInUri =
+    siplib::characterTable([](char c) { return kEndsUri[static_cast<unsigned char>(c)] || c == ':' || c == '@'; });
+
 }  // namespace
 
 SIPLIB_SIPAddress* SIPLIB_SIPAddress::createSIPAddressObject(std::string_view /*header*/, std::string_view value) {
@@ -55,27 +59,45 @@ bool SIPLIB_SIPAddress::parse() {
   after = siplib::skipLws(text, after);
   header_parameters_ = {after, text.size()};
   if (after < text.size() && text[after] != ';') return false;
-  return count(uri_parameters_) + count(header_parameters_) <= siplib::limits().max_parameters;
+  // Each has its semicolon: mostly the text is too short for too many.
+  const std::size_t most = siplib::limits().max_parameters;
+  return text.size() <= most || count(uri_parameters_) + count(header_parameters_) <= most;
 }
 
 bool SIPLIB_SIPAddress::parseUri(std::size_t begin, std::size_t end) {
   const std::string_view text = text_;
   const std::string_view uri = siplib::trim(text.substr(begin, end - begin));
-  if (uri.empty() || std::any_of(uri.begin(), uri.end(), endsUri)) return false;
   uri_.begin = static_cast<std::size_t>(uri.data() - text.data());
   uri_.end = uri_.begin + uri.size();
   user_info_ = user_ = host_ = port_ = uri_parameters_ = {};
 
-  const std::size_t colon = uri.find(':');
-  const std::string_view scheme = uri.substr(0, colon);
-  if (colon == kNone || colon == 0 || !siplib::isAlpha(scheme[0]) ||
-      !std::all_of(scheme.begin(), scheme.end(), isSchemeChar)) {
-    return false;
+  std::size_t colon = kNone;       // behind the scheme
+  std::size_t next_colon = kNone;  // the first after it
+  std::size_t at = kNone;
+  bool second_at = false;
+  for (std::size_t i = uri_.begin; i < uri_.end; ++i) {
+    const char c = text[i];
+    if (!kStopsInUri[static_cast<unsigned char>(c)]) continue;
+    if (c == ':') {
+      if (colon == kNone) {
+        colon = i;
+      } else {
+        next_colon = std::min(next_colon, i);
+      }
+    } else if (c == '@') {
+      second_at = at != kNone;
+      at = std::min(at, i);
+    } else {
+      return false;
+    }
   }
-  scheme_ = {uri_.begin, uri_.begin + colon};
-  const std::size_t rest = scheme_.end + 1;
+  if (colon == kNone || colon == uri_.begin || !siplib::isAlpha(uri[0])) return false;
+  scheme_ = {uri_.begin, colon};
+  const std::string_view scheme = part(scheme_);
+  const std::size_t rest = colon + 1;
 
   if (!siplib::equalsIgnoreCase(scheme, "sip") && !siplib::equalsIgnoreCase(scheme, "sips")) {
+    if (!std::all_of(scheme.begin(), scheme.end(), isSchemeChar)) return false;
     user_ = {rest, std::min(text.find(';', rest), uri_.end)};
     uri_parameters_ = {user_.end, uri_.end};
     return !user_.empty();
@@ -83,11 +105,10 @@ bool SIPLIB_SIPAddress::parseUri(std::size_t begin, std::size_t end) {
 
   // Neither parameters nor headers may hold an "@" (RFC 3261 25.1), a user part may hold their separators. With two of
   // them one reader's host is another's parameter.
-  const std::size_t at = text.find('@', rest);
-  if (at >= uri_.end) return parseHost(rest, uri_.end);
-  if (text.find('@', at + 1) < uri_.end) return false;
+  if (at == kNone) return parseHost(rest, uri_.end);
+  if (second_at) return false;
   user_info_ = {rest, at + 1};
-  user_ = {rest, std::min(text.find(':', rest), at)};
+  user_ = {rest, std::min(next_colon, at)};
   return parseHost(at + 1, uri_.end);
 }
 
@@ -97,11 +118,16 @@ bool SIPLIB_SIPAddress::parseHost(std::size_t begin, std::size_t end) {
   if (host_.empty()) return false;
   std::size_t after = host_.end;
   if (after < end && text[after] == ':') {
-    port_ = {after + 1, std::min(text.find_first_of(";?", after), end)};
+    port_.begin = port_.end = after + 1;
+    while (port_.end < end && siplib::isDigit(text[port_.end])) ++port_.end;
     if (!siplib::decimal(part(port_), 65535)) return false;
     after = port_.end;
   }
-  if (after < end && text[after] != ';' && text[after] != '?') return false;
+  if (after == end) {
+    uri_parameters_ = {end, end};
+    return true;
+  }
+  if (text[after] != ';' && text[after] != '?') return false;
   uri_parameters_ = {after, std::min(text.find('?', after), end)};
   return true;
 }
@@ -154,7 +180,8 @@ int SIPLIB_SIPAddress::getPort() const {
 }
 
 std::string SIPLIB_SIPAddress::getURI() const {
-  std::string uri = getScheme() + ":" + getUser();
+  std::string uri(getScheme());
+  uri.append(":").append(getUser());
   if (host_.empty()) return uri;
   if (!user_.empty()) uri += '@';
   uri += part(host_);

@@ -6,8 +6,10 @@
 #include <string>
 #include <string_view>
 
+#include "siplib/recycled.h"
+
 /// Not thread-safe; made, used and deleted by one thread. The caller owns it.
-class SIPLIB_SIPAddress {
+class SIPLIB_SIPAddress final : public siplib::Recycled<SIPLIB_SIPAddress> {
  public:
   /// `header` is the name of the header that the value comes from ("From", "To", "Contact"): in a value without
   /// angle brackets, parameters belong to the header, not to the URI (RFC 3261 20.10), and "?" begins URI headers. Null
@@ -22,13 +24,14 @@ class SIPLIB_SIPAddress {
 
   /// Without quotes and their escapes; empty when absent.
   std::string getDisplayName() const;
+  // Views are good until the address is changed, or its end.
   /// As it stands.
-  std::string getScheme() const { return std::string(part(scheme_)); }
+  std::string_view getScheme() const { return part(scheme_); }
   /// The user part, without password, as it stands (no unescaping); empty when absent. May hold ";" and "?": all before
   /// the "@" is the user's.
-  std::string getUser() const { return std::string(part(user_)); }
+  std::string_view getUser() const { return part(user_); }
   /// As it stands, an IPv6 address in its brackets; empty for a URI without host.
-  std::string getHost() const { return std::string(part(host_)); }
+  std::string_view getHost() const { return part(host_); }
   /// -1 when the URI has none.
   int getPort() const;
   /// scheme:user@host:port, without password, URI parameters and headers.
@@ -48,7 +51,7 @@ class SIPLIB_SIPAddress {
   bool removeParameter(std::string_view name);
   /// The whole value as it would stand in a message. A URI that was changed stands in angle brackets, because only
   /// there can it have parameters of its own, which is what changed URIs are for; until then the text is what it was.
-  std::string toString() const { return text_; }
+  std::string_view toString() const { return text_; }
 
  private:
   struct Range {
@@ -73,7 +76,7 @@ class SIPLIB_SIPAddress {
   }
   void replace(Range range, std::string_view with);
 
-  std::string text_;
+  siplib::Scratch text_;
   Range display_;
   Range uri_;
   Range scheme_;

@@ -30,6 +30,10 @@ int SIPLIB_SIPMessageConnection::getStatusCode() const {
   return message_ && message_->isResponse() ? message_->statusCode() : 0;
 }
 
+std::string_view SIPLIB_SIPMessageConnection::viewHeader(std::string_view name) const {
+  return message_ ? message_->header(name).value_or(std::string_view()) : std::string_view();
+}
+
 int SIPLIB_SIPMessageConnection::getHeader(std::string_view name, std::string& value) const {
   if (!message_) return -1;
   const auto found = message_->header(name);

@@ -70,6 +70,9 @@ class SIPLIB_SIPMessageConnection : public SIPLIB_SIPConnection {
 
   /// The topmost value of the name: 0 and `value` set, or -1 and `value` as it was.
   int getHeader(std::string_view name, std::string& value) const;
+  /// The same without a copy: good until the message's next change. Empty when absent.
+  std::string_view viewHeader(std::string_view name) const;
+  std::string_view viewRequestURI() const { return message_ ? message_->requestUri() : std::string_view(); }
   /// The same into a buffer of `size` bytes with a terminating NUL; a value that does not fit counts as absent.
   int getHeader(std::string_view name, char* buffer, std::size_t size) const;
   /// Every value of the name, topmost first; how many there are.

@@ -93,9 +93,7 @@ bool Framer::findHeadEnd(std::string_view& fault) {
     if (line_end == std::string_view::npos || !fault.empty()) return false;
   }
   HeadReader reader(head);
-  HeadLine line;
-  while (reader.next(line)) {
-  }
+  reader.skipToEnd();
   fault = reader.framingFault();
   total_ = head.size() + reader.contentLength().value_or(0);
   if (fault.empty() && total_ > limits().max_message) fault = "the message is larger than the limit";

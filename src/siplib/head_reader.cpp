@@ -9,6 +9,7 @@
 namespace siplib {
 
 HeadReader::HeadReader(std::string_view head) : rest_(head) {
+  if (!linesWhole(head)) failFraming("the head holds a bare CR or LF");
   start_line_ = physicalLine();
   if (!start_line_.empty()) start_line_.remove_suffix(2);
   // To some readers this is a header, to others part of the start line.
@@ -16,45 +17,48 @@ HeadReader::HeadReader(std::string_view head) : rest_(head) {
 }
 
 void HeadReader::failFraming(std::string_view why) {
-  if (fault_.empty()) fault_ = why;
+  fail(why);
   framing_fault_ = why;
   rest_ = {};
 }
 
 std::string_view HeadReader::physicalLine() {
-  if (rest_.empty()) return {};
-  const std::size_t end = rest_.find('\r');
-  if (end == std::string_view::npos || end + 1 >= rest_.size() || rest_[end + 1] != '\n' ||
-      rest_.substr(0, end).find('\n') != std::string_view::npos) {
-    failFraming("the head holds a bare CR or LF");
-    return {};
-  }
-  const std::string_view line = rest_.substr(0, end + 2);
-  rest_.remove_prefix(end + 2);
+  const std::size_t end = rest_.find('\n');
+  if (end == std::string_view::npos) return {};
+  const std::string_view line = rest_.substr(0, end + 1);
+  rest_.remove_prefix(end + 1);
   return line;
 }
 
+bool HeadReader::logicalLine(HeadLine& line) {
+  line.text = physicalLine();
+  if (line.text.size() <= 2) return false;
+  line.folded = false;
+  while (!rest_.empty() && isBlank(rest_.front())) {
+    line.text = {line.text.data(), line.text.size() + physicalLine().size()};
+    line.folded = true;
+  }
+  return true;
+}
+
+// The CRLF ends both walks.
+std::size_t HeadReader::colonOf(std::string_view line, std::string_view& name) {
+  std::size_t end = 0;
+  while (isTokenChar(line[end])) ++end;
+  std::size_t colon = end;
+  // Blanks before the colon are allowed (RFC 3261 25.1, HCOLON): "Via :" is a Via to everyone.
+  while (isBlank(line[colon])) ++colon;
+  if (end == 0 || line[colon] != ':') return 0;
+  name = line.substr(0, end);
+  return colon;
+}
+
 bool HeadReader::next(HeadLine& line) {
-  while (true) {
-    line.text = physicalLine();
-    if (line.text.size() <= 2) return false;
-    line.folded = false;
-    while (!rest_.empty() && isBlank(rest_.front())) {
-      const std::string_view more = physicalLine();
-      if (more.empty()) return false;
-      line.text = {line.text.data(), line.text.size() + more.size()};
-      line.folded = true;
-    }
-    const std::size_t colon = line.text.find(':');
-    if (colon == std::string_view::npos) {
-      if (fault_.empty()) fault_ = "a header line has no colon";
-      continue;
-    }
-    // Blanks before the colon are allowed (RFC 3261 25.1, HCOLON): "Via :" is a Via to everyone.
-    line.name = line.text.substr(0, colon);
-    while (!line.name.empty() && isBlank(line.name.back())) line.name.remove_suffix(1);
-    if (!isToken(line.name)) {
-      if (fault_.empty()) fault_ = "a header name is not a token";
+  while (logicalLine(line)) {
+    const std::size_t colon = colonOf(line.text, line.name);
+    if (colon == 0) {
+      const bool any = line.text.find(':') != std::string_view::npos;
+      fail(any ? "a header name is not a token" : "a header line has no colon");
       continue;
     }
     line.value = line.text.substr(colon + 1, line.text.size() - colon - 3);
@@ -64,6 +68,19 @@ bool HeadReader::next(HeadLine& line) {
       if (!framing_fault_.empty()) return false;
     }
     return true;
+  }
+  return false;
+}
+
+void HeadReader::skipToEnd() {
+  HeadLine line;
+  while (framing_fault_.empty() && logicalLine(line)) {
+    // "Content-Length" or "l".
+    const char first = lower(line.text[0]);
+    if (first != 'c' && first != 'l') continue;
+    const std::size_t colon = colonOf(line.text, line.name);
+    if (colon == 0 || headerId(line.name) != kContentLength) continue;
+    takeContentLength(trim(line.text.substr(colon + 1, line.text.size() - colon - 3)));
   }
 }
 

@@ -34,6 +34,9 @@ class HeadReader {
   /// The next header line. False at the end, and where reading cannot go on (see framingFault). Lines that are no
   /// header lines are passed over and noted in `fault`.
   bool next(HeadLine& line);
+  /// All of them, looking for Content-Length only: for a framer, to whom the names mean nothing. `fault` then tells
+  /// framing faults alone.
+  void skipToEnd();
 
   /// After the last line: the value that every Content-Length line had; nothing when there was none.
   std::optional<std::size_t> contentLength() const { return content_length_; }
@@ -44,9 +47,16 @@ class HeadReader {
   std::string_view framingFault() const { return framing_fault_; }
 
  private:
-  // One line as it stands, with its CRLF; empty at the end or at a fault.
+  // One line as it stands, with its CRLF; empty at the end.
   std::string_view physicalLine();
+  // The same with its continuations.
+  bool logicalLine(HeadLine& line);
+  // The name and the colon behind it; 0 when there is no such colon.
+  static std::size_t colonOf(std::string_view line, std::string_view& name);
   void takeContentLength(std::string_view value);
+  void fail(std::string_view why) {
+    if (fault_.empty()) fault_ = why;
+  }
   void failFraming(std::string_view why);
 
   std::string_view rest_;

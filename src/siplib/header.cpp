@@ -37,11 +37,13 @@ SIPLIB_SIPHeader* SIPLIB_SIPHeader::createSIPHeaderObject(std::string_view name,
       new SIPLIB_SIPHeader(shape, siplib::headerList(id) != siplib::List::No, value));
   if (!header->findMain()) return nullptr;
   // Each for itself: a quote within brackets and one in a parameter are no pair.
-  const std::string_view text = header->text_;
-  if (!siplib::quotesBalanced(text.substr(0, header->main_end_)) ||
-      !siplib::quotesBalanced(text.substr(header->main_end_)) || header->count() > siplib::limits().max_parameters)
-    return nullptr;
-  return header.release();
+  const std::string_view main = header->part({0, header->main_end_});
+  const std::string_view rest = header->part({header->main_end_, value.size()});
+  if (!siplib::quotesBalanced(main) || !siplib::quotesBalanced(rest)) return nullptr;
+  // Mostly there are not even separators enough for too many.
+  const std::size_t most = siplib::limits().max_parameters;
+  const auto separators = static_cast<std::size_t>(std::count(rest.begin(), rest.end(), header->separator()));
+  return separators < most || header->count() <= most ? header.release() : nullptr;
 }
 
 SIPLIB_SIPHeader::~SIPLIB_SIPHeader() = default;
@@ -160,20 +162,33 @@ bool SIPLIB_SIPHeader::endsParameter(std::string_view value) const {
   return holds(separator()) || (list_ && holds(','));
 }
 
+// Every message's Via comes here twice: the places behind the new text are moved, not searched for again.
 bool SIPLIB_SIPHeader::setSentBy(std::string_view name, std::string_view value) {
+  const auto put = [this](Range& range, std::string_view text) {
+    text_.replace(range.begin, range.end - range.begin, text);
+    const std::size_t end = range.begin + text.size();
+    const std::size_t moved = end - range.end;  // modulo, when it got shorter
+    main_end_ += moved;
+    range.end = end;
+    return moved;
+  };
   if (siplib::equalsIgnoreCase(name, "host")) {
-    const std::string host = siplib::hostText(value);
-    if (host.empty()) return false;
-    replace(host_, host);
+    const bool plain = siplib::hostLength(value) == value.size();
+    const std::string bracketed = plain ? std::string() : siplib::hostText(value);
+    if (!plain) value = bracketed;
+    if (value.empty()) return false;
+    const std::size_t moved = put(host_, value);
+    if (port_.end > port_.begin) port_ = {port_.begin + moved, port_.end + moved};
     return true;
   }
   const auto number = siplib::decimal(value, 65535);
   if (!number || *number == 0) return false;
-  if (port_.end > port_.begin) {
-    replace(port_, value);
-  } else {
-    replace({host_.end, host_.end}, std::string(":").append(value));
+  if (port_.end == port_.begin) {
+    Range colon{host_.end, host_.end};
+    put(colon, ":");
+    port_ = {colon.end, colon.end};
   }
+  put(port_, value);
   return true;
 }
 

@@ -12,8 +12,10 @@
 #include <string>
 #include <string_view>
 
+#include "siplib/recycled.h"
+
 /// Not thread-safe; made, used and deleted by one thread. The caller owns it.
-class SIPLIB_SIPHeader {
+class SIPLIB_SIPHeader final : public siplib::Recycled<SIPLIB_SIPHeader> {
  public:
   /// Null when `value` is empty, does not have the shape that the name asks for (parameters only, a Via without
   /// sent-by, an authentication value without scheme, a quote or bracket left open), holds CR, LF or NUL, or has more
@@ -73,7 +75,7 @@ class SIPLIB_SIPHeader {
 
   Shape shape_;
   bool list_;
-  std::string text_;
+  siplib::Scratch text_;
   std::size_t main_end_ = 0;  // the end of the value without parameters
   Range host_;                // of a Via
   Range port_;                // of a Via, empty when it has none

@@ -23,6 +23,10 @@ constexpr std::string_view kVersion = "SIP/2.0";
 constexpr std::size_t kSpareLines = 8;
 constexpr std::size_t kSpareBytes = 1024;
 
+// What most messages that are too large for their own room are content with.
+constexpr std::size_t kUsualChunk = 16384;
+using Chunks = siplib::RecycledBlocks<kUsualChunk, 8>;
+
 // Names, values and bodies that could overflow the 32-bit sizes below are refused; the limits keep received ones far
 // from it.
 constexpr std::size_t kLargestPart = std::size_t{1} << 30;
@@ -65,9 +69,10 @@ struct SIPLIB_message::Line {
 
 struct SIPLIB_message::Chunk {
   Chunk* next;
+  bool recycled;
 };
 
-SIPLIB_message::SIPLIB_message(const char* text, std::size_t length) {
+SIPLIB_message::SIPLIB_message(const char* text, std::size_t length) : SIPLIB_message() {
   parse_error_ = parse(std::string_view(text, text == nullptr ? 0 : length));
   valid_ = parse_error_.empty();
   if (valid_) return;
@@ -79,25 +84,28 @@ SIPLIB_message::SIPLIB_message(const char* text, std::size_t length) {
   dropChunks();
 }
 
-SIPLIB_message::SIPLIB_message(int status, std::string_view reason) {
+SIPLIB_message::SIPLIB_message(int status, std::string_view reason) : SIPLIB_message() {
   if (status < 100 || status > 699) {
     parse_error_ = "the status is not 100 to 699";
   } else if (siplib::breaksLine(reason) || reason.size() > kLargestPart) {
     parse_error_ = "the reason phrase breaks the line";
   } else {
     char digits[24];
-    start(std::string(kVersion).append(" ").append(number(static_cast<std::size_t>(status), digits)) + " " +
-          std::string(reason));
+    siplib::Scratch line(kVersion);
+    line.append(" ").append(number(static_cast<std::size_t>(status), digits)).append(" ").append(reason);
+    start(line);
   }
 }
 
-SIPLIB_message::SIPLIB_message(std::string_view method, std::string_view request_uri) {
+SIPLIB_message::SIPLIB_message(std::string_view method, std::string_view request_uri) : SIPLIB_message() {
   if (!siplib::isToken(method) || method.size() > kLargestPart) {
     parse_error_ = "the method is not a token";
   } else if (!isUriText(request_uri) || request_uri.size() > kLargestPart) {
     parse_error_ = "the Request-URI is empty or holds white space";
   } else {
-    start(std::string(method).append(" ").append(request_uri).append(" ").append(kVersion));
+    siplib::Scratch line(method);
+    line.append(" ").append(request_uri).append(" ").append(kVersion);
+    start(line);
   }
 }
 
@@ -108,7 +116,7 @@ SIPLIB_message::~SIPLIB_message() {
 // A message made here: its start line, Content-Length, the blank line.
 void SIPLIB_message::start(std::string_view line) {
   made_here_ = true;
-  takeChunk(line.size() + kSpareBytes + kSpareLines * sizeof(Line));
+  takeRoom(line.size() + kSpareBytes + kSpareLines * sizeof(Line));
   line_room_ = kSpareLines;
   lines_ = reinterpret_cast<Line*>(room(line_room_ * sizeof(Line)));
   char* const text = room(line.size() + 2);
@@ -121,11 +129,19 @@ void SIPLIB_message::start(std::string_view line) {
 
 // --- memory ---
 
+// The first room of a message. Lines come first in it; both kinds of beginning keep them aligned.
+void SIPLIB_message::takeRoom(std::size_t size) {
+  static_assert(sizeof(Chunk) % alignof(Line) == 0 && alignof(Line) <= alignof(std::max_align_t));
+  free_ = own_room_;
+  free_end_ = own_room_ + kOwnRoom;
+  if (size > kOwnRoom) takeChunk(size);
+}
+
 void SIPLIB_message::takeChunk(std::size_t size) {
-  // Lines come first in a chunk that holds them; the header keeps them aligned.
-  static_assert(sizeof(Chunk) % alignof(Line) == 0);
-  auto* const memory = static_cast<char*>(::operator new(sizeof(Chunk) + size));
-  chunks_ = ::new (memory) Chunk{chunks_};
+  const bool recycled = sizeof(Chunk) + size <= kUsualChunk;
+  if (recycled) size = kUsualChunk - sizeof(Chunk);
+  auto* const memory = static_cast<char*>(recycled ? Chunks::take() : ::operator new(sizeof(Chunk) + size));
+  chunks_ = ::new (memory) Chunk{chunks_, recycled};
   free_ = memory + sizeof(Chunk);
   free_end_ = free_ + size;
 }
@@ -140,7 +156,11 @@ char* SIPLIB_message::room(std::size_t size) {
 void SIPLIB_message::dropChunks() {
   while (chunks_ != nullptr) {
     Chunk* const next = chunks_->next;
-    ::operator delete(chunks_);
+    if (chunks_->recycled) {
+      Chunks::give(chunks_);
+    } else {
+      ::operator delete(chunks_);
+    }
     chunks_ = next;
   }
   free_ = free_end_ = nullptr;
@@ -169,7 +189,7 @@ std::string_view SIPLIB_message::parse(std::string_view text) {
   if (lines > limits.max_header_lines) return "there are more header lines than the limit";
 
   line_room_ = static_cast<std::uint32_t>(lines + kSpareLines);
-  takeChunk(line_room_ * sizeof(Line) + text.size() + kSpareBytes);
+  takeRoom(line_room_ * sizeof(Line) + text.size() + kSpareBytes);
   lines_ = reinterpret_cast<Line*>(room(line_room_ * sizeof(Line)));
   char* const own = room(text.size());
   put(own, text);

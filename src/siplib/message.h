@@ -23,6 +23,8 @@
 #include <utility>
 #include <vector>
 
+#include "siplib/recycled.h"
+
 /// One message, request or response. Not thread-safe: used by one thread at a time, handed over through a queue.
 /// Views returned by any reader stay valid until the next change of the message.
 ///
@@ -33,7 +35,7 @@
 /// the text; sizes above siplib::limits(). CRLFs before the start line are skipped (RFC 3261 7.5), text behind the body
 /// is dropped (RFC 3261 18.3), blanks before a colon are allowed (RFC 3261 25.1). Nothing is asked of the values: a
 /// message without From, or with a nonsensical one, parses.
-class SIPLIB_message {
+class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
  public:
   /// Parses `length` bytes at `text` (copied). Never fails to construct: see `valid`. `text` may be null when
   /// `length` is 0.
@@ -101,13 +103,18 @@ class SIPLIB_message {
  private:
   friend class SIPLIB_SIPMessageHandle;
 
-  // All memory of a message comes in chunks that live as long as it does: the first holds the lines' records, the
-  // received text and room for the usual changes, so a forwarded message costs one allocation besides its own. Nothing
-  // is given back before the end; what a change replaces is simply left behind.
+  // The lines' records, the received text and what changes add stand in the message's own room, or in chunks that live
+  // as long as it does. Nothing is given back before the end; what a change replaces is simply left behind.
   struct Line;
   struct Chunk;
+  /// Enough for a message of up to about 2 KiB and what forwarding does to it; makes the whole a page.
+  static constexpr std::size_t kOwnRoom = 3904;
 
+  /// The constructors begin with this one, so that what throws half-way (no memory) leaves nothing behind.
+  /// Not defaulted: that would fill the room with zeros first.
+  SIPLIB_message() {}
   char* room(std::size_t size);
+  void takeRoom(std::size_t size);
   void takeChunk(std::size_t size);
   void dropChunks();
   std::string_view parse(std::string_view text);
@@ -138,6 +145,7 @@ class SIPLIB_message {
   std::string_view request_uri_;
   std::string_view reason_;
   std::string_view body_;  // always right behind the blank line
+  alignas(std::max_align_t) char own_room_[kOwnRoom];
 };
 
 /// Shared ownership of one message: after setSipMessageHandle two connections see the same message. The count is

@@ -3,25 +3,49 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 
+#include <charconv>
 #include <cstring>
 
 namespace siplib {
 
+namespace {
+
+// Four numbers of 0 to 255 without leading zeros, as inet_pton has it. Every message that leaves by datagram asks
+// twice.
+bool parseIpv4(std::string_view text, in_addr& address) {
+  std::uint32_t all = 0;
+  std::size_t at = 0;
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0 && (at == text.size() || text[at++] != '.')) return false;
+    const std::size_t begin = at;
+    std::uint32_t number = 0;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9' && at < begin + 3; ++at) {
+      number = number * 10 + static_cast<std::uint32_t>(text[at] - '0');
+    }
+    if (at == begin || number > 255 || (text[begin] == '0' && at > begin + 1)) return false;
+    all = all << 8 | number;
+  }
+  address.s_addr = htonl(all);
+  return at == text.size();
+}
+
+}  // namespace
+
 std::optional<SocketAddress> SocketAddress::parse(std::string_view ip, int port) {
   if (port < 0 || port > 65535) return std::nullopt;
   if (ip.size() >= 2 && ip.front() == '[' && ip.back() == ']') ip = ip.substr(1, ip.size() - 2);
-  char text[INET6_ADDRSTRLEN + IF_NAMESIZE];
-  if (ip.empty() || ip.size() >= sizeof text || ip.find('\0') != std::string_view::npos) return std::nullopt;
-  std::memcpy(text, ip.data(), ip.size());
-  text[ip.size()] = '\0';
-
   SocketAddress address;
-  if (inet_pton(AF_INET, text, &address.v4_.sin_addr) == 1) {
+  if (parseIpv4(ip, address.v4_.sin_addr)) {
     address.v4_.sin_family = AF_INET;
     address.v4_.sin_port = htons(static_cast<std::uint16_t>(port));
     return address;
   }
   address = SocketAddress();
+  char text[INET6_ADDRSTRLEN + IF_NAMESIZE];
+  if (ip.empty() || ip.size() >= sizeof text || ip.find('\0') != std::string_view::npos) return std::nullopt;
+  std::memcpy(text, ip.data(), ip.size());
+  text[ip.size()] = '\0';
+
   if (char* scope = std::strchr(text, '%'); scope != nullptr) {
     *scope = '\0';
     address.v6_.sin6_scope_id = if_nametoindex(scope + 1);
@@ -44,9 +68,13 @@ SocketAddress SocketAddress::localOf(int descriptor) {
 std::string SocketAddress::ip() const {
   if (family() == AF_INET) {
     const std::uint32_t address = ntohl(v4_.sin_addr.s_addr);
-    std::string out = std::to_string(address >> 24);
-    for (const int shift : {16, 8, 0}) out.append(".").append(std::to_string((address >> shift) & 0xff));
-    return out;
+    char text[sizeof "255.255.255.255"];
+    char* end = text;
+    for (const int shift : {24, 16, 8, 0}) {
+      if (end != text) *end++ = '.';
+      end = std::to_chars(end, text + sizeof text, (address >> shift) & 0xff).ptr;
+    }
+    return std::string(text, end);
   }
   if (family() != AF_INET6) return {};
   char text[INET6_ADDRSTRLEN];

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string_view>
 
@@ -47,7 +48,32 @@ constexpr bool isTokenChar(char c) {
 /// A token of at least one character.
 bool isToken(std::string_view text);
 
-bool equalsIgnoreCase(std::string_view a, std::string_view b);
+/// The same for texts of one length, letter by letter.
+bool equalLetters(std::string_view a, std::string_view b);
+
+template <class Word>
+bool equalWords(const char* a, const char* b, std::size_t size) {
+  const auto load = [](const char* at) {
+    Word word;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+  };
+  const std::size_t last = size - sizeof(Word);
+  return ((load(a) ^ load(b)) | (load(a + last) ^ load(b + last))) == 0;
+}
+
+/// Without regard to case. Names are mostly written as the RFCs write them, and short: they are compared as two words
+/// that may overlap first.
+inline bool equalsIgnoreCase(std::string_view a, std::string_view b) {
+  const std::size_t size = a.size();
+  if (size != b.size()) return false;
+  if (size >= sizeof(std::uint64_t) && size <= 2 * sizeof(std::uint64_t)) {
+    if (equalWords<std::uint64_t>(a.data(), b.data(), size)) return true;
+  } else if (size >= sizeof(std::uint32_t) && size < sizeof(std::uint64_t)) {
+    if (equalWords<std::uint32_t>(a.data(), b.data(), size)) return true;
+  }
+  return equalLetters(a, b);
+}
 
 /// Without white space (see isLws) at either end.
 constexpr std::string_view trim(std::string_view text) {
@@ -68,6 +94,8 @@ std::optional<std::uint32_t> decimal(std::string_view text, std::uint32_t larges
 
 /// True when the text holds CR, LF or NUL: what could end a header line for one reader or another.
 bool breaksLine(std::string_view text);
+/// True when the text holds no CR without its LF and no LF without its CR.
+bool linesWhole(std::string_view text);
 
 /// `open` is the position of a quote: the position after the quote that closes it, escapes seen (RFC 3261 25.1,
 /// quoted-string); npos when nothing closes it.

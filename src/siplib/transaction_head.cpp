@@ -147,7 +147,7 @@ Hop hopOf(std::string_view uri) {
   const std::unique_ptr<SIPLIB_SIPAddress> address(
       SIPLIB_SIPAddress::createSIPAddressObject("Contact", '<' + std::string(uri) + '>'));
   if (!address || !equalsIgnoreCase(address->getScheme(), "sip")) return hop;
-  std::string host = address->getHost();
+  std::string host(address->getHost());
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
   if (address->getPort() > 0) hop.port = address->getPort();
   if (address->getParameter("transport", hop.transport) == 0) hop.transport = lowered(hop.transport);

@@ -34,8 +34,12 @@ struct Parts {
 };
 
 Parts partsOf(const SIPLIB_SIPAddress& address, const std::vector<std::string>& names) {
-  Parts parts{address.getDisplayName(), address.getScheme(), address.getUser(),
-              address.getHost(),        address.getPort(),   {}};
+  Parts parts{address.getDisplayName(),
+              std::string(address.getScheme()),
+              std::string(address.getUser()),
+              std::string(address.getHost()),
+              address.getPort(),
+              {}};
   for (const std::string& name : names) {
     std::string value = "(absent)";
     const int result = address.getParameter(name, value);
@@ -46,7 +50,7 @@ Parts partsOf(const SIPLIB_SIPAddress& address, const std::vector<std::string>& 
 }
 
 void check(const SIPLIB_SIPAddress& address, std::string_view header, const std::vector<std::string>& names) {
-  const std::string text = address.toString();
+  const std::string text(address.toString());
   PROMISE(!siplib::breaksLine(text) && siplib::quotesBalanced(text));
   const Parts parts = partsOf(address, names);
   PROMISE(!parts.scheme.empty() && parts.port >= -1 && parts.port <= 65535);
@@ -75,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const std::string_view operation : operations) {
     if (operation.empty()) continue;
     const std::string argument(operation.substr(1));
-    const std::string before = address->toString();
+    const std::string before(address->toString());
     Parts expected = partsOf(*address, names);
     bool done = false;
     bool parameters_kept = true;

@@ -72,12 +72,12 @@ TEST_F(ClientTcpTransportListener, KeepsAMessageForTheProxyWhenMemoryRunsOut) {
   const std::string text = sipResponse(200, "OK", {{"From", "<sip:registrar@127.0.0.1>;tag=1"}});
   {
     const FailingNew failing(1);
-    EXPECT_TRUE(take(text));
+    EXPECT_TRUE(take(text + '\0'));
   }
   EXPECT_TRUE(log.has(3, "Memory allocation failed for buffer"));
   EXPECT_FALSE(message);
   {
-    const FailingNew failing(2);
+    const FailingNew failing(1);
     EXPECT_TRUE(take(text));
   }
   EXPECT_TRUE(log.has(3, "new SIPLIB_message(tmp_buf,buflen) failed"));

@@ -14,6 +14,7 @@ bool fails() {
 }  // namespace
 
 FailingNew::FailingNew(int nth) {
+  for (int i = 0; i < 64; ++i) messages_.push_back(std::make_unique<SIPLIB_message>(100, "Trying"));
   countdown = nth;
 }
 FailingNew::~FailingNew() {

@@ -136,13 +136,13 @@ TEST_F(ServerTransportListener, KeepsAMessageForTheProxyWhenMemoryRunsOut) {
   const std::string text = request("REGISTER", "<sip:127.0.0.1>");
   {
     const FailingNew failing(1);
-    const Intake intake = take(listener, text);
+    const Intake intake = take(listener, text + '\0');
     EXPECT_TRUE(intake.for_proxy);
     EXPECT_FALSE(intake.message);
   }
   EXPECT_TRUE(log.has(3, "Memory allocation failed for buffer"));
   {
-    const FailingNew failing(2);
+    const FailingNew failing(1);
     const Intake intake = take(listener, text);
     EXPECT_TRUE(intake.for_proxy);
     EXPECT_FALSE(intake.message);

@@ -209,7 +209,7 @@ TEST(Forwarding, NoBytesAtAllDoHarm) {
         address->removeParameter("x");
         address->removeParameter("port");
         if (address->setHost("h") && address->setPort(1) && address->setUser("")) {
-          EXPECT_EQ(address->getURI(), address->getScheme() + ":h:1");
+          EXPECT_EQ(address->getURI(), std::string(address->getScheme()) + ":h:1");
         }
         const std::unique_ptr<SIPLIB_SIPAddress> again(
             SIPLIB_SIPAddress::createSIPAddressObject(name, address->toString()));

@@ -99,5 +99,55 @@ TEST(Text, LineBreakers) {
   EXPECT_FALSE(breaksLine("a\tb\x01\xff"));
 }
 
+TEST(Text, ABreakIsFoundWhereverItStands) {
+  for (std::size_t size = 1; size < 40; ++size) {
+    EXPECT_FALSE(breaksLine(std::string(size, '\t'))) << size;
+    EXPECT_FALSE(breaksLine(std::string(size, '\x80'))) << size;
+    for (std::size_t at = 0; at < size; ++at) {
+      for (const char c : {'\r', '\n', '\0'}) {
+        std::string text(size, 'a');
+        text[at] = c;
+        EXPECT_TRUE(breaksLine(text)) << size << " " << at;
+      }
+    }
+  }
+}
+
+TEST(Text, LinesAreWholeWhenEveryEndIsCrLf) {
+  EXPECT_TRUE(linesWhole(""));
+  EXPECT_TRUE(linesWhole("a"));
+  EXPECT_TRUE(linesWhole("\r\n"));
+  EXPECT_TRUE(linesWhole("a\r\n\r\nb"));
+  EXPECT_FALSE(linesWhole("\n"));
+  EXPECT_FALSE(linesWhole("\r"));
+  EXPECT_FALSE(linesWhole("\n\r"));
+  EXPECT_FALSE(linesWhole("a\r\r\n"));
+  EXPECT_FALSE(linesWhole("a\r\n\n"));
+  for (std::size_t size = 1; size < 80; ++size) {
+    for (std::size_t at = 0; at < size; ++at) {
+      std::string text(size, 'a');
+      text[at] = '\n';
+      EXPECT_FALSE(linesWhole(text)) << size << " " << at;
+      text[at] = '\r';
+      EXPECT_FALSE(linesWhole(text)) << size << " " << at;
+      if (at + 1 < size) text[at + 1] = '\n';
+      EXPECT_EQ(at + 1 < size, linesWhole(text)) << size << " " << at;
+    }
+  }
+}
+
+TEST(Text, ComparesEveryLengthAndEveryPlace) {
+  for (std::size_t size = 1; size < 40; ++size) {
+    const std::string text(size, 'k');
+    for (std::size_t at = 0; at < size; ++at) {
+      std::string other = text;
+      other[at] = 'K';
+      EXPECT_TRUE(equalsIgnoreCase(text, other)) << size << " " << at;
+      other[at] = 'l';
+      EXPECT_FALSE(equalsIgnoreCase(text, other)) << size << " " << at;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace siplib

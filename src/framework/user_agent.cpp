@@ -234,8 +234,11 @@ void IMS_User_Agent::handle_message() {
   state.loop = std::this_thread::get_id();
   const bool drives_sockets = state.reactor != nullptr && !state.io.joinable();
   while (!state.queue.stopped()) {
+    SIPLIB_SIPStack* const stack = SIPLIB_SIPStack::instance();
+    if (stack != nullptr) stack->holdSending();
     int turns = 0;
     while (turns < kTurnsPerLook && handle_one_message()) ++turns;
+    if (stack != nullptr) guarded("sending", [stack] { stack->releaseSending(); });
     if (!drives_sockets) {
       state.queue.wait();
     } else if (state.queue.announceSleep()) {

@@ -149,7 +149,7 @@ bool ClientTcpTransport::wait(Slices slices) {
   return true;
 }
 
-bool ClientTcpTransport::sendBytes(Slices slices) {
+bool ClientTcpTransport::sendBytes(Slices slices, bool soon) {
   // A second round when the socket was found broken and another thread has already replaced it.
   const char* why = "the connection broke";
   for (int round = 0; round < 2; ++round) {
@@ -168,7 +168,7 @@ bool ClientTcpTransport::sendBytes(Slices slices) {
     }
     if (!stream) return sendOwn(slices);
     if (deferred) startDeferred();
-    const TcpStream::Sent sent = stream->send(slices);
+    const TcpStream::Sent sent = soon ? stream->sendSoon(slices) : stream->send(slices);
     if (sent == TcpStream::Sent::Taken) return true;
     if (sent == TcpStream::Sent::Full) {
       why = "too much waits for the peer already";
@@ -203,7 +203,7 @@ void ClientTcpTransport::ownMessage(std::string text) {
 
 int ClientTcpTransport::send() {
   if (!message_ || !message_->valid()) return -1;
-  return sendBytes(slicesOf(*message_)) ? 0 : -1;
+  return sendBytes(slicesOf(*message_), true) ? 0 : -1;
 }
 
 int ClientTcpTransport::receive() {
@@ -291,7 +291,7 @@ bool ClientTcpTransport::streamMessage(char* text, std::size_t length) {
   return !inbox_.pauseWhenFull();
 }
 
-void ClientTcpTransport::streamClosed(TcpStream& stream, int level, std::string_view why) {
+void ClientTcpTransport::streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) {
   SIPLIB_SIPClientTcpTransportListener* const listener = listener_;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -300,6 +300,7 @@ void ClientTcpTransport::streamClosed(TcpStream& stream, int level, std::string_
                static_cast<int>(why.size()), why.data());
     stream_.reset();
     deferred_.reset();
+    waiting_.insert(0, unsent);  // taken before the loss was known, as if it were sent now
     // Nobody to close it where nobody listens.
     state_ = listener != nullptr ? State::Lost : State::Closed;
     if (state_ == State::Closed && !waiting_.empty()) begin();

@@ -38,8 +38,8 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
 
   /// Opens it unless it is open. False when the connect failed at once.
   bool open();
-  /// Any thread. False when it was not taken; a log line says why.
-  bool sendBytes(Slices slices);
+  /// Any thread, `soon` the user's only: see TcpStream::sendSoon. False when it was not taken; a log line says why.
+  bool sendBytes(Slices slices, bool soon = false);
   /// A connection that is up when open() returns is not read before its user could set the listener: not before
   /// setListener, a send, or this.
   void startDeferred();
@@ -55,7 +55,7 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
 
   // I/O thread.
   bool streamMessage(char* text, std::size_t length) override;
-  void streamClosed(TcpStream& stream, int level, std::string_view why) override;
+  void streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) override;
   /// A message that the ordinary SIP processing sent over the stack's way to itself.
   void ownMessage(std::string text);
   /// The end of the stack.

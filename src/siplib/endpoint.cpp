@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "siplib/limits.h"
+#include "siplib/outgoing.h"
 #include "siplib/server_tcp_transport.h"
 
 namespace siplib {
@@ -17,8 +18,6 @@ namespace {
 constexpr std::size_t kMostAccepted = 16;
 constexpr std::size_t kMostDatagrams = 16;
 constexpr std::size_t kDatagramRoom = 65536;
-/// An IPv4 datagram's 65,535 bytes without its own two heads.
-constexpr std::size_t kLargestDatagram = 65507;
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
 /// Room for one recvmmsg. One per I/O thread; its pages cost nothing until they are written.
@@ -269,30 +268,63 @@ void Endpoint::datagram(char* text, std::size_t length, const SocketAddress& fro
   staged_ = nullptr;
 }
 
-bool Endpoint::send(Slices slices, const SocketAddress& peer) {
-  if (const SocketAddress local = core_->localAddress(); local == peer) return sendOwn(slices, local);
-  const char* why = nullptr;
-  if (sizeOf(slices) > kLargestDatagram) {
-    why = "too large";
-  } else {
-    std::shared_ptr<const FileDescriptor> socket;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      socket = datagrams_;
-    }
-    if (!socket) {
-      why = "the endpoint is closed";
-    } else {
-      ssize_t sent = sendSlices(socket->get(), slices, &peer);
-      // An answer to an earlier datagram, which this one never left for.
-      if (sent < 0 && errno == ECONNREFUSED) sent = sendSlices(socket->get(), slices, &peer);
-      if (sent >= 0) return true;
-      why = strerrordesc_np(errno);
-    }
-  }
+std::shared_ptr<const FileDescriptor> Endpoint::datagramSocket() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return datagrams_;
+}
+
+void Endpoint::dropped(const SocketAddress& peer, const char* why) {
   core_->log(send_limit_, 4, "send", "datagram %s to %s dropped: %s", address_.text().c_str(), peer.text().c_str(),
              why);
+}
+
+bool Endpoint::send(Slices slices, const SocketAddress& peer) {
+  if (const SocketAddress local = core_->localAddress(); local == peer) return sendOwn(slices, local);
+  const auto socket = datagramSocket();
+  const char* why = nullptr;
+  if (!socket) {
+    why = "the endpoint is closed";
+  } else if (sizeOf(slices) > Outgoing::kLargestDatagram) {
+    why = "too large";
+  } else {
+    ssize_t sent = sendSlices(socket->get(), slices, &peer);
+    // An answer to an earlier datagram, which this one never left for.
+    if (sent < 0 && errno == ECONNREFUSED) sent = sendSlices(socket->get(), slices, &peer);
+    if (sent >= 0) return true;
+    why = strerrordesc_np(errno);
+  }
+  dropped(peer, why);
   return false;
+}
+
+bool Endpoint::sendSoon(Slices slices, const SocketAddress& peer) {
+  Outgoing& outgoing = core_->outgoing();
+  if (!outgoing.held() || sizeOf(slices) > Outgoing::kLargestDatagram || core_->localAddress() == peer) {
+    return send(slices, peer);
+  }
+  outgoing.add(shared_from_this(), slices, peer);
+  return true;
+}
+
+void Endpoint::send(std::span<mmsghdr> datagrams) {
+  const auto socket = datagramSocket();
+  bool again = true;
+  while (!datagrams.empty()) {
+    const auto count = static_cast<unsigned int>(datagrams.size());
+    const int sent = socket ? ::sendmmsg(socket->get(), datagrams.data(), count, MSG_NOSIGNAL | MSG_DONTWAIT) : -1;
+    if (sent > 0) {
+      datagrams = datagrams.subspan(static_cast<std::size_t>(sent));
+      again = true;
+      continue;
+    }
+    // What is told is the first one's fault, or the answer to an earlier datagram: then this one never left.
+    if (socket && (errno == EINTR || (errno == ECONNREFUSED && std::exchange(again, false)))) continue;
+    SocketAddress peer;
+    std::memcpy(peer.buffer(), datagrams[0].msg_hdr.msg_name, datagrams[0].msg_hdr.msg_namelen);
+    dropped(peer, socket ? strerrordesc_np(errno) : "the endpoint is closed");
+    datagrams = datagrams.subspan(1);
+    again = true;
+  }
 }
 
 bool Endpoint::sendOwn(Slices slices, const SocketAddress& local) {

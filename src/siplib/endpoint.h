@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 #include "siplib/connection.h"
@@ -41,6 +42,10 @@ class Endpoint final : public std::enable_shared_from_this<Endpoint> {
   /// Sends one datagram; one to the local endpoint goes to its ordinary SIP processing, never to a listener. Any
   /// thread. False with a log line.
   bool send(Slices slices, const SocketAddress& peer);
+  /// The same for the user's thread: it may wait in Outgoing, and what then goes wrong is in the log only.
+  bool sendSoon(Slices slices, const SocketAddress& peer);
+  /// For Outgoing: several, each with its address and its text.
+  void send(std::span<mmsghdr> datagrams);
 
   // I/O thread.
   void start();
@@ -57,6 +62,8 @@ class Endpoint final : public std::enable_shared_from_this<Endpoint> {
   static constexpr std::size_t kMostOwn = 256;
 
   bool sendOwn(Slices slices, const SocketAddress& local);
+  std::shared_ptr<const FileDescriptor> datagramSocket() const;
+  void dropped(const SocketAddress& peer, const char* why);
   void acceptReady();
   void incoming(FileDescriptor socket, const SocketAddress& peer);
   void pauseAccepting(int error);

@@ -50,6 +50,7 @@ std::shared_ptr<Endpoint> EndpointTable::find(const SocketAddress& address) cons
 
 void EndpointTable::release(const std::shared_ptr<Endpoint>& endpoint, SIPLIB_SIPTransportNotifier* notifier,
                             std::shared_ptr<Retired> handle) {
+  core_->outgoing().flush();  // what was sent before the close still leaves
   endpoint->removeHandle(notifier);
   core_->post([this, endpoint, handle = std::move(handle)] {
     // The sockets are closed under the lock: who opens the same address next finds either the endpoint or a free port.

@@ -38,7 +38,7 @@ int ServerTcpTransport::receive() {
 int ServerTcpTransport::send() {
   if (!message_ || !message_->valid()) return -1;
   const auto stream = this->stream();
-  const TcpStream::Sent sent = stream ? stream->send(slicesOf(*message_)) : TcpStream::Sent::Broken;
+  const TcpStream::Sent sent = stream ? stream->sendSoon(slicesOf(*message_)) : TcpStream::Sent::Broken;
   if (sent == TcpStream::Sent::Taken) return 0;
   core_->log(dropped_, 4, "send", "message to %s dropped: %s", peer_.text().c_str(),
              sent == TcpStream::Sent::Full ? "too much waits for the peer already" : "the connection is closed");
@@ -81,9 +81,10 @@ bool ServerTcpTransport::streamMessage(char* text, std::size_t length) {
   return !inbox_.pauseWhenFull();
 }
 
-void ServerTcpTransport::streamClosed(TcpStream&, int level, std::string_view why) {
+void ServerTcpTransport::streamClosed(TcpStream&, int level, std::string_view why, std::string_view unsent) {
   core_->log(level, "tcp", "connection of %s to %s ended: %.*s", peer_.text().c_str(), local_.text().c_str(),
              static_cast<int>(why.size()), why.data());
+  if (!unsent.empty()) core_->log(4, "tcp", "connection ended with %zu bytes unsent", unsent.size());
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     stream_.reset();

@@ -45,6 +45,11 @@ class SIPLIB_SIPStack {
   /// Frees what was closed in the turn that ends here. The user's loop calls it between two events, when nothing holds
   /// a closed connection any more. Cheap when there is nothing to free.
   virtual void endTurn() = 0;
+  /// Between these two, what the user sends may wait; the second sends it, many messages with few system calls. What
+  /// goes wrong then is in the log and, for a connection, its closing event; send() has said that it was taken. Not
+  /// nested; both cheap when nothing is sent. The user's thread.
+  virtual void holdSending() = 0;
+  virtual void releaseSending() = 0;
   /// The process's stack; null before SIPLIB_SIPInit.
   static SIPLIB_SIPStack* instance();
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "siplib/message.h"
+#include "siplib/outgoing.h"
 #include "siplib/reactor.h"
 #include "siplib/socket_address.h"
 #include "siplib/stack.h"
@@ -91,6 +92,9 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   void log(LogLimit& limit, int level, const char* where, const char* format, ...) const
       __attribute__((format(printf, 5, 6)));
 
+  /// What the user's thread sends.
+  Outgoing& outgoing() { return outgoing_; }
+
   /// Empty when the stack has all the connections that it may have. Any thread.
   ConnectionSlot takeSlot();
 
@@ -129,6 +133,8 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
 
   mutable std::mutex local_mutex_;
   SocketAddress local_;
+
+  Outgoing outgoing_;
 
   // I/O thread.
   std::unordered_set<std::shared_ptr<TcpStream>> streams_;

@@ -27,6 +27,8 @@ class StackImpl final : public SIPLIB_SIPStack, public SIPLIB_SIPConnector, publ
 
   SIPLIB_SIPConnector* connector() override { return this; }
   void endTurn() override;
+  void holdSending() override { core_->outgoing().hold(); }
+  void releaseSending() override { core_->outgoing().release(); }
 
   SIPLIB_SIPConnectionNotifier* openNotifier(std::string_view uri) override;
   SIPLIB_SIPTransportNotifier* openTransportNotifier(std::string_view transport, std::string_view ip,

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 namespace siplib {
 namespace {
@@ -12,27 +13,87 @@ bool wouldBlock(int error) {
   return error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS || error == ENOMEM;
 }
 
+/// Where bytes wait for flush(): the room goes from stream to stream, so that a quiet one holds none.
+class StreamRooms {
+ public:
+  /// `text` is empty.
+  static void take(std::string& text) {
+    if (!kept().empty()) {
+      text.swap(kept().back());
+      kept().pop_back();
+    }
+  }
+  static void give(std::string& text) {
+    if (kept().size() == kMost || text.capacity() > 2 * TcpStream::kMostSoon) return;
+    text.clear();
+    kept().push_back(std::move(text));
+  }
+
+ private:
+  static constexpr std::size_t kMost = 8;
+  static std::vector<std::string>& kept() {
+    static thread_local std::vector<std::string> rooms = [] {
+      std::vector<std::string> none;
+      none.reserve(kMost);
+      return none;
+    }();
+    return rooms;
+  }
+};
+
 }  // namespace
 
 TcpStream::TcpStream(std::shared_ptr<StackCore> core, FileDescriptor socket, ConnectionSlot slot)
     : core_(std::move(core)), socket_(std::move(socket)), slot_(std::move(slot)), moved_(StackCore::now()) {
 }
 
+TcpStream::Sent TcpStream::wait(Slices slices) {
+  if (waiting_.size() + sizeOf(slices) > kMostWaiting) return Sent::Full;
+  appendTo(waiting_, slices);
+  return Sent::Taken;
+}
+
 TcpStream::Sent TcpStream::send(Slices slices) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return Sent::Broken;
-    if (claimed_ || !waiting_.empty()) {
-      if (waiting_.size() + sizeOf(slices) > kMostWaiting) return Sent::Full;
-      appendTo(waiting_, slices);
-      return Sent::Taken;
-    }
+    if (claimed_ || !waiting_.empty()) return wait(slices);
     claimed_ = true;
   }
   return write(slices);
 }
 
-TcpStream::Sent TcpStream::write(Slices slices) {
+TcpStream::Sent TcpStream::sendSoon(Slices slices) {
+  if (!core_->outgoing().held() || sizeOf(slices) > kMostSoon) return send(slices);
+  bool first = false;
+  bool much = false;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return Sent::Broken;
+    first = !claimed_ && waiting_.empty();
+    if (first) StreamRooms::take(waiting_);
+    if (wait(slices) != Sent::Taken) return Sent::Full;
+    much = waiting_.size() >= kMostSoon;
+  }
+  if (first) core_->outgoing().add(shared_from_this());
+  if (much) flush();
+  return Sent::Taken;
+}
+
+void TcpStream::flush() {
+  std::string bytes;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    // Another sender, or the I/O thread, sees to what waits.
+    if (claimed_ || closed_ || writable_wanted_ || waiting_.empty()) return;
+    claimed_ = true;
+    bytes.swap(waiting_);
+  }
+  iovec place;
+  if (write(sliceOf(bytes, place), true) == Sent::Taken) StreamRooms::give(bytes);
+}
+
+TcpStream::Sent TcpStream::write(Slices slices, bool keep) {
   ssize_t sent = sendSlices(socket_.get(), slices);
   const int error = sent < 0 ? errno : 0;
   if (error == 0) moved_.store(StackCore::now(), std::memory_order_relaxed);
@@ -43,6 +104,7 @@ TcpStream::Sent TcpStream::write(Slices slices) {
     claimed_ = false;
     if (sent < 0) {
       closed_ = true;
+      if (keep) appendTo(unsent_, slices);
     } else {
       if (static_cast<std::size_t>(sent) < sizeOf(slices)) {
         std::string rest;
@@ -65,6 +127,7 @@ TcpStream::Sent TcpStream::write(Slices slices) {
 }
 
 void TcpStream::close() {
+  flush();  // what was sent before the close still leaves
   const std::lock_guard<std::mutex> lock(mutex_);
   closed_ = true;
 }
@@ -79,26 +142,37 @@ void TcpStream::start(StreamOwner& owner) {
   writable();
 }
 
-void TcpStream::letGo() {
+std::string TcpStream::detach() {
   const auto self = shared_from_this();
   owner_ = nullptr;
   watch_.reset();
   core_->forgetIdle(self);
-  std::size_t unsent = 0;
+  std::size_t lost = 0;
+  std::string unsent;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     closed_ = true;
-    unsent = waiting_.size();
+    lost = waiting_.size();
     waiting_ = std::string();
+    unsent.swap(unsent_);
   }
-  if (unsent > 0) core_->log(4, "tcp", "connection ended with %zu bytes unsent", unsent);
+  if (lost > 0) logUnsent(lost);
+  return unsent;
+}
+
+void TcpStream::letGo() {
+  if (const std::string unsent = detach(); !unsent.empty()) logUnsent(unsent.size());
+}
+
+void TcpStream::logUnsent(std::size_t bytes) const {
+  core_->log(4, "tcp", "connection ended with %zu bytes unsent", bytes);
 }
 
 void TcpStream::fail(int level, std::string_view why) {
   const auto self = shared_from_this();
   StreamOwner* const owner = owner_;
-  letGo();
-  if (owner != nullptr) owner->streamClosed(*this, level, why);
+  const std::string unsent = detach();
+  if (owner != nullptr) owner->streamClosed(*this, level, why, unsent);
 }
 
 // A read that fills the room has probably left something; a peer that never stops gives way to the others after a few.

@@ -2,7 +2,8 @@
 //
 //   in:   readable -> recv -> Framer -> StreamOwner::streamMessage, once per message
 //   out:  send() on any thread goes straight to the socket; what it does not take at once waits here and is finished on
-//         the I/O thread. One sender at a time holds a claim, so that no lock is held while the kernel works.
+//         the I/O thread. What sendSoon() takes waits for flush(), so that many messages leave together. One sender at
+//         a time holds a claim, so that no lock is held while the kernel works.
 //
 // The socket is closed when the last holder lets go, so that a send never meets a descriptor of another.
 #pragma once
@@ -27,14 +28,17 @@ class StreamOwner {
   virtual ~StreamOwner() = default;
   /// One complete message; `text` dies with the call. False: no further one until resume().
   virtual bool streamMessage(char* text, std::size_t length) = 0;
-  /// The end, once, after every message. Not called after letGo().
-  virtual void streamClosed(TcpStream& stream, int level, std::string_view why) = 0;
+  /// The end, once, after every message. Not called after letGo(). `unsent`: whole messages that
+  /// sendSoon() had taken and for which it came too late.
+  virtual void streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) = 0;
 };
 
 class TcpStream : public std::enable_shared_from_this<TcpStream> {
  public:
   /// Most bytes that wait for a peer which does not read.
   static constexpr std::size_t kMostWaiting = 256 * 1024;
+  /// More is not put off.
+  static constexpr std::size_t kMostSoon = 32 * 1024;
 
   TcpStream(std::shared_ptr<StackCore> core, FileDescriptor socket, ConnectionSlot slot);
   TcpStream(const TcpStream&) = delete;
@@ -47,6 +51,10 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   };
   /// Any thread.
   Sent send(Slices slices);
+  /// The same for the user's thread: the bytes may wait until flush().
+  Sent sendSoon(Slices slices);
+  /// Sends what waits, unless it waits for the peer.
+  void flush();
   /// Bytes that go out before all others; before start() only.
   void preload(std::string bytes) { waiting_ = std::move(bytes); }
   /// No send is taken from now on. Any thread.
@@ -66,10 +74,14 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   void readable();
   void deliver();
   void writable();
-  /// With the claim: sends `slices`; what is left waits, before what other threads have added since.
-  Sent write(Slices slices);
-  void breakLater(int error);
-  void askForWritable();
+  /// With the claim: sends `slices`; what is left waits, before what other threads have added since. `keep`: all of it
+  /// becomes unsent_ when the socket is broken.
+  Sent write(Slices slices, bool keep = false);
+  /// With the lock.
+  Sent wait(Slices slices);
+  /// Ends the reading; what flush() could not send.
+  std::string detach();
+  void logUnsent(std::size_t bytes) const;
 
   const std::shared_ptr<StackCore> core_;
   const FileDescriptor socket_;
@@ -78,6 +90,8 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
 
   std::mutex mutex_;
   std::string waiting_;
+  /// Of the flush that found the socket broken.
+  std::string unsent_;
   bool claimed_ = false;
   bool closed_ = false;
   /// The I/O thread has been asked to watch for writability, or watches.

@@ -33,7 +33,7 @@ bool route_fresh_request(const char* function, SIPLIB_SIPTransportConnection* co
   if (has_profile && (method == "REGISTER" || method == "SUBSCRIBE")) {
     domain_key = table.findDomain(DT_PROFILE_ID, profile);
     IMS_log::loginfo(5, function, "Removing Zel-Profile-ID=%s from method=%s", profile.c_str(), method.c_str());
-    connection->removeHeader("Zel-Profile-ID");
+    forwarding::remove_profile_id(connection);
     if (!profile.empty()) {
       IMS_log::loginfo(5, function, "Adding profile-ID to request- profile is %s", profile.c_str());
       tags += ";profile=" + profile;

@@ -43,7 +43,7 @@ bool IMS_engine_proxy::update_ua_to_network_response_via_contact(SIPLIB_SIPTrans
   std::string profile;
   if (!client_key.empty() && connection->getHeader("Zel-Profile-ID", profile) == 0) {
     domain_key = rt->findDomain(DT_PROFILE_ID, profile);
-    connection->removeHeader("Zel-Profile-ID");
+    forwarding::remove_profile_id(connection);
   } else if (client != nullptr) {
     domain_key = client->domain_key;
   }

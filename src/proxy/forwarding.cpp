@@ -62,6 +62,10 @@ void tag_contact(SIPLIB_SIPTransportConnection* connection, const std::string& t
   connection->setHeader("Contact", contact);
 }
 
+void remove_profile_id(SIPLIB_SIPTransportConnection* connection) {
+  connection->getSipMessageHandle()->removeHeaders("Zel-Profile-ID");
+}
+
 void add_user_agent(const char* function, SIPLIB_SIPTransportConnection* connection) {
   const std::string user_agent = IMS_LocalRegistrar::form_user_agent_header();
   IMS_log::loginfo(5, function, "Adding User-agent=%s", user_agent.c_str());

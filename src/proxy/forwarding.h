@@ -44,6 +44,8 @@ std::string dialog_tag(const char* function, const RequestUri& uri, Wins wins, s
 std::unique_ptr<SIPLIB_SIPHeader> read_via(const SIPLIB_SIPTransportConnection* connection, std::string& via);
 /// Puts `tags` into the message's Contact, if it has one; `contact` is its new value, or empty.
 void tag_contact(SIPLIB_SIPTransportConnection* connection, const std::string& tags, std::string& contact);
+/// Takes out every Zel-Profile-ID: it is between a client and the proxy, and a second one must not get past.
+void remove_profile_id(SIPLIB_SIPTransportConnection* connection);
 /// Adds the proxy's own User-agent.
 void add_user_agent(const char* function, SIPLIB_SIPTransportConnection* connection);
 /// The domain's own address towards its proxy. False with one line at level 3 when it has no listener.

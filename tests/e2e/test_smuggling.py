@@ -8,9 +8,10 @@ import re
 import unittest
 
 from support import sip
-from support.ways import USER_AGENT, Ways, tagged
+from support.ways import ALICE, METHODS, USER_AGENT, Ways, tagged
 
-COMPACT = {b"Via": b"v", b"Contact": b"m", b"From": b"f", b"To": b"t", b"Content-Length": b"l"}
+COMPACT = {b"Via": b"v", b"Contact": b"m", b"From": b"f", b"To": b"t", b"Call-ID": b"i", b"Content-Type": b"c",
+           b"Content-Length": b"l"}
 
 READ = {
     "plain": lambda name, value: name + b": " + value,
@@ -94,6 +95,18 @@ class Smuggling(Ways):
         self.put(way, self.lines(way, b"MESSAGE"))
 
     # --- Zel-Profile-ID: chooses the domain of a REGISTER or SUBSCRIBE, and no peer ever sees it ---
+
+    def test_no_profile_id_gets_past_in_any_form(self):
+        for way in self.named("alice asks the network", "alice's answer"):
+            for (one, first), (two, second) in itertools.product(READ.items(), READ.items()):
+                with self.naming(way, (one, two)):
+                    lines = self.lines(way, b"SUBSCRIBE")
+                    if way.request:
+                        via, arrives = lines[0]
+                        lines[0] = via, arrives.replace(b";mok=", b";profile=1;mok=")
+                    lines.insert(2, (first(b"Zel-Profile-ID", b"1"), None))
+                    lines.insert(5, (second(b"Zel-Profile-ID", b"7"), None))
+                    self.put(way, lines, b"SUBSCRIBE")
 
     def test_a_profile_id_that_is_no_single_one_leads_nowhere(self):
         for way in self.named("alice asks the network", "alice's answer"):
@@ -214,6 +227,22 @@ class Smuggling(Ways):
                 lines[3] = (form(b"To", value),) * 2
                 lines.insert(5, (b"To: <sip:x@example.net>",) * 2)
                 self.put(way, lines)
+
+    def test_the_registrar_reads_any_form_and_answers_with_its_own_headers(self):
+        names = ("Via", "From", "To", "Call-ID", "CSeq", "Contact", "Expires", "Content-Type", "Content-Length")
+        peers = {"UDP": self.udp(), "TCP": self.connect()}
+        cseq = 0
+        for (transport, peer), (label, form), name in itertools.product(peers.items(), READ.items(), names):
+            cseq += 1
+            here = f"{peer.ip}:{peer.port}" if transport == "UDP" else f"{peer.local[0]}:{peer.local[1]}"
+            text = sip.register(ALICE, sip.ua_info(methods=METHODS), via=here, cseq=cseq + 1, transport=transport)
+            line, value = re.search(rf"(?m)^{name}: (.*)\r\n".encode(), text).group(0, 1)
+            text = text.replace(line, form(name.encode(), value) + b"\r\nZel-Profile-ID: 7\r\n")
+            with self.naming(transport, label, name):
+                peer.send(text)
+                answer = peer.receive()
+                self.assertEqual((answer.status, answer.all("Zel-Profile-ID")), (200, ["1"]), answer.raw)
+                self.assertEqual(answer.get("Contact"), f"<sip:127.0.0.1:{ALICE}>")
 
     def test_nothing_from_the_network_reaches_the_registrar(self):
         body = sip.ua_info("work", "evil@example.net").encode()

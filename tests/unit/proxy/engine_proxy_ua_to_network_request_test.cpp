@@ -155,6 +155,31 @@ TEST_F(UaToNetworkRequest, SubscribeGoesToTheProfileThatItNamesAndItsContactHold
   EXPECT_EQ(value(sent, "Zel-Profile-ID"), "(absent)");
 }
 
+TEST_F(UaToNetworkRequest, NoSecondProfileHeaderGetsPast) {
+  for (const char* method : {"REGISTER", "SUBSCRIBE"}) {
+    forward(kTcp, ua, fromClient(method, kVia, {{"zel-profile-id ", "1"}, {"Subject", "x"}, {"ZEL-Profile-ID", "9"}}));
+    ASSERT_FALSE(toNetwork().sent.empty()) << method;
+    EXPECT_EQ(values(toNetwork().sent.back(), "Zel-Profile-ID"), std::vector<std::string>{}) << method;
+    EXPECT_EQ(value(toNetwork().sent.back(), "Subject"), "x") << method;
+  }
+}
+
+TEST_F(UaToNetworkRequest, AHeaderOfTheClientsRecordCannotBringAnother) {
+  ClientTable_Entry_T entry;
+  entry.ua_port = "5071";
+  entry.profile_id = "1";
+  entry.headers = {{"X-A", "v\r\nX-Evil: 1"}, {"X-B\r\nX-Evil", "1"}, {"X-C", "v\nX-Evil: 1"}, {"X D", "1"}, {"", "1"},
+                   {"Content-Length", "77"},  {"X-Good", "kept"}};
+  addClient(entry);
+  forward(kTcp, ua, fromClient("INVITE", "SIP/2.0/TCP 127.0.0.1:5071;branch=z9hG4bK-1"));
+  ASSERT_EQ(toNetwork().sent.size(), 1U);
+  const std::string& sent = toNetwork().sent[0];
+  EXPECT_EQ(sent.find("X-Evil"), std::string::npos) << sent;
+  EXPECT_EQ(sent.find("X D"), std::string::npos) << sent;
+  EXPECT_EQ(sent.find("77"), std::string::npos) << sent;
+  EXPECT_EQ(value(sent, "X-Good"), "kept");
+}
+
 TEST_F(UaToNetworkRequest, OtherMethodsKeepTheProfileHeaderAndTheirOwnDomain) {
   addDomain("9", "127.0.0.5", 5090, "TCP");
   for (const char* method : {"MESSAGE", "INVITE", "register"}) {

@@ -91,7 +91,8 @@ TEST_F(UaToNetworkResponse, AProfileHeaderSteersToThatDomainAndIsRemoved) {
   EXPECT_EQ(value(sent, "Via"), "SIP/2.0/UDP 127.0.0.5:5090;branch=z9hG4bK-n1");
   EXPECT_EQ(value(sent, "Zel-Profile-ID"), "(absent)");
 
-  tcp(response("SIP/2.0/TCP 127.0.0.1:5060;branch=z9hG4bK-n1;mtk=" + key + ";st=" + tag, {{"Zel-Profile-ID", "2"}}));
+  tcp(response("SIP/2.0/TCP 127.0.0.1:5060;branch=z9hG4bK-n1;mtk=" + key + ";st=" + tag,
+               {{"Zel-Profile-ID", "2"}, {"zel-profile-id ", "1"}}));
   ASSERT_EQ(network.sent.size(), 1U);
   EXPECT_EQ(value(network.sent[0], "Via"), "SIP/2.0/TCP 127.0.0.5:5090;branch=z9hG4bK-n1");
   EXPECT_EQ(value(network.sent[0], "Zel-Profile-ID"), "(absent)");

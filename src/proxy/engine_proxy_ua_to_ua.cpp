@@ -79,7 +79,8 @@ bool route_fresh_request(const char* function, SIPLIB_SIPTransportConnection* co
   to->removeParameter("port");
   if (!to->getUser().empty()) {
     IMS_log::loginfo(5, function, "TO contains the name of the destination client");
-    const std::string uri = to->getURI();
+    siplib::Scratch uri;
+    to->getURI(uri);
     destination_key = table.findClient(CF_URI, uri);
     if (destination_key.empty()) {
       IMS_log::loginfo(3, function, "ERROR: Can't find any destination client based on from_address (%s)", uri.c_str());

@@ -180,13 +180,17 @@ int SIPLIB_SIPAddress::getPort() const {
 }
 
 std::string SIPLIB_SIPAddress::getURI() const {
-  std::string uri(getScheme());
-  uri.append(":").append(getUser());
-  if (host_.empty()) return uri;
+  std::string uri;
+  getURI(uri);
+  return uri;
+}
+
+void SIPLIB_SIPAddress::getURI(std::string& uri) const {
+  uri.assign(getScheme()).append(":").append(getUser());
+  if (host_.empty()) return;
   if (!user_.empty()) uri += '@';
   uri += part(host_);
   if (!port_.empty()) uri.append(":").append(part(port_));
-  return uri;
 }
 
 int SIPLIB_SIPAddress::getParameter(std::string_view name, std::string& value) const {

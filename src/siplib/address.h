@@ -36,6 +36,7 @@ class SIPLIB_SIPAddress final : public siplib::Recycled<SIPLIB_SIPAddress> {
   int getPort() const;
   /// scheme:user@host:port, without password, URI parameters and headers.
   std::string getURI() const;
+  void getURI(std::string& uri) const;
   /// A URI parameter, or else a header parameter; 0 when there, -1 when not (`value` then stays). The text as it
   /// stands, empty for a parameter without "=".
   int getParameter(std::string_view name, std::string& value) const;

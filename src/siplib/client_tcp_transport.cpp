@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "siplib/listener.h"
@@ -67,9 +68,10 @@ bool ClientTcpTransport::begin() {
       if (opened.connected) {
         connected(std::move(opened.socket), std::move(slot), true);
       } else {
+        auto attempt = std::make_shared<Attempt>(Attempt{std::move(opened.socket), std::move(slot), nullptr, nullptr});
+        core_->post([self = shared_from_this(), attempt] { self->watchConnect(attempt); });
+        attempt_ = std::move(attempt);
         state_ = State::Connecting;
-        attempt_ = std::make_shared<Attempt>(Attempt{std::move(opened.socket), std::move(slot), nullptr, nullptr});
-        core_->post([self = shared_from_this(), attempt = attempt_] { self->watchConnect(attempt); });
       }
       return true;
     }
@@ -108,12 +110,16 @@ void ClientTcpTransport::watchConnect(std::shared_ptr<Attempt> attempt) {
   }
   watched_ = std::move(attempt);
   const int descriptor = watched_->socket.get();
-  watched_->watch = core_->reactor().watch(
-      descriptor, [] {}, [this, descriptor] { connectEnded(connectResult(descriptor)); });
-  if (!watched_->watch) return connectEnded(ENOSPC);
-  watched_->watch->wantWrite(true);
-  watched_->timer = core_->reactor().timer([this] { connectEnded(ETIMEDOUT); });
-  watched_->timer->start(core_->config().connect_timeout);
+  try {
+    watched_->watch = core_->reactor().watch(
+        descriptor, [] {}, [this, descriptor] { connectEnded(connectResult(descriptor)); });
+    if (!watched_->watch) return connectEnded(ENOSPC);
+    watched_->watch->wantWrite(true);
+    watched_->timer = core_->reactor().timer([this] { connectEnded(ETIMEDOUT); });
+    watched_->timer->start(core_->config().connect_timeout);
+  } catch (const std::bad_alloc&) {
+    connectEnded(ENOMEM);
+  }
 }
 
 void ClientTcpTransport::connectEnded(int error) {
@@ -291,21 +297,33 @@ bool ClientTcpTransport::streamMessage(char* text, std::size_t length) {
   return !inbox_.pauseWhenFull();
 }
 
-void ClientTcpTransport::streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) {
+void ClientTcpTransport::putFirst(std::string& unsent) {
+  try {
+    unsent.append(waiting_);
+    waiting_.swap(unsent);
+    unsent.clear();
+  } catch (const std::bad_alloc&) {
+    // What waits already waits on.
+  }
+}
+
+void ClientTcpTransport::streamClosed(TcpStream& stream, int level, std::string_view why, std::string unsent) {
   SIPLIB_SIPClientTcpTransportListener* const listener = listener_;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (stream_.get() != &stream) return;
-    core_->log(level, "tcp", "connection %s to %s ended: %.*s", local_.text().c_str(), destination_.text().c_str(),
-               static_cast<int>(why.size()), why.data());
     stream_.reset();
     deferred_.reset();
-    waiting_.insert(0, unsent);  // taken before the loss was known, as if it were sent now
+    putFirst(unsent);
     // Nobody to close it where nobody listens.
     state_ = listener != nullptr ? State::Lost : State::Closed;
     if (state_ == State::Closed && !waiting_.empty()) begin();
   }
+  // Told before it is logged: a line may fail for want of memory.
   if (listener != nullptr) listener->notifyConnectionClosed(this);
+  core_->log(level, "tcp", "connection %s to %s ended: %.*s", local_.text().c_str(), destination_.text().c_str(),
+             static_cast<int>(why.size()), why.data());
+  if (!unsent.empty()) core_->log(4, "tcp", "connection ended with %zu bytes unsent", unsent.size());
 }
 
 bool ClientPath::send(std::string_view bytes) {

@@ -55,7 +55,7 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
 
   // I/O thread.
   bool streamMessage(char* text, std::size_t length) override;
-  void streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) override;
+  void streamClosed(TcpStream& stream, int level, std::string_view why, std::string unsent) override;
   /// A message that the ordinary SIP processing sent over the stack's way to itself.
   void ownMessage(std::string text);
   /// The end of the stack.
@@ -79,6 +79,9 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
   void connected(FileDescriptor socket, ConnectionSlot slot, bool defer);
   /// With the lock: gives up what waits.
   void dropWaiting();
+  /// With the lock: what was taken before the loss was known waits before all else, as if it were sent now. `unsent` is
+  /// empty then, or as it was without memory for it.
+  void putFirst(std::string& unsent);
   /// With the lock. False when too much waits.
   bool wait(Slices slices);
   bool sendOwn(Slices slices);

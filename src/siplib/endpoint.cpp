@@ -180,13 +180,13 @@ void Endpoint::acceptReady() {
 // The connection stays in the backlog and keeps the listener readable: without a pause this would be a busy loop.
 void Endpoint::pauseAccepting(int error) {
   core_->log(accept_limit_, 3, "accept", "cannot accept on %s: %s", address_.text().c_str(), strerrordesc_np(error));
-  listening_watch_->wantRead(false);
   if (!accept_again_) {
     accept_again_ = core_->reactor().timer([this] {
       if (listening_watch_) listening_watch_->wantRead(true);
     });
   }
   accept_again_->start(kAcceptPause);
+  listening_watch_->wantRead(false);
 }
 
 void Endpoint::incoming(FileDescriptor socket, const SocketAddress& peer) {

@@ -81,17 +81,25 @@ bool ServerTcpTransport::streamMessage(char* text, std::size_t length) {
   return !inbox_.pauseWhenFull();
 }
 
-void ServerTcpTransport::streamClosed(TcpStream&, int level, std::string_view why, std::string_view unsent) {
-  core_->log(level, "tcp", "connection of %s to %s ended: %.*s", peer_.text().c_str(), local_.text().c_str(),
-             static_cast<int>(why.size()), why.data());
-  if (!unsent.empty()) core_->log(4, "tcp", "connection ended with %zu bytes unsent", unsent.size());
+void ServerTcpTransport::streamClosed(TcpStream&, int level, std::string_view why, std::string unsent) {
+  const auto self = shared_from_this();
+  bool closed_by_user = false;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     stream_.reset();
-    if (closed_by_user_) return;
+    closed_by_user = closed_by_user_;
   }
-  if (!accepted_) return core_->release(shared_from_this());
-  if (auto* const listener = endpoint_->listener()) listener->notifyConnectionClosed(this);
+  // Told before it is logged: a line may fail for want of memory.
+  if (!closed_by_user) {
+    if (!accepted_) {
+      core_->release(self);
+    } else if (auto* const listener = endpoint_->listener()) {
+      listener->notifyConnectionClosed(this);
+    }
+  }
+  core_->log(level, "tcp", "connection of %s to %s ended: %.*s", peer_.text().c_str(), local_.text().c_str(),
+             static_cast<int>(why.size()), why.data());
+  if (!unsent.empty()) core_->log(4, "tcp", "connection ended with %zu bytes unsent", unsent.size());
 }
 
 }  // namespace siplib

@@ -41,7 +41,7 @@ class ServerTcpTransport final : public SIPLIB_SIPServerTcpTransport,
   /// Begins to read. `accepted`: the listener has taken it.
   void start(bool accepted);
   bool streamMessage(char* text, std::size_t length) override;
-  void streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) override;
+  void streamClosed(TcpStream& stream, int level, std::string_view why, std::string unsent) override;
 
  private:
   std::shared_ptr<TcpStream> stream();

@@ -144,6 +144,7 @@ std::size_t sizeOf(Slices slices) {
 }
 
 void appendTo(std::string& out, Slices slices, std::size_t skip) {
+  out.reserve(out.size() + sizeOf(slices) - skip);  // all of it or, without memory, nothing
   for (const iovec& slice : slices) {
     const std::size_t passed = std::min(skip, slice.iov_len);
     skip -= passed;

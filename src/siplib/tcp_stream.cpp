@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <utility>
 #include <vector>
 
 namespace siplib {
@@ -65,17 +67,17 @@ TcpStream::Sent TcpStream::send(Slices slices) {
 
 TcpStream::Sent TcpStream::sendSoon(Slices slices) {
   if (!core_->outgoing().held() || sizeOf(slices) > kMostSoon) return send(slices);
-  bool first = false;
   bool much = false;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return Sent::Broken;
-    first = !claimed_ && waiting_.empty();
-    if (first) StreamRooms::take(waiting_);
+    if (!claimed_ && waiting_.empty()) {
+      core_->outgoing().add(shared_from_this());  // first: without memory for it nothing has happened
+      StreamRooms::take(waiting_);
+    }
     if (wait(slices) != Sent::Taken) return Sent::Full;
     much = waiting_.size() >= kMostSoon;
   }
-  if (first) core_->outgoing().add(shared_from_this());
   if (much) flush();
   return Sent::Taken;
 }
@@ -90,10 +92,10 @@ void TcpStream::flush() {
     bytes.swap(waiting_);
   }
   iovec place;
-  if (write(sliceOf(bytes, place), true) == Sent::Taken) StreamRooms::give(bytes);
+  if (write(sliceOf(bytes, place), &bytes) == Sent::Taken) StreamRooms::give(bytes);
 }
 
-TcpStream::Sent TcpStream::write(Slices slices, bool keep) {
+TcpStream::Sent TcpStream::write(Slices slices, std::string* flushed) {
   ssize_t sent = sendSlices(socket_.get(), slices);
   const int error = sent < 0 ? errno : 0;
   if (error == 0) moved_.store(StackCore::now(), std::memory_order_relaxed);
@@ -104,14 +106,14 @@ TcpStream::Sent TcpStream::write(Slices slices, bool keep) {
     claimed_ = false;
     if (sent < 0) {
       closed_ = true;
-      if (keep) appendTo(unsent_, slices);
-    } else {
-      if (static_cast<std::size_t>(sent) < sizeOf(slices)) {
-        std::string rest;
-        appendTo(rest, slices, static_cast<std::size_t>(sent));
-        waiting_.insert(0, rest);
-      }
-      if (!waiting_.empty() && !writable_wanted_) ask = writable_wanted_ = true;
+      if (flushed != nullptr) unsent_.swap(*flushed);
+    } else if (!keepRest(slices, static_cast<std::size_t>(sent))) {
+      // Half a message cannot be followed by another. The I/O thread finds the end by reading.
+      closed_ = true;
+      ::shutdown(socket_.get(), SHUT_RDWR);
+      return Sent::Broken;
+    } else if (!waiting_.empty() && !writable_wanted_) {
+      ask = writable_wanted_ = true;
     }
   }
   if (sent < 0) {
@@ -126,6 +128,18 @@ TcpStream::Sent TcpStream::write(Slices slices, bool keep) {
   return Sent::Taken;
 }
 
+bool TcpStream::keepRest(Slices slices, std::size_t sent) {
+  if (sent == sizeOf(slices)) return true;
+  try {
+    std::string rest;
+    appendTo(rest, slices, sent);
+    waiting_.insert(0, rest);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 void TcpStream::close() {
   flush();  // what was sent before the close still leaves
   const std::lock_guard<std::mutex> lock(mutex_);
@@ -134,12 +148,26 @@ void TcpStream::close() {
 
 void TcpStream::start(StreamOwner& owner) {
   owner_ = &owner;
-  watch_ = core_->reactor().watch(
-      socket_.get(), [this] { readable(); }, [this] { writable(); });
-  if (!watch_) return fail(3, "the system cannot watch the socket");
-  core_->watchIdle(shared_from_this());
-  watch_->wantRead(true);
-  writable();
+  orFail([this] {
+    watch_ = core_->reactor().watch(
+        socket_.get(), [this] { orFail([this] { readable(); }); }, [this] { orFail([this] { writable(); }); });
+    if (!watch_) return fail(3, "the system cannot watch the socket");
+    core_->watchIdle(shared_from_this());
+    watch_->wantRead(true);
+    writable();
+  });
+}
+
+/// Without memory for what this peer has begun, its connection ends: to try again would keep the processor busy, and
+/// its end gives memory back.
+template <typename Work>
+void TcpStream::orFail(Work work) {
+  const auto self = shared_from_this();
+  try {
+    work();
+  } catch (const std::bad_alloc&) {
+    fail(3, "no memory");
+  }
 }
 
 std::string TcpStream::detach() {
@@ -171,8 +199,8 @@ void TcpStream::logUnsent(std::size_t bytes) const {
 void TcpStream::fail(int level, std::string_view why) {
   const auto self = shared_from_this();
   StreamOwner* const owner = owner_;
-  const std::string unsent = detach();
-  if (owner != nullptr) owner->streamClosed(*this, level, why, unsent);
+  std::string unsent = detach();
+  if (owner != nullptr) owner->streamClosed(*this, level, why, std::move(unsent));
 }
 
 // A read that fills the room has probably left something; a peer that never stops gives way to the others after a few.
@@ -197,9 +225,10 @@ void TcpStream::readable() {
 void TcpStream::resume() {
   if (!paused_ || owner_ == nullptr) return;
   paused_ = false;
-  const auto self = shared_from_this();
-  deliver();
-  if (owner_ != nullptr && !paused_) watch_->wantRead(true);
+  orFail([this] {
+    deliver();
+    if (owner_ != nullptr && !paused_) watch_->wantRead(true);
+  });
 }
 
 void TcpStream::deliver() {

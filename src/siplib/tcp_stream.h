@@ -30,7 +30,7 @@ class StreamOwner {
   virtual bool streamMessage(char* text, std::size_t length) = 0;
   /// The end, once, after every message. Not called after letGo(). `unsent`: whole messages that
   /// sendSoon() had taken and for which it came too late.
-  virtual void streamClosed(TcpStream& stream, int level, std::string_view why, std::string_view unsent) = 0;
+  virtual void streamClosed(TcpStream& stream, int level, std::string_view why, std::string unsent) = 0;
 };
 
 class TcpStream : public std::enable_shared_from_this<TcpStream> {
@@ -71,17 +71,21 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   void fail(int level, std::string_view why);
 
  private:
+  template <typename Work>
+  void orFail(Work work);
   void readable();
   void deliver();
   void writable();
-  /// With the claim: sends `slices`; what is left waits, before what other threads have added since. `keep`: all of it
-  /// becomes unsent_ when the socket is broken.
-  Sent write(Slices slices, bool keep = false);
+  /// With the claim: sends `slices`; what is left waits, before what other threads have added since. `flushed`: the text
+  /// that they are, which becomes unsent_ when the socket is broken; else null.
+  Sent write(Slices slices, std::string* flushed = nullptr);
   /// With the lock.
   Sent wait(Slices slices);
   /// Ends the reading; what flush() could not send.
   std::string detach();
   void logUnsent(std::size_t bytes) const;
+  /// Under the lock: what was not sent waits, before all else. False without memory for it.
+  bool keepRest(Slices slices, std::size_t sent);
 
   const std::shared_ptr<StackCore> core_;
   const FileDescriptor socket_;

@@ -93,7 +93,7 @@ bool breaksLine(std::string_view text) {
 // once.
 bool linesWhole(std::string_view text) {
   if (text.empty()) return true;
-  auto broken = static_cast<unsigned char>((text.front() == '\n') | (text.back() == '\r'));
+  unsigned char broken = text.front() == '\n' || text.back() == '\r' ? 1 : 0;
   for (std::size_t i = 1; i < text.size(); ++i) {
     broken = static_cast<unsigned char>(broken | ((text[i] == '\n') ^ (text[i - 1] == '\r')));
   }

@@ -64,6 +64,12 @@ const char* readVia(std::string_view value, Head& head) {
   return nullptr;
 }
 
+bool readTag(std::string_view name, std::string_view value, std::string& tag) {
+  const std::unique_ptr<SIPLIB_SIPHeader> header(SIPLIB_SIPHeader::createSIPHeaderObject(name, value));
+  if (header) header->getParameter("tag", tag);
+  return header != nullptr;
+}
+
 }  // namespace
 
 const char* readHead(const SIPLIB_message& message, Head& head) {
@@ -96,8 +102,9 @@ const char* readHead(const SIPLIB_message& message, Head& head) {
   wrong = readCSeq(cseq, head);
   if (wrong) return wrong;
   if (message.isRequest() && head.method != message.method()) return "CSeq of another method";
-  head.from_tag = headerParameter("From", head.from, "tag");
-  head.to_tag = headerParameter("To", head.to, "tag");
+  // What cannot be read has no tag that a dialog could go by, and our own requests in it would carry it on.
+  if (!readTag("From", head.from, head.from_tag)) return "From cannot be read";
+  if (!readTag("To", head.to, head.to_tag)) return "To cannot be read";
   return nullptr;
 }
 

@@ -55,6 +55,18 @@ TEST(TransactionHead, ACSeqIsANumberAndAMethodAndNothingElse) {
   }
 }
 
+TEST(TransactionHead, FromAndToAreRefusedWhereTheirTagsCannotBeRead) {
+  for (const char* bad : {"<sip:a@1\"7.0.0.1>", "\"open <sip:a@127.0.0.1>;tag=1", "<sip:a@127.0.0.1", ";tag=1"}) {
+    Request from;
+    from.from = bad;
+    Request to;
+    to.to = bad;
+    siplib::Head head;
+    EXPECT_STREQ("From cannot be read", siplib::readHead(*parsed(from.text()), head)) << bad;
+    EXPECT_STREQ("To cannot be read", siplib::readHead(*parsed(to.text()), head)) << bad;
+  }
+}
+
 TEST(TransactionHead, UrisAreFoundWithinValues) {
   struct Row {
     const char* value;

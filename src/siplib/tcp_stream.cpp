@@ -232,25 +232,31 @@ void TcpStream::resume() {
 }
 
 void TcpStream::deliver() {
-  while (owner_ != nullptr) {
+  // Keep-alives that came together are answered together: a peer that sends nothing else costs no call for each.
+  std::string answers;
+  bool more = true;
+  while (more && owner_ != nullptr) {
     const Framer::Frame frame = framer_.next();
     switch (frame.kind) {
       case Framer::Kind::NeedMore:
-        return;
+        more = false;
+        break;
       case Framer::Kind::Malformed:
         return fail(4, frame.reason);
-      case Framer::Kind::KeepAlive: {
-        iovec place;
-        send(sliceOf("\r\n", place));
+      case Framer::Kind::KeepAlive:
+        answers += "\r\n";
         break;
-      }
       case Framer::Kind::Message:
         if (owner_->streamMessage(frame.text, frame.length)) break;
         paused_ = true;
         if (watch_) watch_->wantRead(false);
-        return;
+        more = false;
+        break;
     }
   }
+  if (answers.empty() || owner_ == nullptr) return;
+  iovec place;
+  send(sliceOf(answers, place));
 }
 
 void TcpStream::writable() {

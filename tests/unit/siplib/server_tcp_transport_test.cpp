@@ -1,8 +1,21 @@
 #include "siplib/server_tcp_transport.h"
 
+#include <dlfcn.h>
 #include <sys/resource.h>
 
 #include "siplib/socket_fakes.h"
+
+namespace {
+std::atomic<std::size_t> g_sent{0};
+}
+
+// In the place of the system's, which it calls: what a stream sends is counted.
+extern "C" ssize_t sendmsg(int descriptor, const msghdr* message, int flags) {
+  using Function = ssize_t (*)(int, const msghdr*, int);
+  static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "sendmsg"));
+  ++g_sent;
+  return next(descriptor, message, flags);
+}
 
 namespace {
 
@@ -108,6 +121,26 @@ TEST_F(ServerTcpTransportTest, AKeepAliveIsAnswered) {
   ASSERT_TRUE(peer.send("\r\n\r\n"));
   EXPECT_TRUE(reads(peer, "\r\n"));
   EXPECT_EQ(0u, listener.size());
+}
+
+TEST_F(ServerTcpTransportTest, ManyKeepAlivesAreAnsweredTogether) {
+  start();
+  accepted(peer);
+  constexpr std::size_t count = 8000;
+  std::string questions;
+  for (std::size_t i = 0; i < count; ++i) questions += "\r\n\r\n";
+  const std::size_t before = g_sent;
+  ASSERT_TRUE(peer.send(questions));
+  std::string answers;
+  EXPECT_TRUE(until([&] {
+    answers += peer.read();
+    return answers.size() >= 2 * count;
+  }));
+  EXPECT_EQ(2 * count, answers.size());
+  EXPECT_EQ(std::string::npos, answers.find_first_not_of("\r\n"));
+  const std::size_t calls = g_sent - before;
+  EXPECT_GT(calls, 0u);
+  EXPECT_LT(calls, count / 10);
 }
 
 TEST_F(ServerTcpTransportTest, AStreamThatCannotBeFramedIsClosedWithOneLine) {

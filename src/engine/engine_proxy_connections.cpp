@@ -165,10 +165,8 @@ void IMS_engine_proxy::send_100_trying(const std::string& transport, SIPLIB_SIPT
     }
     trying->addHeader(name, value);
   }
-  // Each goes on top of the one before, so they come out in the request's order.
   const SIPLIB_SIPMessageHandle asked = request->getSipMessageHandle();
-  const std::vector<std::string_view> vias = asked->headers("Via");
-  for (auto via = vias.rbegin(); via != vias.rend(); ++via) trying->addHeader("Via", *via);
+  for (const std::string_view via : asked->headers("Via")) trying->appendHeader("Via", via);
 
   if (strcasecmp(transport.c_str(), "UDP") != 0) {
     request->setSipMessageHandle(trying);

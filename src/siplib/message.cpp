@@ -382,14 +382,21 @@ bool SIPLIB_message::addHeader(std::string_view name, std::string_view value) {
   const HeaderId id = siplib::headerId(name);
   if (refusesChange(name, value, id)) return false;
   const Line* const top = find(name, id);
-  std::size_t index = line_count_;
-  if (top != nullptr) {
-    index = static_cast<std::size_t>(top - lines_);
-  } else if (made_here_ && line_count_ > 0 && lines_[line_count_ - 1].id == siplib::kContentLength) {
-    --index;
-  }
-  insert(index, name, value, id);
+  insert(top != nullptr ? static_cast<std::size_t>(top - lines_) : lastPlace(), name, value, id);
   return true;
+}
+
+bool SIPLIB_message::appendHeader(std::string_view name, std::string_view value) {
+  const HeaderId id = siplib::headerId(name);
+  if (refusesChange(name, value, id)) return false;
+  insert(lastPlace(), name, value, id);
+  return true;
+}
+
+// Where a further line goes: a message made here keeps its Content-Length last.
+std::size_t SIPLIB_message::lastPlace() const {
+  const bool length_last = made_here_ && line_count_ > 0 && lines_[line_count_ - 1].id == siplib::kContentLength;
+  return length_last ? line_count_ - 1 : line_count_;
 }
 
 bool SIPLIB_message::removeHeader(std::string_view name) {

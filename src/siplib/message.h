@@ -82,6 +82,9 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   /// Puts a new header line with the value above the others of its name; as the last line when there is none (in a new
   /// message above its Content-Length). Refusals as for setHeader.
   bool addHeader(std::string_view name, std::string_view value);
+  /// Puts a new header line below all others (in a new message above its Content-Length), also those of its name: for
+  /// many values that are copied in their order, at the same cost each. Refusals as for setHeader.
+  bool appendHeader(std::string_view name, std::string_view value);
   /// Removes the topmost value. False when there is none.
   bool removeHeader(std::string_view name);
   /// Removes every value of the name and gives their number.
@@ -122,6 +125,7 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   void start(std::string_view line);
   Line* find(std::string_view name, std::uint8_t id) const;
   bool refusesChange(std::string_view name, std::string_view value, std::uint8_t id) const;
+  std::size_t lastPlace() const;
   void insert(std::size_t index, std::string_view name, std::string_view value, std::uint8_t id);
   void erase(Line* line);
   void rewrite(Line& line, std::size_t begin, std::size_t end, std::string_view value);

@@ -141,7 +141,7 @@ void StackCore::refuse(const SIPLIB_message& request, Path& path) const {
   SIPLIB_message answer(403, "Forbidden");
   const auto vias = request.headers("Via");
   std::string identity = tag_secret_;
-  for (auto via = vias.rbegin(); via != vias.rend(); ++via) answer.addHeader("Via", *via);
+  for (const std::string_view via : vias) answer.appendHeader("Via", via);
   for (const char* name : {"From", "To", "Call-ID", "CSeq"}) {
     const auto value = request.header(name);
     if (!value) continue;

@@ -174,8 +174,7 @@ std::string contactValue(std::string_view ip, int port, bool reliable) {
 
 SIPLIB_message* newAnswer(const SIPLIB_message& request, int status, std::string_view to_tag) {
   auto answer = std::make_unique<SIPLIB_message>(status, reasonPhrase(status));
-  const std::vector<std::string_view> vias = request.headers("Via");
-  for (auto via = vias.rbegin(); via != vias.rend(); ++via) answer->addHeader("Via", *via);
+  for (const std::string_view via : request.headers("Via")) answer->appendHeader("Via", via);
   if (const auto from = request.header("From")) answer->addHeader("From", *from);
   if (const auto to = request.header("To")) {
     std::string value(*to);

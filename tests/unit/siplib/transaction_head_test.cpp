@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ctime>
 #include <string>
 
 #include "siplib/reason.h"
@@ -116,6 +118,29 @@ TEST(TransactionHead, AnAnswerToARequestWithoutHeadersIsStillAMessage) {
   const SIPLIB_SIPMessageHandle answer(siplib::newAnswer(*parsed("OPTIONS sip:a SIP/2.0\r\n\r\n"), 400, "t"));
   EXPECT_EQ(0u, answer->text().find("SIP/2.0 400 Bad Request\r\n"));
   EXPECT_FALSE(answer->header("To"));
+}
+
+// A peer can put eight thousand Vias into a head; what they cost may grow with their number, not with its square.
+TEST(TransactionHead, AnAnswerTakesAllViasInTheirOrderAndInProportionalTime) {
+  const auto answered = [](std::size_t count, std::string& text) {
+    Request request;
+    for (std::size_t i = 1; i < count; ++i) request.via += ',' + std::to_string(i % 10);
+    const SIPLIB_SIPMessageHandle received = parsed(request.text());
+    double least = 1e9;
+    for (int round = 0; round < 5; ++round) {
+      const std::clock_t begin = std::clock();
+      text = SIPLIB_SIPMessageHandle(siplib::newAnswer(*received, 200, "t"))->text();
+      least = std::min(least, static_cast<double>(std::clock() - begin));
+    }
+    return std::max(least, 1.0);
+  };
+  std::string few, many;
+  const double short_time = answered(500, few);
+  const double long_time = answered(7500, many);
+  EXPECT_EQ(0u,
+            few.find("SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP 127.0.0.1:5070;branch=z9hG4bKone\r\nVia: 1\r\nVia: 2\r\n"));
+  EXPECT_NE(std::string::npos, many.find("\r\nVia: 8\r\nVia: 9\r\nFrom: "));
+  EXPECT_LT(long_time / short_time, 60) << "15 times as many; the square would be 225";
 }
 
 TEST(ReasonPhrase, EachStatusHasOne) {

@@ -44,6 +44,11 @@ bool MessageQueue::pop(IMS_Queue_Message& message) {
   return true;
 }
 
+std::size_t MessageQueue::size() const {
+  const std::lock_guard lock(mutex_);
+  return taken_.size() - next_ + incoming_.size();
+}
+
 bool MessageQueue::announceSleep() {
   const std::lock_guard lock(mutex_);
   if (next_ < taken_.size() || !incoming_.empty() || stopped_) return false;

@@ -28,6 +28,8 @@ class MessageQueue {
   bool push(const IMS_Queue_Message& message);
   /// Loop thread. False when there is none.
   bool pop(IMS_Queue_Message& message);
+  /// Loop thread: how many wait.
+  std::size_t size() const;
 
   /// Loop thread: it is about to wait in something else than this queue. False when it must not (a message or the stop
   /// is there). awake() ends the sleep.

@@ -30,6 +30,9 @@ namespace {
 // Turns of the loop between two looks at the sockets: a full queue must not starve them, and a look costs a system
 // call.
 constexpr int kTurnsPerLook = 32;
+// Messages that wait for the loop and are enough: what comes in further waits in its own socket. A quiet peer's message
+// then stands behind these at most, and not behind all that the others were able to send.
+constexpr std::size_t kEnoughWaiting = 64;
 // Ports that open_local_notifier tries.
 constexpr int kPortsTried = 100;
 
@@ -245,7 +248,7 @@ void IMS_User_Agent::handle_message() {
       guarded("I/O turn", [&] { state.reactor->runOnce(); });
       state.queue.awake();
     } else {
-      guarded("I/O turn", [&] { state.reactor->poll(); });
+      guarded("I/O turn", [&] { state.reactor->poll([&] { return state.queue.size() >= kEnoughWaiting; }); });
     }
   }
   state.stopIo();

@@ -254,9 +254,9 @@ void Reactor::runOnce() {
 }
 
 // Bounded: a peer that never stops sending must not keep the caller here.
-void Reactor::poll() {
+void Reactor::poll(const std::function<bool()>& enough) {
   constexpr int most = 64;
-  for (int count = 0; count < most && state_->io.poll_one() > 0; ++count) {
+  for (int count = 0; count < most && !enough() && state_->io.poll_one() > 0; ++count) {
   }
 }
 

@@ -51,8 +51,8 @@ class Reactor {
   void run();
   /// Waits for something to do, does what there is, returns. Returns at once after stop.
   void runOnce();
-  /// Does what there is without waiting.
-  void poll();
+  /// Does what there is without waiting, until the caller has enough.
+  void poll(const std::function<bool()>& enough = [] { return false; });
   /// Any thread; for ever.
   void stop();
 

@@ -203,11 +203,12 @@ void TcpStream::fail(int level, std::string_view why) {
   if (owner != nullptr) owner->streamClosed(*this, level, why, std::move(unsent));
 }
 
-// A read that fills the room has probably left something; a peer that never stops gives way to the others after a few.
+// A read that fills the room has probably left something; a peer that never stops gives way to the others after a
+// while.
 void TcpStream::readable() {
-  constexpr int most = 16;
+  constexpr std::size_t most = std::size_t{16} * 1024;
   const auto self = shared_from_this();
-  for (int round = 0; round < most; ++round) {
+  for (std::size_t taken = 0; taken < most;) {
     const std::span<char> room = framer_.reserve();
     const ssize_t count = ::recv(socket_.get(), room.data(), room.size(), MSG_DONTWAIT);
     if (count == 0) return fail(5, "closed by the peer");
@@ -216,6 +217,7 @@ void TcpStream::readable() {
       return;
     }
     moved_.store(StackCore::now(), std::memory_order_relaxed);
+    taken += static_cast<std::size_t>(count);
     framer_.commit(static_cast<std::size_t>(count));
     deliver();
     if (static_cast<std::size_t>(count) < room.size() || owner_ == nullptr || paused_) return;

@@ -195,6 +195,29 @@ TEST_P(Loop, SocketsAreServedWhileTheQueueIsNeverEmpty) {
   EXPECT_EQ(agent.texts.size(), 1u);
 }
 
+// With a thread of their own the sockets are held back by the transports' inboxes alone.
+TEST_F(UserAgent, FloodOfOneSocketKeepsTheOthersWaitingForABoundedNumberOfMessages) {
+  Agent agent;
+  ASSERT_TRUE(agent.open_framework_sockets());
+  constexpr std::size_t kRounds = 500, kEach = 40;  // more than the loop handles between two looks
+  std::size_t rounds = 0, most_ahead = 0;
+  // Has more whenever it is looked at.
+  const std::function<void()> socket = [&] {
+    if (++rounds > kRounds) return agent.queue(kStop);
+    for (std::size_t i = 0; i < kEach; ++i) agent.queue(1);
+    most_ahead = std::max(most_ahead, rounds * kEach - agent.events.size());
+    agent.reactor()->post(socket);
+  };
+  agent.on_event = [&](unsigned int event) {
+    if (event == kStop) agent.stop_message_loop();
+  };
+  agent.reactor()->post(socket);
+  agent.handle_message();
+  EXPECT_EQ(agent.events.size(), kRounds * kEach + 1);
+  EXPECT_LE(most_ahead, 64 + kEach);
+  agent.close_framework_sockets();
+}
+
 TEST_P(Loop, FloodOfControlTextsIsBoundedAndComplete) {
   start();
   constexpr std::size_t kTexts = 500;

@@ -59,7 +59,7 @@ bool ClientTcpTransport::begin() {
     return true;
   }
   int error = EMFILE;
-  ConnectionSlot slot = core_->takeSlot();
+  ConnectionSlot slot = core_->takeSlot(StackCore::For::Local);
   if (slot) {
     OpenedConnection opened = openConnection(source_, destination_);
     error = opened.error;

@@ -18,6 +18,7 @@ class Reactor;
 struct SIPLIB_SIPStackConfig {
   siplib::Limits limits;
   /// Open TCP connections of either kind; above it an accepted one is closed at once, an opening one refused.
+  /// The network's peers together get three quarters of them.
   std::size_t max_connections = 256;
   std::chrono::milliseconds connect_timeout{4000};
   /// A TCP connection on which nothing moved for so long is closed. 0: never.

@@ -94,8 +94,9 @@ void StackCore::log(LogLimit& limit, int level, const char* where, const char* f
   va_end(arguments);
 }
 
-ConnectionSlot StackCore::takeSlot() {
-  if (connections_->fetch_add(1) >= config_.max_connections) {
+ConnectionSlot StackCore::takeSlot(For whom) {
+  const std::size_t reserved = whom == For::Network ? config_.max_connections / 4 : 0;
+  if (connections_->fetch_add(1) >= config_.max_connections - reserved) {
     --*connections_;
     return {};
   }

@@ -95,8 +95,10 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   /// What the user's thread sends.
   Outgoing& outgoing() { return outgoing_; }
 
-  /// Empty when the stack has all the connections that it may have. Any thread.
-  ConnectionSlot takeSlot();
+  /// For whom a connection is: peers of the network leave a quarter of all to user agents and to what the stack opens.
+  enum class For { Network, Local };
+  /// Empty when there are as many connections as there may be. Any thread.
+  ConnectionSlot takeSlot(For whom);
 
   /// The address of the local endpoint; not known when there is none. Any thread.
   SocketAddress localAddress() const;

@@ -8,6 +8,22 @@ sys.path.insert(1, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(
 
 import scenario
 import worst_case
+from support.proxy import ProxyCase
+
+
+class Connections(ProxyCase):
+    options = {"settings": "<max-connections>16</max-connections>"}
+
+    def test_the_network_cannot_take_all_connections(self):
+        self.set_route("1", "127.0.0.3:UDP:5060")
+        network = [self.connect(to=scenario.NETWORK, source=("127.0.0.3", 0)) for _ in range(20)]
+        self.assertTrue(network[-1].closed())
+        listener = self.tcp(5071)
+        self.register(5071)
+        self.accept(listener)
+        phone = self.connect()
+        phone.send(b"\r\n\r\n")
+        self.assertEqual(phone.receive_raw(2), b"\r\n")
 
 
 class Hostile(unittest.TestCase):

@@ -366,6 +366,22 @@ TEST_F(ServerTcpTransportTest, AboveTheMostConnectionsNewOnesAreClosed) {
   EXPECT_NE(nullptr, accepted(fourth));
 }
 
+TEST_F(ServerTcpTransportTest, TheNetworkLeavesAQuarterOfTheConnectionsToTheLocalEndpoint) {
+  config.max_connections = 8;
+  start();
+  const SocketAddress local = openLocal();
+  std::vector<Peer> network(7);
+  for (Peer& one : network) one = Peer::connected(address);
+  EXPECT_TRUE(until([&] { return network.back().ended(); }));
+  EXPECT_FALSE(network[5].ended());
+  EXPECT_EQ(1u, log.count("as many connections are open as may be"));
+  Peer first = Peer::connected(local);
+  Peer second = Peer::connected(local);
+  Peer third = Peer::connected(local);
+  EXPECT_TRUE(until([&] { return third.ended(); }));
+  EXPECT_FALSE(first.ended() || second.ended());
+}
+
 TEST_F(ServerTcpTransportTest, AQuietConnectionIsClosedAndABusyOneIsNot) {
   config.idle_timeout = 1s;
   start();

@@ -7,6 +7,19 @@
 
 using registrar::to_int;
 
+namespace {
+
+/// The lines of get_headers, which every comparison writes; gives its result.
+int trace(const IMSE_Client::Identity& identity) {
+  IMS_log::loginfo(5, "get_headers", "IMSE_REG: get_headers");
+  if (!identity.whole) return 1;
+  IMS_log::loginfo(5, "get_headers", "IMSE_REG: Client:get_headers returns %s %s %s %d", identity.call_id.c_str(),
+                   identity.cseq.c_str(), identity.from.c_str(), identity.port);
+  return 0;
+}
+
+}  // namespace
+
 IMSE_Client::IMSE_Client(std::unique_ptr<RegisterXmlData> body) : body_(std::move(body)) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Client::IMSE_Client");
 }
@@ -79,20 +92,27 @@ int IMSE_Client::reject(int status) {
   return send_response(status);
 }
 
+IMSE_Client::Identity IMSE_Client::read_identity(SIPLIB_SIPServerConnection* request) {
+  Identity identity;
+  std::string from, contact;
+  if (request->getHeader("Call-ID", identity.call_id) != 0 || request->getHeader("CSeq", identity.cseq) != 0 ||
+      request->getHeader("From", from) != 0 || IMS_address::get_element("From", from, "uri", identity.from) != 0 ||
+      request->getHeader("Contact", contact) != 0) {
+    return identity;
+  }
+  identity.port = IMS_address::get_port("Contact", contact);
+  identity.whole = identity.port >= 1 && identity.port <= 65535;
+  return identity;
+}
+
 int IMSE_Client::get_headers(SIPLIB_SIPServerConnection* request, std::string& call_id, std::string& cseq,
                              std::string& from, int& port) {
-  IMS_log::loginfo(5, __func__, "IMSE_REG: get_headers");
-  std::string from_text, contact;
-  if (request->getHeader("Call-ID", call_id) != 0 || request->getHeader("CSeq", cseq) != 0 ||
-      request->getHeader("From", from_text) != 0 || IMS_address::get_element("From", from_text, "uri", from) != 0 ||
-      request->getHeader("Contact", contact) != 0) {
-    return 1;
-  }
-  port = IMS_address::get_port("Contact", contact);
-  if (port < 1 || port > 65535) return 1;
-  IMS_log::loginfo(5, __func__, "IMSE_REG: Client:get_headers returns %s %s %s %d", call_id.c_str(), cseq.c_str(),
-                   from.c_str(), port);
-  return 0;
+  const Identity identity = read_identity(request);
+  call_id = identity.call_id;
+  cseq = identity.cseq;
+  from = identity.from;
+  port = identity.port;
+  return trace(identity);
 }
 
 int IMSE_Client::send_response(int status) {
@@ -122,14 +142,16 @@ int IMSE_Client::answer(int status, const char* failure, const std::string* prof
 }
 
 int IMSE_Client::is_match(SIPLIB_SIPServerConnection* request) const {
+  return is_match(read_identity(request));
+}
+
+int IMSE_Client::is_match(const Identity& request) const {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Client::is_match ");
-  std::string call_id, cseq, from;
-  int port = -1;
-  if (get_headers(request, call_id, cseq, from, port) != 0) {
+  if (trace(request) != 0) {
     IMS_log::loginfo(5, __func__, "REGISTRAR:get headers failed");
     return 0;
   }
-  if (port == port_) {
+  if (request.port == port_) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: is_match: Port matches");
     return 1;
   }
@@ -137,7 +159,7 @@ int IMSE_Client::is_match(SIPLIB_SIPServerConnection* request) const {
     IMS_log::loginfo(5, __func__, "IMSE_REG: is_match: anonymous user match failed");
     return 0;
   }
-  if (from != from_) return 0;
+  if (request.from != from_) return 0;
   IMS_log::loginfo(5, __func__, "IMSE_REG: is_match: from address matches");
   return 1;
 }

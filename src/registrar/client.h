@@ -50,6 +50,16 @@ class IMSE_Client {
   virtual int accept();
   virtual int reject(int status);
 
+  /// Who a REGISTER is of. Reading it is the dear part of a comparison, and there may be hundreds of clients to
+  /// compare.
+  struct Identity {
+    std::string call_id;
+    std::string cseq;
+    std::string from;  ///< URI
+    int port = -1;     ///< of the Contact
+    bool whole = false;
+  };
+  static Identity read_identity(SIPLIB_SIPServerConnection* request);
   /// 0, or 1 when a header is missing or the Contact names no port. The outputs are those of the headers read so far.
   static int get_headers(SIPLIB_SIPServerConnection* request, std::string& call_id, std::string& cseq,
                          std::string& from, int& port);
@@ -59,6 +69,7 @@ class IMSE_Client {
   /// 1 when the REGISTER is of this party: its Contact has the same port or, unless the client is anonymous, its From
   /// the same URI.
   int is_match(SIPLIB_SIPServerConnection* request) const;
+  int is_match(const Identity& request) const;
   int get_expiry_value() const;
   std::uint16_t get_port() const { return port_; }
   IMSE_Client* get_prev_client() const { return prev_client_; }

@@ -54,8 +54,9 @@ IMSE_Registrar::~IMSE_Registrar() {
 
 void IMSE_Registrar::handle_registrar_register_message(SIPLIB_SIPServerConnection* request) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Registrar::handle_registrar_register_message");
+  const IMSE_Client::Identity identity = IMSE_Client::read_identity(request);
   const auto existing = std::find_if(clients_.begin(), clients_.end(),
-                                     [request](const auto& client) { return client->is_match(request) == 1; });
+                                     [&identity](const auto& client) { return client->is_match(identity) == 1; });
   if (existing != clients_.end()) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: handle_registrar_register_message: client object match found");
     handle_existing_client_register(request, existing->get());

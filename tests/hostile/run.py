@@ -152,7 +152,7 @@ def inside(arguments):
         single_inputs(results["inputs"])
     for list_of, settings, cap in ((attacks, "", PEAK_MIB),
                                    (many_connections, "<max-connections>2200</max-connections>", PEAK_MANY_MIB)):
-        scene = scenario.Scene(settings=settings)
+        scene = scenario.Scene(settings=settings, in_line=True)
         try:
             for name, attack in list_of(scene, arguments.quick):
                 if arguments.only in name:

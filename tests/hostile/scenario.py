@@ -1,8 +1,8 @@
 """One proxy, a good client that calls through it all the time, and attacks beside it, one after the other.
 
 The proxy has a processor of its own where there are two; attackers and good client share the other. Proxy and good
-client are first in line (SCHED_FIFO, where the system allows it), then the attackers, so that what is measured is the
-proxy and neither the attackers' hunger nor what else the machine does.
+client can be first in line (SCHED_FIFO, where the system allows it), then the attackers, so that what is measured is
+the proxy and neither the attackers' hunger nor what else the machine does.
 """
 import contextlib
 import json
@@ -61,13 +61,13 @@ def dropped(address):
 class GoodClient:
     """tests/hostile/good_client.cpp, and what became of its calls."""
 
-    def __init__(self, rate):
+    def __init__(self, rate, before=None):
         self.calls = []  # (way, begun, seconds, repeated, result)
         self.over = False
         with on_cpu(CPUS[-1]):
             self.process = subprocess.Popen([os.path.join(BIN, "hostile_good_client"), str(rate)],
                                             stdin=subprocess.PIPE,
-                                            stdout=subprocess.PIPE, text=True, preexec_fn=first_in_line)
+                                            stdout=subprocess.PIPE, text=True, preexec_fn=before)
         if self.process.stdout.readline().strip() != "ready":
             raise AssertionError("the good client did not start")
         self.thread = threading.Thread(target=self.read, daemon=True)
@@ -159,15 +159,18 @@ class Sink:
 
 
 class Scene:
-    def __init__(self, rate=100, settings="", level=4):
+    def __init__(self, rate=100, settings="", level=4, in_line=False):
+        """`in_line`: take the processors from what else the machine does."""
         self.results = []
+        self.in_line = in_line
         self.good = None
         self.files = []
         with on_cpu(CPUS[0]):
             self.proxy = UeProxy(level=level, settings=settings)
-        first_in_line(self.proxy.pid)
+        if in_line:
+            first_in_line(self.proxy.pid)
         try:
-            self.good = GoodClient(rate)
+            self.good = GoodClient(rate, first_in_line if in_line else None)
             # A user agent each for the two ways; the one that many messages are sent to, and never reads; the stalled.
             self.victim = Sink(VICTIM)
             for port, user, profile in ((5071, "alice", "home"), (5072, "bob", "work"), (VICTIM, "victim", "home")):
@@ -204,7 +207,8 @@ class Scene:
     def attacker(self, *arguments):
         with on_cpu(CPUS[-1]):
             return subprocess.Popen([os.path.join(BIN, "hostile_attack"), *map(str, arguments)], stdin=subprocess.PIPE,
-                                    stdout=subprocess.PIPE, text=True, preexec_fn=next_in_line)
+                                    stdout=subprocess.PIPE, text=True,
+                                    preexec_fn=next_in_line if self.in_line else None)
 
     # --- The attacks; each gives what the attacker says it did --------------------------------------------------------
 

@@ -223,7 +223,7 @@ TEST_F(TransactionLayerTest, WhatTheStateMachineCannotReadIsDroppedOrNotSent) {
   ASSERT_EQ(0, connection->send());
   std::string text = answerTo(*udp->last(), 200);
   const std::string to = "<sip:b@127.0.0.1>";
-  receive(text.replace(text.find(to), to.size(), "<sip:b@127.0.0.1"));
+  receive(text.replace(text.find(to), to.size(), "<no uri>"));
   EXPECT_TRUE(logged("4 response dropped: a header cannot be read, Call-ID "));
   EXPECT_TRUE(user.answers.empty());
   receive(answerTo(*udp->last(), 200));
@@ -232,7 +232,7 @@ TEST_F(TransactionLayerTest, WhatTheStateMachineCannotReadIsDroppedOrNotSent) {
   connection = layer->openClient(udp);
   connection->setListener(&user);
   ASSERT_EQ(0, connection->initRequest("MESSAGE", "sip:127.0.0.1:5070", "<sip:a@127.0.0.1>", "<sip:b@127.0.0.1>"));
-  ASSERT_EQ(0, connection->setHeader("To", "<sip:b@127.0.0.1"));
+  ASSERT_EQ(0, connection->setHeader("To", "<no uri>"));
   EXPECT_EQ(0, connection->send());
   EXPECT_TRUE(logged("4 request not sent: a header cannot be read"));
   ASSERT_TRUE(until([&] { return user.answers.size() == 2; }));

@@ -450,15 +450,14 @@ void firstAnswer(const Options& options, char** command) {
     ::_exit(127);
   }
   char answer[kDatagram];
-  double elapsed = 0;
   bool answered = false;
-  while (!answered && (elapsed = now() - begin) < 20) {
+  while (!answered && now() - begin < 20) {
     ::sendto(socket, request.data(), request.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&server.at),
              sizeof server.at);
     ::usleep(50);
     answered = ::recv(socket, answer, sizeof answer, MSG_DONTWAIT) > 0;
   }
-  elapsed = now() - begin;
+  const double elapsed = now() - begin;
   end(child);
   if (!answered) wrong("the server never answered", {});
   std::printf("{\"first_answer_ms\": %.3f}\n", elapsed * 1e3);

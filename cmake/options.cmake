@@ -22,7 +22,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(ue_options INTERFACE -Wno-restrict)
 endif()
 target_include_directories(ue_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
-target_compile_definitions(ue_options INTERFACE UE_PROXY_VERSION="${PROJECT_VERSION}")
+# _FILE_OFFSET_BITS: or a 32-bit program cannot read the directories of a large file system.
+target_compile_definitions(ue_options INTERFACE UE_PROXY_VERSION="${PROJECT_VERSION}" _FILE_OFFSET_BITS=64)
 
 if(UE_PROXY_FUZZ)
   # Every library is watched by libFuzzer; the targets of tests/fuzz link its main.

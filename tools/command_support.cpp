@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <thread>
 
@@ -77,7 +78,7 @@ std::string xmlText(const std::string& text) {
 }
 
 namespace {
-constexpr long kEpoch2026 = 1767225600;
+constexpr std::int64_t kEpoch2026 = 1767225600;
 }
 
 long tick() {

@@ -1,5 +1,6 @@
 // ue-proxyctl: sets routes, registers user agents and watches registrations of a running ue-proxy.
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -8,9 +9,8 @@
 #include "commands.h"
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> words(argv + 1, argv + argc);
-  const std::string verb = words.empty() ? "" : words.front();
-  const std::vector<std::string> rest(words.begin() + (words.empty() ? 0 : 1), words.end());
+  const std::string verb = argc > 1 ? argv[1] : "";
+  const std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
   if (verb == "route") return ctl::routeCommand(rest);
   if (verb == "register") return ctl::registerCommand(rest);
   if (verb == "deregister") return ctl::deregisterCommand(rest);

@@ -225,7 +225,7 @@ class Sink {
   std::size_t dropped_ = 0;
   std::size_t rest_at_ = 0;
   std::size_t rest_size_ = 0;
-  char rest_[kMaxLine];
+  char rest_[kMaxLine] = {};
 };
 
 /// Never destroyed: lines may come from other objects' ends.

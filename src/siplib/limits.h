@@ -9,9 +9,9 @@ namespace siplib {
 /// read by any thread afterwards.
 struct Limits {
   /// Largest message, head and body. UDP cannot carry more; above it a stream is closed, a datagram dropped.
-  std::size_t max_message = 64 * 1024;
+  std::size_t max_message = std::size_t{64} * 1024;
   /// Largest head (start line and headers). Above it the message does not parse.
-  std::size_t max_head = 16 * 1024;
+  std::size_t max_head = std::size_t{16} * 1024;
   /// Most header lines. libosip2 reads 256 lines in under 0.4 ms, and its time grows with the square.
   std::size_t max_header_lines = 256;
   /// Most parameters in one header value. Above it the header object is not made.

@@ -113,7 +113,7 @@ class OsipMachine final : public Machine {
     event->transactionid = transaction_->transactionid;
     event->sip = message;
     osip_transaction_execute(transaction_, event);
-  }
+  }  // NOLINT(clang-analyzer-unix.Malloc): the event is freed within
 
   osip_transaction_t* const transaction_;
   std::function<void()> transmit_;

@@ -36,9 +36,9 @@ class StreamOwner {
 class TcpStream : public std::enable_shared_from_this<TcpStream> {
  public:
   /// Most bytes that wait for a peer which does not read.
-  static constexpr std::size_t kMostWaiting = 256 * 1024;
+  static constexpr std::size_t kMostWaiting = std::size_t{256} * 1024;
   /// More is not put off.
-  static constexpr std::size_t kMostSoon = 32 * 1024;
+  static constexpr std::size_t kMostSoon = std::size_t{32} * 1024;
 
   TcpStream(std::shared_ptr<StackCore> core, FileDescriptor socket, ConnectionSlot slot);
   TcpStream(const TcpStream&) = delete;
@@ -76,8 +76,8 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   void readable();
   void deliver();
   void writable();
-  /// With the claim: sends `slices`; what is left waits, before what other threads have added since. `flushed`: the text
-  /// that they are, which becomes unsent_ when the socket is broken; else null.
+  /// With the claim: sends `slices`; what is left waits, before what other threads have added since. `flushed`: the
+  /// text that they are, which becomes unsent_ when the socket is broken; else null.
   Sent write(Slices slices, std::string* flushed = nullptr);
   /// With the lock.
   Sent wait(Slices slices);

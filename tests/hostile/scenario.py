@@ -252,7 +252,8 @@ class Scene:
         if kind == "registers":
             body = sip.ua_info("home", "flood@example.net", [f"+g.feature.number{n}" for n in range(40)],
                                methods="INVITE")
-            message = sip.register(6091, body, user="flood", cseq="@@@@@@@@", branch="z9hG4bK@@@@@@@@")
+            # As of a user agent that starts anew each time: the whole body is read.
+            message = sip.register(6091, body, user="flood", call_id="flood-@@@@@@@@", branch="z9hG4bK@@@@@@@@")
             transport, to = "udp", "127.0.0.1:5060"
         else:
             transport = "tcp" if kind == "streams" else "udp"

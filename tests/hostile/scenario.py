@@ -342,7 +342,10 @@ class Inputs:
     def processor_ms(self):
         """When it has nothing more to do."""
         last, same = -1, 0
+        end = time.monotonic() + 20
         while same < 3:
+            if time.monotonic() > end:
+                raise AssertionError(f"the proxy is still busy after 20 s:\n{self.proxy.log()[-3000:]}")
             with open(f"/proc/{self.proxy.pid}/stat", encoding="ascii") as file:
                 sleeps = file.read().rpartition(")")[2].split()[0] == "S"
             with open(f"/proc/{self.proxy.pid}/schedstat", encoding="ascii") as file:

@@ -48,9 +48,10 @@ constexpr bool isTokenChar(char c) {
 /// A token of at least one character.
 bool isToken(std::string_view text);
 
-/// The same for texts of one length, letter by letter.
+/// Without regard to case, character by character. Both texts have the same length.
 bool equalLetters(std::string_view a, std::string_view b);
 
+/// Byte for byte, as two words that may overlap: `size` is one to two times the size of a word.
 template <class Word>
 bool equalWords(const char* a, const char* b, std::size_t size) {
   const auto load = [](const char* at) {
@@ -62,8 +63,7 @@ bool equalWords(const char* a, const char* b, std::size_t size) {
   return ((load(a) ^ load(b)) | (load(a + last) ^ load(b + last))) == 0;
 }
 
-/// Without regard to case. Names are mostly written as the RFCs write them, and short: they are compared as two words
-/// that may overlap first.
+/// Without regard to case. Names are mostly written as the RFCs write them, and short: so the bytes are compared first.
 inline bool equalsIgnoreCase(std::string_view a, std::string_view b) {
   const std::size_t size = a.size();
   if (size != b.size()) return false;

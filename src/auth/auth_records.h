@@ -6,10 +6,9 @@
 #include <string>
 #include <vector>
 
-/// What is kept of one domain's challenges: so many, and so many bytes of header text together. More is refused. A
-/// network has a handful of realms and some hundred bytes each, and every request carries one answer per challenge:
-/// measured at 70 us per KiB of challenge, the bytes keep a hostile network's answers under 3 ms a request.
-constexpr std::size_t kMaxChallenges = 32;
+/// What is kept of one domain's challenges, in bytes of header text together; how many is a setting (bounds.h). More is
+/// refused. A network has a handful of realms and some hundred bytes each, and every request carries one answer per
+/// challenge: measured at 70 us per KiB of challenge, the bytes keep a hostile network's answers under 3 ms a request.
 constexpr std::size_t kMaxChallengeBytes = std::size_t{32} * 1024;
 
 /// Which challenge: a 401's WWW-Authenticate or a 407's Proxy-Authenticate.

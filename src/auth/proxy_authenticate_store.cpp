@@ -4,6 +4,7 @@
 #include <string>
 
 #include "auth/proxy_authenticate.h"
+#include "framework/bounds.h"
 #include "framework/log.h"
 #include "routing/routing_table_impl.h"
 #include "siplib/connection.h"
@@ -65,7 +66,7 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
   IMS_log::loginfo(5, __func__, "Create Auth entry for domain %s,auth hdr %s,type %d,realm %s nonce %s",
                    domain_key.c_str(), auth_hdr.c_str(), static_cast<int>(type), realm.c_str(), nonce.c_str());
   // Refused before an entry is made: of a domain with an entry but no challenge, clients' own credentials would go.
-  if (challenge_count(domain_key) >= kMaxChallenges || !has_room(domain_key, auth_hdr.size(), 0)) {
+  if (challenge_count(domain_key) >= framework::bounds().challenges || !has_room(domain_key, auth_hdr.size(), 0)) {
     IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - one of %zu bytes is not kept, realm %s",
                      domain_key.c_str(), challenge_count(domain_key), auth_hdr.size(), realm.c_str());
     return;

@@ -20,6 +20,7 @@
 #include <string_view>
 #include <utility>
 
+#include "framework/bounds.h"
 #include "framework/log.h"
 #include "framework/xml_document.h"
 #include "siplib/stack.h"
@@ -197,11 +198,17 @@ DocumentCache& cache() {
 
 // --- Settings
 
+/// What settings set.
+struct Settings {
+  SIPLIB_SIPStackConfig& stack;
+  Bounds& bounds;
+};
+
 struct Setting {
   std::string_view name;
   long least;
   long most;
-  void (*set)(SIPLIB_SIPStackConfig&, long);
+  void (*set)(Settings, long);
 };
 
 std::size_t count(long value) {
@@ -210,16 +217,20 @@ std::size_t count(long value) {
 
 // The largest sizes keep any one message within a few milliseconds of processor time.
 constexpr std::array kSettings{
-    Setting{"max-connections", 1, 65536, [](SIPLIB_SIPStackConfig& c, long v) { c.max_connections = count(v); }},
-    Setting{"max-message-size", 1024, 65536, [](SIPLIB_SIPStackConfig& c, long v) { c.limits.max_message = count(v); }},
-    Setting{"max-header-size", 512, 65536, [](SIPLIB_SIPStackConfig& c, long v) { c.limits.max_head = count(v); }},
+    Setting{"max-connections", 1, 65536, [](Settings s, long v) { s.stack.max_connections = count(v); }},
+    Setting{"max-message-size", 1024, 65536, [](Settings s, long v) { s.stack.limits.max_message = count(v); }},
+    Setting{"max-header-size", 512, 65536, [](Settings s, long v) { s.stack.limits.max_head = count(v); }},
     Setting{"connect-timeout-ms", 10, 600000,
-            [](SIPLIB_SIPStackConfig& c, long v) { c.connect_timeout = std::chrono::milliseconds(v); }},
-    Setting{"idle-timeout-s", 0, 604800,
-            [](SIPLIB_SIPStackConfig& c, long v) { c.idle_timeout = std::chrono::seconds(v); }},
-    Setting{"t1-ms", 10, 60000, [](SIPLIB_SIPStackConfig& c, long v) { c.t1 = std::chrono::milliseconds(v); }},
-    Setting{"t2-ms", 10, 600000, [](SIPLIB_SIPStackConfig& c, long v) { c.t2 = std::chrono::milliseconds(v); }},
-    Setting{"t4-ms", 10, 600000, [](SIPLIB_SIPStackConfig& c, long v) { c.t4 = std::chrono::milliseconds(v); }},
+            [](Settings s, long v) { s.stack.connect_timeout = std::chrono::milliseconds(v); }},
+    Setting{"idle-timeout-s", 0, 604800, [](Settings s, long v) { s.stack.idle_timeout = std::chrono::seconds(v); }},
+    Setting{"t1-ms", 10, 60000, [](Settings s, long v) { s.stack.t1 = std::chrono::milliseconds(v); }},
+    Setting{"t2-ms", 10, 600000, [](Settings s, long v) { s.stack.t2 = std::chrono::milliseconds(v); }},
+    Setting{"t4-ms", 10, 600000, [](Settings s, long v) { s.stack.t4 = std::chrono::milliseconds(v); }},
+    Setting{"max-clients", 1, 65536, [](Settings s, long v) { s.bounds.clients = count(v); }},
+    Setting{"max-profiles", 1, 65535, [](Settings s, long v) { s.bounds.profiles = count(v); }},
+    Setting{"max-routing-entries", 1, 65536, [](Settings s, long v) { s.bounds.routing_entries = count(v); }},
+    Setting{"max-waiting-notifies", 1, 65536, [](Settings s, long v) { s.bounds.waiting_notifies = count(v); }},
+    Setting{"max-challenges", 1, 1024, [](Settings s, long v) { s.bounds.challenges = count(v); }},
 };
 constexpr std::string_view kIoThread = "io-thread";
 
@@ -374,14 +385,14 @@ bool readParameter(const std::string& path, const std::string& key, std::string&
   return document != nullptr && document->first(key, value);
 }
 
-void readStackSettings(const std::string& path, const std::string& node, SIPLIB_SIPStackConfig& config,
+void readStackSettings(const std::string& path, const std::string& node, SIPLIB_SIPStackConfig& config, Bounds& bounds,
                        bool& io_thread) {
   std::string value;
   for (const Setting& setting : kSettings) {
     if (!readParameter(path, node + std::string(setting.name), value)) continue;
     long number = 0;
     if (readNumber(setting, value, number)) {
-      setting.set(config, number);
+      setting.set({config, bounds}, number);
     } else {
       IMS_log::loginfo(3, "init_sipstack_info", "%s", wrongNumber(setting, value).c_str());
     }

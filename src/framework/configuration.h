@@ -18,9 +18,11 @@ std::string documentPath(const std::string& dir, const std::string& document);
 /// and used for as long as the file is the same. Any thread.
 bool readParameter(const std::string& path, const std::string& key, std::string& value);
 
-/// Reads the SIP stack's settings, the elements `node`NAME of the file, into `config` and `io_thread`. What is no good
+struct Bounds;
+
+/// Reads the settings, the elements `node`NAME of the file, into `config`, `bounds` and `io_thread`. What is no good
 /// keeps its default, with a log line.
-void readStackSettings(const std::string& path, const std::string& node, SIPLIB_SIPStackConfig& config,
+void readStackSettings(const std::string& path, const std::string& node, SIPLIB_SIPStackConfig& config, Bounds& bounds,
                        bool& io_thread);
 
 /// Reads every document under `dir` and gives one line per fault, with file and line.

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "framework/bounds.h"
 #include "framework/configuration.h"
 #include "framework/control_channel.h"
 #include "framework/log.h"
@@ -204,7 +205,10 @@ int IMS_User_Agent::create_all_external_descriptors() {
 void IMS_User_Agent::init_sipstack_info(const char* node, SIPLIB_SIPStackConfig& config) {
   std::string prefix = node;
   if (!prefix.ends_with('/')) prefix += '/';
-  framework::readStackSettings(framework::documentPath(config_dir(), "config"), prefix, config, state_->io_thread);
+  framework::Bounds bounds;
+  framework::readStackSettings(framework::documentPath(config_dir(), "config"), prefix, config, bounds,
+                               state_->io_thread);
+  framework::setBounds(bounds);
   config.reactor = state_->reactor;
   if (state_->own_reactor) keepForEver(std::move(state_->own_reactor));
   config.log = [](int level, const char* where, std::string_view text) {

@@ -65,8 +65,8 @@ class IMS_User_Agent : public IMS_daemon {
   void set_signal_handlers() override;
   /// Starts listening on the control channel. 1 when it is open.
   int create_all_external_descriptors();
-  /// Fills the stack's settings from the elements under `node` of the document "config". A value that is not a
-  /// number of its range keeps the default, with one log line.
+  /// Fills the stack's settings from the elements under `node` of the document "config", and sets the process's bounds
+  /// (bounds.h). A value that is not a number of its range keeps the default, with one log line.
   void init_sipstack_info(const char* node, SIPLIB_SIPStackConfig& config);
   /// Sets `ua_connector` from the process's stack when it is there, and starts the I/O (until now nothing was read).
   void wait_for_framework_init();

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 
+#include "framework/bounds.h"
 #include "registrar/notify_xml_data.h"
 
 class SIPLIB_SIPClientConnection;
@@ -24,10 +25,6 @@ class SIPLIB_SIPServerConnection;
 class IMSE_RegSubscriber {
  public:
   enum State { INITIALISED = 0, SUBSCRIBED = 1, SUBS_NOTIFY_SENT = 2, NOTIFY_ANSWERED = 3, DELETED = 4 };
-  /// Waiting documents from which on no registration that would add one is taken (is_full). Documents that tell of a
-  /// leaving user agent are always taken: there cannot be more of them than user agents.
-  static constexpr std::size_t kMaxPending = 256;
-
   /// Neither is owned. `listener` gets the answers to the NOTIFYs.
   IMSE_RegSubscriber(SIPLIB_SIPConnector* connector, const std::string& local_name,
                      SIPLIB_SIPClientConnectionListener* listener);
@@ -44,7 +41,9 @@ class IMSE_RegSubscriber {
   /// An answer to a NOTIFY. 1 when the subscription is over, else 0.
   int received_response(SIPLIB_SIPClientConnection* response);
   bool is_terminated() const { return state_ == DELETED; }
-  bool is_full() const { return pending_.size() >= kMaxPending; }
+  /// So many documents wait that no registration is taken that would add one. Documents that tell of a leaving user
+  /// agent are always taken: there cannot be more of them than user agents.
+  bool is_full() const { return pending_.size() >= framework::bounds().waiting_notifies; }
   State state() const { return state_; }
 
  private:

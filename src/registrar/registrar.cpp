@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "framework/bounds.h"
 #include "framework/log.h"
 #include "registrar/client_factory.h"
 #include "registrar/domain.h"
@@ -60,7 +61,7 @@ void IMSE_Registrar::handle_registrar_register_message(SIPLIB_SIPServerConnectio
   if (existing != clients_.end()) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: handle_registrar_register_message: client object match found");
     handle_existing_client_register(request, existing->get());
-  } else if (clients_.size() >= kMaxClients) {
+  } else if (clients_.size() >= framework::bounds().clients) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: %d clients are registered, no further one is taken",
                      static_cast<int>(clients_.size()));
     reject(request, 400);
@@ -135,7 +136,7 @@ bool IMSE_Registrar::process_ext_client_new_register(IMSE_ExtClient* client) {
       client->reject(403);
       return false;
     }
-  } else if (domains_.size() >= kMaxDomains) {
+  } else if (domains_.size() >= framework::bounds().profiles) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: %d network profiles are known, no further one is taken",
                      static_cast<int>(domains_.size()));
     client->reject(400);
@@ -248,7 +249,7 @@ bool IMSE_Registrar::must_authenticate(const IMSE_Client& client) const {
 }
 
 bool IMSE_Registrar::add_entry(IMSE_Client& client) {
-  if (entries_ >= kMaxEntries) {
+  if (entries_ >= framework::bounds().routing_entries) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: %d entries are in the routing table, no further one is taken",
                      static_cast<int>(entries_));
     return false;

@@ -27,15 +27,6 @@ class SIPLIB_SIPServerConnection;
 
 class IMSE_Registrar {
  public:
-  /// A terminal has a handful of user agents; ports alone would allow 65,535, each with a body of 64 KiB. A further one
-  /// is answered 400.
-  static constexpr std::size_t kMaxClients = 256;
-  /// Entries in the routing table: a user agent that moves to another port leaves the one of its old port behind. A
-  /// further one is answered 400.
-  static constexpr std::size_t kMaxEntries = 1024;
-  /// Network profiles stay known once named. A further one is answered 400.
-  static constexpr std::size_t kMaxDomains = 64;
-
   /// Makes the one instance. Null, with a log line, when an argument is null or there is one already.
   static IMSE_Registrar* init_registrar(SIPLIB_SIPConnector* connector, IMS_Proxy_RoutingTable_Intf* routing_table,
                                         SIPLIB_SIPClientConnectionListener* listener);

@@ -1,5 +1,6 @@
 // A REGISTER of a party that is known: one operation for each of its meanings.
 
+#include "framework/bounds.h"
 #include "framework/log.h"
 #include "registrar/client_factory.h"
 #include "registrar/domain.h"
@@ -103,7 +104,7 @@ bool IMSE_Registrar::handle_existing_client_reregistration(SIPLIB_SIPServerConne
     return false;
   }
   if (must_authenticate(*successor)) {
-    if (clients_.size() >= kMaxClients) {
+    if (clients_.size() >= framework::bounds().clients) {
       IMS_log::loginfo(4, __func__, "IMSE_REG: %d clients are registered, no further one is taken",
                        static_cast<int>(clients_.size()));
       successor->reject(400);

@@ -8,6 +8,7 @@
 // value is that of the document as it is now; the capability file has one line for each pair, or stays as it was.
 
 #include "framework/configuration.h"
+#include "framework/bounds.h"
 
 #include <array>
 #include <cstdlib>
@@ -65,8 +66,9 @@ std::optional<long> numberOf(std::string text, const Setting& setting) {
 void checkSettings(const TemporaryDir& dir, const framework::XmlDocument& config, bool faults) {
   const SIPLIB_SIPStackConfig defaults;
   SIPLIB_SIPStackConfig read;
+  framework::Bounds bounds;
   bool io_thread = false;
-  framework::readStackSettings(dir / "config.xml", kNode, read, io_thread);
+  framework::readStackSettings(dir / "config.xml", kNode, read, bounds, io_thread);
   std::string value;
   for (const Setting& setting : kSettings) {
     const bool there = config.first(std::string(kNode) + setting.name, value);

@@ -33,6 +33,7 @@
 #include "auth/proxy_authenticate.h"
 #include "engine/sip_client_tcp_transport_listener.h"
 #include "engine/sip_server_transport_listener.h"
+#include "framework/bounds.h"
 #include "input.h"
 #include "registrar/client.h"
 #include "registrar/domain.h"
@@ -436,8 +437,8 @@ class World {
       }
     }
     const IMSE_Registrar* const registrar = IMSE_Registrar::get_instance();
-    PROMISE(registrar->clients().size() <= IMSE_Registrar::kMaxClients);
-    PROMISE(registrar->domains().size() <= IMSE_Registrar::kMaxDomains);
+    PROMISE(registrar->clients().size() <= framework::bounds().clients);
+    PROMISE(registrar->domains().size() <= framework::bounds().profiles);
     for (const auto& client : registrar->clients()) PROMISE(client != nullptr);
   }
   /// What is over is freed, as the library does at the end of a turn.

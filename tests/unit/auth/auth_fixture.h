@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "auth/proxy_authenticate.h"
+#include "framework/bounds.h"
 #include "routing/routing_table_impl.h"
 #include "siplib/header.h"
 #include "support/fake_siplib.h"

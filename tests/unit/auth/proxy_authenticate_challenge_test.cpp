@@ -181,14 +181,14 @@ TEST_F(Authenticate, TenThousandRealmsAreBounded) {
   for (int i = 0; i < 10000; ++i) {
     recorded += challenge(401, "Digest realm=\"r" + std::to_string(i) + "\", nonce=\"n\"") ? 1 : 0;
   }
-  EXPECT_EQ(recorded, static_cast<int>(kMaxChallenges));
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), kMaxChallenges);
+  EXPECT_EQ(recorded, static_cast<int>(framework::bounds().challenges));
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), framework::bounds().challenges);
   EXPECT_EQ(log.count(4), 10000 - recorded);
   EXPECT_TRUE(challenge(401, "Digest realm=\"r0\", nonce=\"new\""));  // a known realm still gets its new text
   EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, "Digest realm=\"r0\", nonce=\"new\"");
   set_request(request);
   EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
-  EXPECT_EQ(values("Authorization").size(), kMaxChallenges);
+  EXPECT_EQ(values("Authorization").size(), framework::bounds().challenges);
 }
 
 TEST_F(Authenticate, TheTextOfADomainsChallengesIsBounded) {

@@ -80,12 +80,12 @@ TEST_F(Authenticate, AChallengeOfAnUnknownDomainIsRefused) {
 }
 
 TEST_F(Authenticate, ADomainKeepsABoundedNumberOfChallenges) {
-  for (std::size_t i = 0; i < kMaxChallenges; ++i) {
+  for (std::size_t i = 0; i < framework::bounds().challenges; ++i) {
     auth.create_auth_info(home, kChallenge, AUTH_WWW, "realm " + std::to_string(i), "n");
   }
   LogCapture log(4);
   auth.create_auth_info(home, kChallenge, AUTH_WWW, "one more", "n");
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), kMaxChallenges);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), framework::bounds().challenges);
   EXPECT_EQ(log.lines().size(), 1U);
   EXPECT_TRUE(log.has_part(4, "one more"));
   EXPECT_EQ(log.read().find("secret"), std::string::npos);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 
+#include "framework/bounds.h"
 #include "framework/support.h"
 #include "framework/user_agent.h"
 #include "siplib/stack.h"
@@ -153,10 +154,13 @@ TEST_F(Configuration, StackSettingsAreTaken) {
             "<sipstackinit><ue-proxy><max-connections>7</max-connections><max-message-size> 2048\n</max-message-size>"
             "<max-header-size>1024</max-header-size><connect-timeout-ms>100</connect-timeout-ms>"
             "<idle-timeout-s>0</idle-timeout-s><t1-ms>50</t1-ms><t2-ms>400</t2-ms><t4-ms>500</t4-ms>"
+            "<max-clients>8</max-clients><max-profiles>3</max-profiles><max-routing-entries>9</max-routing-entries>"
+            "<max-waiting-notifies>4</max-waiting-notifies><max-challenges>5</max-challenges>"
             "<io-thread>yes</io-thread></ue-proxy></sipstackinit>");
   SIPLIB_SIPStackConfig config;
+  framework::Bounds bounds;
   bool io_thread = false;
-  framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, io_thread);
+  framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, bounds, io_thread);
   EXPECT_EQ(config.max_connections, 7u);
   EXPECT_EQ(config.limits.max_message, 2048u);
   EXPECT_EQ(config.limits.max_head, 1024u);
@@ -165,6 +169,11 @@ TEST_F(Configuration, StackSettingsAreTaken) {
   EXPECT_EQ(config.t1.count(), 50);
   EXPECT_EQ(config.t2.count(), 400);
   EXPECT_EQ(config.t4.count(), 500);
+  EXPECT_EQ(bounds.clients, 8u);
+  EXPECT_EQ(bounds.profiles, 3u);
+  EXPECT_EQ(bounds.routing_entries, 9u);
+  EXPECT_EQ(bounds.waiting_notifies, 4u);
+  EXPECT_EQ(bounds.challenges, 5u);
   EXPECT_TRUE(io_thread);
   EXPECT_EQ(log.text(), "");
 }
@@ -172,8 +181,9 @@ TEST_F(Configuration, StackSettingsAreTaken) {
 TEST_F(Configuration, AbsentSettingsKeepTheirDefaults) {
   const SIPLIB_SIPStackConfig defaults;
   SIPLIB_SIPStackConfig config;
+  framework::Bounds bounds;
   bool io_thread = false;
-  framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, io_thread);
+  framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, bounds, io_thread);
   EXPECT_EQ(config.max_connections, defaults.max_connections);
   EXPECT_EQ(config.t1, defaults.t1);
   EXPECT_FALSE(io_thread);
@@ -187,8 +197,9 @@ TEST_F(Configuration, BadSettingKeepsItsDefaultWithOneLine) {
     dir.write("config.xml", "<sipstackinit><ue-proxy><max-connections>" + std::string(bad) +
                                 "</max-connections><t1-ms>70</t1-ms></ue-proxy></sipstackinit>");
     SIPLIB_SIPStackConfig config;
+    framework::Bounds bounds;
     bool io_thread = false;
-    framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, io_thread);
+    framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, bounds, io_thread);
     EXPECT_EQ(config.max_connections, defaults.max_connections);
     EXPECT_EQ(config.t1.count(), 70);
     EXPECT_EQ(lines.lines(), 1u);
@@ -197,8 +208,9 @@ TEST_F(Configuration, BadSettingKeepsItsDefaultWithOneLine) {
   const LogCapture lines;
   dir.write("config.xml", "<sipstackinit><ue-proxy><io-thread>maybe</io-thread></ue-proxy></sipstackinit>");
   SIPLIB_SIPStackConfig config;
+  framework::Bounds bounds;
   bool io_thread = true;
-  framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, io_thread);
+  framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, bounds, io_thread);
   EXPECT_TRUE(io_thread) << "kept";
   EXPECT_TRUE(lines.has("'maybe' for io-thread is neither yes nor no"));
 }

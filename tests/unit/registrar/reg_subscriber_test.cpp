@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "fakes.h"
+#include "framework/bounds.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -368,7 +369,7 @@ TEST_F(SubscriberTest, AWaitingDocumentThatCannotGoDoesNotHoldUpTheNext) {
 
 TEST_F(SubscriberTest, TheQueueDoesNotGrowWithRefreshes) {
   handle({});
-  for (std::size_t i = 0; i < IMSE_RegSubscriber::kMaxPending; ++i) EXPECT_EQ(handle({.expires = "99"}), 0);
+  for (std::size_t i = 0; i < framework::bounds().waiting_notifies; ++i) EXPECT_EQ(handle({.expires = "99"}), 0);
   EXPECT_TRUE(subscriber->is_full());
   LogCapture log(4);
   EXPECT_EQ(handle({.expires = "99"}), 0);

@@ -342,11 +342,11 @@ TEST_F(RegistrarExistingTest, AChallengedClientThatCannotBeAdmittedIsDropped) {
 TEST_F(RegistrarExistingTest, ChallengedSuccessorsDoNotFillTheListWithoutEnd) {
   EXPECT_EQ(status({}), 200);
   registrar->set_authentication(false, true);
-  for (std::size_t i = 1; i < IMSE_Registrar::kMaxClients; ++i) {
+  for (std::size_t i = 1; i < framework::bounds().clients; ++i) {
     ASSERT_EQ(status({.call_id = "again-" + std::to_string(i)}), 401);
   }
   EXPECT_EQ(status({.call_id = "too-many"}), 400);
-  EXPECT_EQ(clientCount(), IMSE_Registrar::kMaxClients);
+  EXPECT_EQ(clientCount(), framework::bounds().clients);
 }
 
 TEST_F(RegistrarExistingTest, ADeregistrationThatCannotBeAnsweredStillRemoves) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fakes.h"
+#include "framework/bounds.h"
 #include "registrar/client_factory.h"
 #include "registrar/domain.h"
 #include "registrar/ext_client.h"

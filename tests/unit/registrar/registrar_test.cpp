@@ -381,7 +381,7 @@ TEST_F(RegistrarTest, ARefreshTextIsOnlyLogged) {
 }
 
 TEST_F(RegistrarTest, TakesNoMoreClientsThanItsLimit) {
-  for (std::size_t i = 0; i < IMSE_Registrar::kMaxClients; ++i) {
+  for (std::size_t i = 0; i < framework::bounds().clients; ++i) {
     Register one = module(10000 + static_cast<int>(i));
     one.from = "sip:anonymous@127.0.0.1";
     ASSERT_EQ(status(one), 200) << i;
@@ -429,8 +429,8 @@ TEST_F(RegistrarTest, WhoMovesFromPortToPortDoesNotFillTheRoutingTableWithoutEnd
     port += 2;
     ++left_behind;
   }
-  EXPECT_EQ(left_behind, static_cast<int>(IMSE_Registrar::kMaxEntries));
-  EXPECT_EQ(table.entries.size(), IMSE_Registrar::kMaxEntries);
+  EXPECT_EQ(left_behind, static_cast<int>(framework::bounds().routing_entries));
+  EXPECT_EQ(table.entries.size(), framework::bounds().routing_entries);
   LogCapture log(4);
   EXPECT_EQ(status(module()), 400);
   EXPECT_EQ(log.texts(), (Texts{"IMSE_REG: 1024 entries are in the routing table, no further one is taken",
@@ -439,7 +439,7 @@ TEST_F(RegistrarTest, WhoMovesFromPortToPortDoesNotFillTheRoutingTableWithoutEnd
 }
 
 TEST_F(RegistrarTest, KnowsNoMoreProfilesThanItsLimit) {
-  for (std::size_t i = 0; i < IMSE_Registrar::kMaxDomains; ++i) {
+  for (std::size_t i = 0; i < framework::bounds().profiles; ++i) {
     Register one = bob(10000 + static_cast<int>(i));
     one.from = "sip:anonymous@127.0.0.1";
     one.body = fake::uaInfo("profile" + std::to_string(i), "");
@@ -466,7 +466,7 @@ TEST_F(RegistrarTest, AWatcherThatDoesNotAnswerStopsFurtherRegistrations) {
     EXPECT_EQ(status(leaving), 200);
     ++taken;
   }
-  EXPECT_EQ(taken, static_cast<int>(IMSE_RegSubscriber::kMaxPending) / 2);
+  EXPECT_EQ(taken, static_cast<int>(framework::bounds().waiting_notifies) / 2);
   EXPECT_EQ(last->status(), 400);
   // Nothing is left of the one that was refused.
   EXPECT_TRUE(table.entries.empty());

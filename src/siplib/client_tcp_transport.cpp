@@ -198,7 +198,7 @@ bool ClientTcpTransport::sendOwn(Slices slices) {
   core_->post([self = shared_from_this(), text = std::move(text)] {
     --self->own_on_their_way_;
     SIPLIB_SIPMessageHandle message(new SIPLIB_message(text.data(), text.size()));
-    self->core_->process(std::move(message), std::make_shared<OwnPath>(self, *self->core_), true);
+    self->core_->process(std::move(message), std::make_shared<OwnPath>(self, *self->core_));
   });
   return true;
 }
@@ -209,6 +209,10 @@ void ClientTcpTransport::ownMessage(std::string text) {
 
 int ClientTcpTransport::send() {
   if (!message_ || !message_->valid()) return -1;
+  if (message_->fromNetwork() && destination_ == core_->localAddress()) {
+    core_->tellKeptOut(*message_);
+    return -1;
+  }
   return sendBytes(slicesOf(*message_), true) ? 0 : -1;
 }
 
@@ -285,8 +289,9 @@ bool ClientTcpTransport::streamMessage(char* text, std::size_t length) {
     created = new SIPLIB_message(text, length);
   }
   SIPLIB_SIPMessageHandle message(created);
+  if (message && source_ != core_->localAddress()) message->setFromNetwork();
   if (!taken) {
-    core_->process(std::move(message), path(), source_ == core_->localAddress());
+    core_->process(std::move(message), path());
     return true;
   }
   if (!inbox_.push(std::move(message))) {

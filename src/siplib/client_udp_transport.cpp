@@ -39,7 +39,7 @@ void ClientUdpTransport::open(std::shared_ptr<Endpoint> endpoint, const SocketAd
 
 int ClientUdpTransport::send() {
   if (!endpoint_ || !message_ || !message_->valid()) return -1;
-  return endpoint_->sendSoon(slicesOf(*message_), destination_) ? 0 : -1;
+  return endpoint_->sendSoon(*message_, destination_) ? 0 : -1;
 }
 
 bool ClientUdpTransport::getLocalAddress(std::string& ip, int& port) const {

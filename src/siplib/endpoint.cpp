@@ -251,9 +251,9 @@ void Endpoint::datagram(char* text, std::size_t length, const SocketAddress& fro
     created = new SIPLIB_message(text, length);
   }
   SIPLIB_SIPMessageHandle message(created);
+  if (message && !own && !listener_->trusted()) message->setFromNetwork();
   if (!taken) {
-    core_->process(std::move(message), std::make_shared<DatagramPath>(weak_from_this(), address_, from),
-                   own || listener_->trusted());
+    core_->process(std::move(message), std::make_shared<DatagramPath>(weak_from_this(), address_, from));
     return;
   }
   SIPLIB_SIPTransportNotifier* const notifier = current();
@@ -297,11 +297,15 @@ bool Endpoint::send(Slices slices, const SocketAddress& peer) {
   return false;
 }
 
-bool Endpoint::sendSoon(Slices slices, const SocketAddress& peer) {
+bool Endpoint::sendSoon(const SIPLIB_message& message, const SocketAddress& peer) {
+  const Slices slices = slicesOf(message);
   Outgoing& outgoing = core_->outgoing();
-  if (!outgoing.held() || sizeOf(slices) > Outgoing::kLargestDatagram || core_->localAddress() == peer) {
-    return send(slices, peer);
+  if (const SocketAddress local = core_->localAddress(); local == peer) {
+    if (!message.fromNetwork()) return sendOwn(slices, local);
+    core_->tellKeptOut(message);
+    return false;
   }
+  if (!outgoing.held() || sizeOf(slices) > Outgoing::kLargestDatagram) return send(slices, peer);
   outgoing.add(shared_from_this(), slices, peer);
   return true;
 }
@@ -339,7 +343,7 @@ bool Endpoint::sendOwn(Slices slices, const SocketAddress& local) {
     --self->own_on_their_way_;
     SIPLIB_SIPMessageHandle message(new SIPLIB_message(text.data(), text.size()));
     self->core_->process(std::move(message),
-                         std::make_shared<OwnDatagramPath>(*self->core_, self, local, self->address_), true);
+                         std::make_shared<OwnDatagramPath>(*self->core_, self, local, self->address_));
   });
   return true;
 }

@@ -42,8 +42,9 @@ class Endpoint final : public std::enable_shared_from_this<Endpoint> {
   /// Sends one datagram; one to the local endpoint goes to its ordinary SIP processing, never to a listener. Any
   /// thread. False with a log line.
   bool send(Slices slices, const SocketAddress& peer);
-  /// The same for the user's thread: it may wait in Outgoing, and what then goes wrong is in the log only.
-  bool sendSoon(Slices slices, const SocketAddress& peer);
+  /// The message as it stands, for the user's thread: it may wait in Outgoing, and what then goes wrong is in the log
+  /// only. One from the network never goes to the local endpoint.
+  bool sendSoon(const SIPLIB_message& message, const SocketAddress& peer);
   /// For Outgoing: several, each with its address and its text.
   void send(std::span<mmsghdr> datagrams);
 

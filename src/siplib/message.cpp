@@ -313,6 +313,24 @@ std::vector<std::string_view> SIPLIB_message::headers(std::string_view name) con
   return values;
 }
 
+bool SIPLIB_message::headHolds(std::string_view text) const {
+  if (!valid_) return false;
+  const auto holds = [&](std::string_view run) {
+    return ::memmem(run.data(), run.size(), text.data(), text.size()) != nullptr;
+  };
+  // Lines that nobody has touched stand side by side: one search for all of them.
+  std::string_view run = start_line_;
+  for (const Line* line = lines_; line != lines_ + line_count_; ++line) {
+    if (line->text == run.data() + run.size()) {
+      run = {run.data(), run.size() + line->size};
+      continue;
+    }
+    if (holds(run)) return true;
+    run = {line->text, line->size};
+  }
+  return holds(run);
+}
+
 // --- changing ---
 
 bool SIPLIB_message::refusesChange(std::string_view name, std::string_view value, HeaderId id) const {

@@ -73,6 +73,14 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   std::size_t headerCount(std::string_view name) const;
   /// Every value of the name, topmost first.
   std::vector<std::string_view> headers(std::string_view name) const;
+  /// True when the text stands anywhere in the start line or the header lines: one search, before a closer look.
+  bool headHolds(std::string_view text) const;
+
+  /// True for a message that came in anywhere but on the local endpoint. It never goes the stack's way to itself. A
+  /// message made here, or received from a user agent, is not.
+  bool fromNetwork() const { return from_network_; }
+  /// The transport says so, once, as it comes in.
+  void setFromNetwork() { from_network_ = true; }
 
   /// Replaces the topmost value, or adds the header when there is none. Every other byte of the line stays: the form of
   /// the name, the rest of a list. False when the message is not valid, the name is not a token, or the value holds CR,
@@ -135,6 +143,7 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   bool valid_ = false;
   bool is_request_ = false;
   bool made_here_ = false;
+  bool from_network_ = false;
   int status_ = 0;
   std::uint32_t references_ = 0;
   std::uint32_t line_count_ = 0;

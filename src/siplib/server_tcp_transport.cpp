@@ -72,8 +72,9 @@ bool ServerTcpTransport::streamMessage(char* text, std::size_t length) {
     created = new SIPLIB_message(text, length);
   }
   SIPLIB_SIPMessageHandle message(created);
+  if (message && !endpoint_->trusted()) message->setFromNetwork();
   if (!taken) {
-    core_->process(std::move(message), std::make_shared<StreamPath>(stream, local_, peer_), endpoint_->trusted());
+    core_->process(std::move(message), std::make_shared<StreamPath>(stream, local_, peer_));
     return true;
   }
   inbox_.push(std::move(message));

@@ -19,7 +19,7 @@ int ServerUdpTransport::receive() {
 int ServerUdpTransport::send() {
   if (!message_ || !message_->valid() || !source_.known()) return -1;
   const auto endpoint = endpoint_.lock();
-  return endpoint && endpoint->sendSoon(slicesOf(*message_), source_) ? 0 : -1;
+  return endpoint && endpoint->sendSoon(*message_, source_) ? 0 : -1;
 }
 
 }  // namespace siplib

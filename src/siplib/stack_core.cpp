@@ -113,7 +113,7 @@ void StackCore::setLocalAddress(const SocketAddress& address) {
   local_ = address;
 }
 
-void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> path, bool trusted) {
+void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> path) {
   if (!message || !message->valid()) {
     std::string ip;
     int port = 0;
@@ -123,11 +123,22 @@ void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> p
         why.data());
     return;
   }
-  if (trusted || message->isResponse()) {
+  if (!message->fromNetwork()) {
     layer_->receive(std::move(message), std::move(path));
-  } else {
+  } else if (message->isRequest()) {
     refuse(*message, *path);
+  } else {
+    std::string ip;
+    int port = 0;
+    path->peer(ip, port);
+    log(strangers_, 3, "process", "response %d from %s:%d dropped: not on the local endpoint", message->statusCode(),
+        ip.c_str(), port);
   }
+}
+
+void StackCore::tellKeptOut(const SIPLIB_message& message) {
+  log(strangers_, 3, "send", "%s from the network to the local endpoint dropped",
+      message.isRequest() ? "request" : "response");
 }
 
 // Without a transaction (RFC 3261 8.2.7): the same request gets the same tag, so a repeated one the same answer.

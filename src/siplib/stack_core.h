@@ -104,9 +104,11 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   SocketAddress localAddress() const;
   void setLocalAddress(const SocketAddress& address);
 
-  /// The ordinary SIP processing. `trusted`: it arrived on the local endpoint; a request that arrived anywhere else is
-  /// answered 403, for the registrar is for the terminal's own user agents. I/O thread.
-  void process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> path, bool trusted);
+  /// The ordinary SIP processing, which is for the terminal's own user agents: a request from the network is answered
+  /// 403, a response is dropped with one line. I/O thread.
+  void process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> path);
+  /// One line about a message from the network that would have gone the stack's way to itself. Any thread.
+  void tellKeptOut(const SIPLIB_message& message);
 
   /// Streams on which nothing moves are closed after the idle timeout. I/O thread.
   void watchIdle(const std::shared_ptr<TcpStream>& stream);
@@ -132,6 +134,7 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   const std::shared_ptr<std::atomic<std::size_t>> connections_ = std::make_shared<std::atomic<std::size_t>>(0);
   const std::string tag_secret_;
   LogLimit unparsable_;
+  LogLimit strangers_;
 
   mutable std::mutex local_mutex_;
   SocketAddress local_;

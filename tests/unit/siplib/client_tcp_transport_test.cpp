@@ -366,6 +366,48 @@ TEST_F(ClientTcpTransportTest, ToTheLocalEndpointItReachesTheLayerAndTheAnswerIs
   EXPECT_EQ(0u, listener.size()) << "no connection was made and no server listener asked";
 }
 
+TEST_F(ClientTcpTransportTest, WhatCameFromTheNetworkNeverGoesTheWayToItself) {
+  start();
+  auto* way = connect(source);
+  auto* notifier = listenAt("127.0.0.2");
+  peer = Peer::connected(addressOf(notifier));
+  ASSERT_NE(nullptr, next<SIPLIB_SIPServerTcpTransport>("created"));
+  ASSERT_TRUE(peer.send(request("SUBSCRIBE", "stranger")));
+  auto* accepted = next<SIPLIB_SIPServerTcpTransport>("request");
+  ASSERT_NE(nullptr, accepted);
+  ASSERT_EQ(0, accepted->receive());
+  way->setSipMessageHandle(accepted->getSipMessageHandle());
+  EXPECT_EQ(-1, way->send());
+  EXPECT_EQ(1u, log.count("3 request from the network to the local endpoint dropped"));
+  // The same message goes to any other peer.
+  auto* elsewhere = connect(destination);
+  const Peer agent = server.accept();
+  elsewhere->setSipMessageHandle(accepted->getSipMessageHandle());
+  EXPECT_EQ(0, elsewhere->send());
+  EXPECT_TRUE(reads(agent, request("SUBSCRIBE", "stranger")));
+  // And the way is open for one that was made here.
+  EXPECT_EQ(0, sendText(way, request("SUBSCRIBE", "mine")));
+  EXPECT_TRUE(until([&] { return layer->received.size() == 1; }));
+}
+
+TEST_F(ClientTcpTransportTest, AConnectionFromANetworkEndpointCarriesTheNetworksMessages) {
+  start();
+  auto* agent = connect(destination);
+  peer = server.accept();
+  ASSERT_TRUE(peer.send(answer(200, "from an agent")));
+  EXPECT_EQ(agent, next<SIPLIB_SIPClientTcpTransport>("response"));
+  EXPECT_EQ(0, agent->receive());
+  EXPECT_FALSE(agent->getSipMessageHandle()->fromNetwork());
+
+  source = addressOf(listenAt("127.0.0.2"));
+  auto* outside = connect(destination);
+  const Peer stranger = server.accept();
+  ASSERT_TRUE(stranger.send(answer(200, "from outside")));
+  EXPECT_EQ(outside, next<SIPLIB_SIPClientTcpTransport>("response"));
+  EXPECT_EQ(0, outside->receive());
+  EXPECT_TRUE(outside->getSipMessageHandle()->fromNetwork());
+}
+
 TEST_F(ClientTcpTransportTest, APeerThatIsNotReceivedFromIsNotReadFrom) {
   start();
   auto* transport = connect(destination);

@@ -524,4 +524,26 @@ TEST(Message, AHandleSharesAndEndsTheMessage) {
   EXPECT_EQ((*third).statusCode(), 200);
 }
 
+TEST(Message, ItsHeadIsSearchedAsItStands) {
+  const auto message = parse(crlf("INVITE sip:a;tag=1 SIP/2.0\nVia: one\nX: two\nContent-Length: 5\n\nthree"));
+  for (const char* text : {"a;tag", "SIP/2.0", "one", "two", "Length: 5"})
+    EXPECT_TRUE(message->headHolds(text)) << text;
+  EXPECT_FALSE(message->headHolds("three")) << "the body";
+  EXPECT_FALSE(message->headHolds("ONE"));
+  EXPECT_TRUE(message->setHeader("Via", "other"));
+  EXPECT_TRUE(message->addHeader("Y", "four"));
+  EXPECT_FALSE(message->headHolds("one"));
+  for (const char* text : {"a;tag", "other", "two", "four"}) EXPECT_TRUE(message->headHolds(text)) << text;
+  EXPECT_FALSE(parse("rubbish")->headHolds("rubbish")) << "one that does not parse has no head";
+}
+
+TEST(Message, ComesFromTheNetworkOnlyWhenATransportSaysSo) {
+  for (int round = 0; round < 3; ++round) {  // the memory of one is the next one's
+    auto message = std::make_unique<SIPLIB_message>(200, "OK");
+    EXPECT_FALSE(message->fromNetwork());
+    message->setFromNetwork();
+    EXPECT_TRUE(message->fromNetwork());
+  }
+}
+
 }  // namespace

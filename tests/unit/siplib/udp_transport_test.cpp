@@ -198,8 +198,13 @@ TEST_F(UdpTransportTest, OrdinaryMessagesReachTheLayerOnlyFromTheLocalEndpoint) 
   EXPECT_EQ(403, parsed(text)->statusCode());
   EXPECT_EQ(1u, log.count("4 REGISTER from " + peer.address().text() + " refused"));
   EXPECT_EQ(1u, layer->received.size());
+  ASSERT_TRUE(peer.sendTo(address, answer(200, "ordinary")));
+  ASSERT_TRUE(peer.sendTo(address, answer(481, "ordinary")));
   ASSERT_TRUE(peer.sendTo(address, "REGISTER sip:x SIP/2.0\r\nCall-ID: ordinary\r\n\r\n"));
   settle();
+  EXPECT_EQ(1u, log.count("3 response 200 from " + peer.address().text() + " dropped: not on the local endpoint"));
+  EXPECT_EQ(0u, log.count("response 481")) << "a line once in a while";
+  EXPECT_EQ(1u, layer->received.size());
   EXPECT_EQ("", peer.read()) << "nowhere to send an answer to";
   EXPECT_EQ(0u, listener.size());
 }
@@ -227,6 +232,33 @@ TEST_F(UdpTransportTest, ToTheLocalEndpointADatagramReachesTheLayerAndTheAnswerT
 
   EXPECT_EQ(0, sendText(transport, request("OPTIONS", "again"))) << "an answer to the source, the same way";
   EXPECT_TRUE(until([&] { return layer->received.size() == 2; }));
+}
+
+TEST_F(UdpTransportTest, WhatCameFromTheNetworkNeverGoesTheWayToItself) {
+  const SocketAddress local = openLocal();
+  auto* way = client(local);
+  ASSERT_TRUE(peer.sendTo(address, request("REGISTER", "stranger")));
+  auto* received = next<SIPLIB_SIPServerUdpTransport>("datagram");
+  ASSERT_NE(nullptr, received);
+  ASSERT_EQ(0, received->receive());
+  EXPECT_TRUE(received->getSipMessageHandle()->fromNetwork());
+  way->setSipMessageHandle(received->getSipMessageHandle());
+  EXPECT_EQ(-1, way->send());
+  EXPECT_EQ(1u, log.count("3 request from the network to the local endpoint dropped"));
+
+  auto* agents = stack->openTransportNotifier("UDP", local.ip(), local.port());
+  ASSERT_NE(nullptr, agents);
+  agents->setListener(&listener);
+  ASSERT_TRUE(peer.sendTo(local, request("SUBSCRIBE", "agent")));
+  received = next<SIPLIB_SIPServerUdpTransport>("datagram");
+  ASSERT_NE(nullptr, received);
+  ASSERT_EQ(0, received->receive());
+  EXPECT_FALSE(received->getSipMessageHandle()->fromNetwork()) << "its memory may be the stranger's";
+  way->setSipMessageHandle(received->getSipMessageHandle());
+  EXPECT_EQ(0, way->send());
+  EXPECT_TRUE(until([&] { return layer->received.size() == 1; }));
+  settle();
+  EXPECT_EQ(1u, layer->received.size());
 }
 
 TEST_F(UdpTransportTest, TheWayToItselfIsBounded) {

@@ -212,6 +212,12 @@ int IMS_engine_proxy::handle_default_tcp_request_message(void* data) {
   connection->getLocalAddress(ip, port);
   IMS_log::loginfo(5, __func__, "LocalAddress: ipaddr:port=%s:%d, conn=%p", ip.c_str(), port,
                    static_cast<void*>(connection));
+  // Answers come on the connections that the proxy opened. Here one would be taken for a request.
+  if (const int status = connection->getStatusCode(); status != 0) {
+    IMS_log::loginfo(3, __func__, "response %d on conn=%p dropped: only requests are looked for here", status,
+                     static_cast<void*>(connection));
+    return 0;
+  }
   Inspection message;
   if (ip != localhost_ip) {
     get_from_to_method(connection, message.is_request, message.method, message.from, message.to);

@@ -5,6 +5,7 @@
 #include "engine/engine_proxy.h"
 #include "framework/log.h"
 #include "proxy/forwarding.h"
+#include "proxy/network_gate.h"
 #include "routing/routing_table_impl.h"
 #include "siplib/connection.h"
 #include "siplib/header.h"
@@ -59,9 +60,10 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
     IMS_log::loginfo(5, __func__, "SUBSEQUENT REQUEST, Client key=%s;Domain key=%s", client_key.c_str(),
                      domain_key.c_str());
   }
-  // A key can name a record that is gone (a deleted client, a forged tag, a refused domain): that is no key either.
+  // A key can name a record that is gone (a deleted client, a forged tag, a refused domain) or the proxy itself: that
+  // is no key either.
   const DomainTable_Entry_T* domain = rt->domain(domain_key);
-  if (domain == nullptr || rt->client(client_key) == nullptr) {
+  if (domain == nullptr || forwarding::user_agent(client_key) == nullptr) {
     IMS_log::loginfo(3, __func__, "ERROR: check why client or domain key empty");
     return false;
   }
@@ -94,6 +96,7 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
 void IMS_engine_proxy::process_network_to_ua_tcp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
+  if (!network_gate::admits_request(__func__, connection, method, from, to)) return;
   siplib::Scratch via, contact;
   std::string client_key, domain_key;
   if (!update_network_to_ua_request_via_contact(connection, from, to, method, via, contact, client_key, domain_key)) {
@@ -115,6 +118,7 @@ void IMS_engine_proxy::process_network_to_ua_udp_request(SIPLIB_SIPTransportConn
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
   IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
+  if (!network_gate::admits_request(__func__, connection, method, from, to)) return;
   siplib::Scratch via, contact;
   std::string client_key, domain_key;
   if (!update_network_to_ua_request_via_contact(connection, from, to, method, via, contact, client_key, domain_key)) {

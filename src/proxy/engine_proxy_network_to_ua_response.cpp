@@ -6,6 +6,7 @@
 #include "engine/engine_proxy.h"
 #include "framework/log.h"
 #include "proxy/forwarding.h"
+#include "proxy/network_gate.h"
 #include "routing/routing_table_impl.h"
 #include "siplib/connection.h"
 #include "siplib/header.h"
@@ -36,6 +37,7 @@ void learn_challenge(const char* function, SIPLIB_SIPTransportConnection* connec
 bool restore_response(const char* function, IMS_engine_proxy& engine, SIPLIB_SIPTransportConnection* connection,
                       std::string& client_key, std::string& st_tag) {
   IMS_log::loginfo(5, function, "Received a response on connection=%p", static_cast<const void*>(connection));
+  if (!network_gate::admits_response(function, connection)) return false;
   siplib::Scratch via;
   if (!engine.update_network_to_ua_response_via_contact(connection, via, client_key, st_tag)) {
     IMS_log::loginfo(3, function, "ERROR: check why returning client_key=%s, stag=%s", client_key.c_str(),
@@ -61,7 +63,7 @@ bool IMS_engine_proxy::update_network_to_ua_response_via_contact(SIPLIB_SIPTrans
   const std::string tag = get_client_key_from_via(client_key, via);
   get_parameter("st", via, st_tag);
   IMS_log::loginfo(5, __func__, "Via Client key=%s;st=%s", client_key.c_str(), st_tag.c_str());
-  const RoutingTable_Entry_T* client = rt->client(client_key);
+  const RoutingTable_Entry_T* client = forwarding::user_agent(client_key);
   if (client == nullptr || st_tag.empty()) {
     IMS_log::loginfo(3, __func__, "ERROR: Either client key/tag is empty");
     return false;
@@ -79,7 +81,7 @@ void IMS_engine_proxy::process_network_to_ua_tcp_response(SIPLIB_SIPTransportCon
   std::string client_key;
   siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
-  forwarding::send_response(__func__, connection, st_tag, "", "client", client_key);
+  forwarding::send_response(__func__, connection, st_tag, forwarding::Side::kUserAgents, client_key);
 }
 
 void IMS_engine_proxy::process_network_to_ua_udp_response(SIPLIB_SIPTransportConnection* connection) {

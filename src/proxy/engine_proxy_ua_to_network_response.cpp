@@ -75,7 +75,7 @@ void IMS_engine_proxy::process_ua_to_network_tcp_response(SIPLIB_SIPTransportCon
   std::string domain_key;
   siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, domain_key, st_tag)) return;
-  forwarding::send_response(__func__, connection, st_tag, " ", "domain", domain_key);
+  forwarding::send_response(__func__, connection, st_tag, forwarding::Side::kNetwork, domain_key);
 }
 
 void IMS_engine_proxy::process_ua_to_network_udp_response(SIPLIB_SIPTransportConnection* connection) {

@@ -213,7 +213,7 @@ void IMS_engine_proxy::process_ua_to_ua_tcp_response(SIPLIB_SIPTransportConnecti
   std::string client_key;
   siplib::Scratch st_tag;
   if (!restore_response(__func__, *this, connection, client_key, st_tag)) return;
-  forwarding::send_response(__func__, connection, st_tag, "", "client", client_key);
+  forwarding::send_response(__func__, connection, st_tag, forwarding::Side::kUserAgents, client_key);
 }
 
 void IMS_engine_proxy::process_ua_to_ua_udp_response(SIPLIB_SIPTransportConnection* connection) {

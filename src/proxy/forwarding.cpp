@@ -6,11 +6,23 @@
 #include "framework/log.h"
 #include "routing/client_records.h"
 #include "routing/domain_records.h"
+#include "routing/routing_table_impl.h"
 #include "siplib/connection.h"
 #include "siplib/connector.h"
 #include "siplib/header.h"
 
 namespace forwarding {
+
+namespace {
+
+bool is_network_side(const SIPLIB_SIPTransportConnection& accepted) {
+  std::string ip;
+  int port = 0;
+  accepted.getLocalAddress(ip, port);
+  return ip != IMS_engine_proxy::localhost_ip;
+}
+
+}  // namespace
 
 int position(const std::string& text, const char* mark) {
   const std::size_t at = text.find(mark);
@@ -47,6 +59,11 @@ std::string dialog_tag(const char* function, const RequestUri& uri, Wins wins, s
   }
   IMS_engine_proxy::get_parameter(terminated ? "mtk" : "mok", uri.text, key);
   return (terminated ? ";mtk=" : ";mok=") + key;
+}
+
+const RoutingTable_Entry_T* user_agent(const std::string& key) {
+  const RoutingTable_Entry_T* client = IMS_engine_proxy::rt->client(key);
+  return client != nullptr && client->ua_port != IMS_engine_proxy::localhost_port ? client : nullptr;
 }
 
 std::unique_ptr<SIPLIB_SIPHeader> read_via(const SIPLIB_SIPTransportConnection* connection, std::string& via) {
@@ -103,16 +120,17 @@ bool send_and_close(const char* function, SIPLIB_SIPTransportConnection* connect
   return sent;
 }
 
-void send_response(const char* function, const SIPLIB_SIPTransportConnection* from, const std::string& st_tag,
-                   const char* indent, const char* owner, const std::string& key) {
-  SIPLIB_SIPTransportConnection* to = IMS_engine_proxy::find_tcp_server_conn(st_tag);
-  if (to == nullptr) {
-    IMS_log::loginfo(3, function, "%ssc is NULL for stag = %s", indent, st_tag.c_str());
+void send_response(const char* function, const SIPLIB_SIPTransportConnection* from, const std::string& st_tag, Side to,
+                   const std::string& key) {
+  const bool to_network = to == Side::kNetwork;
+  SIPLIB_SIPTransportConnection* connection = IMS_engine_proxy::find_tcp_server_conn(st_tag);
+  if (connection == nullptr || is_network_side(*connection) != to_network) {
+    IMS_log::loginfo(3, function, "%ssc is NULL for stag = %s", to_network ? " " : "", st_tag.c_str());
     return;
   }
-  to->setSipMessageHandle(from->getSipMessageHandle());
-  if (!send(function, to, owner, key)) return;
-  IMS_log::loginfo(5, function, "Sent the response on connection=%p", static_cast<const void*>(to));
+  connection->setSipMessageHandle(from->getSipMessageHandle());
+  if (!send(function, connection, to_network ? "domain" : "client", key)) return;
+  IMS_log::loginfo(5, function, "Sent the response on connection=%p", static_cast<const void*>(connection));
 }
 
 SIPLIB_SIPTransportConnection* open_udp_to_client(const char* function, const RoutingTable_Entry_T& client) {

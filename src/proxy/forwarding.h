@@ -40,6 +40,10 @@ enum class Wins { kEarlier, kLater };
 /// The tag of an in-dialog request, ";mok=KEY" or ";mtk=KEY", and its key.
 std::string dialog_tag(const char* function, const RequestUri& uri, Wins wins, std::string& key);
 
+/// The client of a key that the network named; null when there is none. The proxy's own entry is none: the registrar
+/// behind it is for the terminal's user agents.
+const RoutingTable_Entry_T* user_agent(const std::string& key);
+
 /// The topmost Via, as text and taken apart; null when it is absent or does not parse.
 std::unique_ptr<SIPLIB_SIPHeader> read_via(const SIPLIB_SIPTransportConnection* connection, std::string& via);
 /// Puts `tags` into the message's Contact, if it has one; `contact` is its new value, or empty.
@@ -58,10 +62,13 @@ bool is_there(const char* function, const SIPLIB_SIPTransportConnection* connect
 /// Sends the connection's current message. False with one line at level 3 when it was not taken.
 bool send(const char* function, SIPLIB_SIPTransportConnection* connection, const char* owner, const std::string& key);
 
-/// Sends the response that is `from`'s current message on the accepted connection of the st tag. One line at level 3,
-/// begun with `indent`, when that connection is no longer there.
-void send_response(const char* function, const SIPLIB_SIPTransportConnection* from, const std::string& st_tag,
-                   const char* indent, const char* owner, const std::string& key);
+/// Who opened an accepted connection.
+enum class Side { kUserAgents, kNetwork };
+/// Sends the response that is `from`'s current message on the accepted connection of the st tag. One line at level 3
+/// when that connection is no longer there, or on the other side: a peer can have the tag from a message and send it
+/// back. `key` is the client's or, towards the network, the domain's.
+void send_response(const char* function, const SIPLIB_SIPTransportConnection* from, const std::string& st_tag, Side to,
+                   const std::string& key);
 
 /// A UDP connection to the client's port. Null with one line at level 3.
 SIPLIB_SIPTransportConnection* open_udp_to_client(const char* function, const RoutingTable_Entry_T& client);

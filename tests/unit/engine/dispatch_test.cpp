@@ -81,7 +81,6 @@ class Dispatch : public EngineFixture {
 TEST_F(Dispatch, GivesEveryMessageOverTcpToItsOperation) {
   EXPECT_EQ(ofServerTcp(kNetIp, request("INVITE", kNetworkTo)), "process_network_to_ua_tcp_request");
   EXPECT_EQ(ofServerTcp(kNetIp, request("INVITE", kLocalTo)), "process_network_to_ua_tcp_request");
-  EXPECT_EQ(ofServerTcp(kNetIp, response(kNetworkTo)), "process_network_to_ua_tcp_request");
   EXPECT_EQ(ofServerTcp("127.0.0.1", request("INVITE", kNetworkTo)), "process_ua_to_network_tcp_request");
   EXPECT_EQ(ofServerTcp("127.0.0.1", request("INVITE", kLocalTo)), "process_ua_to_ua_tcp_request");
   EXPECT_EQ(ofClientTcp("127.0.0.3", response(kNetworkTo)), "process_network_to_ua_tcp_response");
@@ -99,6 +98,27 @@ TEST_F(Dispatch, GivesEveryMessageOverUdpToItsOperation) {
   EXPECT_EQ(ofUdp("127.0.0.1", response(kNetworkTo)), "process_ua_to_network_udp_response");
   EXPECT_EQ(ofUdp("127.0.0.1", request("INVITE", kLocalTo)), "process_ua_to_ua_udp_request");
   EXPECT_EQ(ofUdp("127.0.0.1", response(kLocalTo)), "process_ua_to_ua_udp_response");
+}
+
+TEST_F(Dispatch, DropsAnswersWhereOnlyRequestsAreLookedFor) {
+  for (const char* ip : {"127.0.0.1", kNetIp}) {
+    for (const char* to : {kNetworkTo, kLocalTo}) {
+      FakeServerTcp tcp(ip, 5060, "127.0.0.1", 40000);
+      tcp.push(response(to));
+      LogCapture log(3);
+      engine->handle_default_tcp_request_message(static_cast<SIPLIB_SIPConnection*>(&tcp));
+      ASSERT_EQ(log.lines().size(), 1u);
+      char text[100];
+      std::snprintf(text, sizeof text, "response 200 on conn=%p dropped: only requests are looked for here",
+                    static_cast<void*>(&tcp));
+      EXPECT_TRUE(log.has(3, text));
+      EXPECT_EQ(log.lines()[0].function, "handle_default_tcp_request_message");
+    }
+  }
+  EXPECT_EQ(ofServerTcp("127.0.0.1", "rubbish"), "process_ua_to_network_tcp_request") << "what is no answer either";
+  EXPECT_EQ(ofServerTcp(kNetIp, "rubbish"), "process_network_to_ua_tcp_request");
+  EXPECT_EQ(ofClientTcp("127.0.0.3", request("INVITE", kNetworkTo)), "process_network_to_ua_tcp_response")
+      << "and what a connection of our own carries it carries";
 }
 
 TEST_F(Dispatch, TakesAnotherLoopbackAddressForTheNetwork) {

@@ -48,6 +48,14 @@ TEST_F(NetworkToUaResponse, GoesBackOnTheConnectionOfTheStTag) {
   EXPECT_EQ(log.count(3), 0);
 }
 
+TEST_F(NetworkToUaResponse, AConnectionOfTheNetworkIsNoUserAgents) {
+  const std::string networks = accept(network);
+  LogCapture log(3);
+  tcp(response("SIP/2.0/TCP 127.0.0.2:5060;branch=z9hG4bK-1;mok=" + key + ";st=" + networks));
+  EXPECT_TRUE(network.sent.empty());
+  EXPECT_EQ(log.texts(), std::vector<std::string>{"sc is NULL for stag = " + networks});
+}
+
 TEST_F(NetworkToUaResponse, OverUdpGoesToTheClientsPort) {
   LogCapture log;
   udpMessage(response("SIP/2.0/UDP 127.0.0.2:5060;branch=z9hG4bK-1;mtk=" + key + ";st=0",

@@ -58,6 +58,16 @@ TEST_F(UaToNetworkResponse, LeavesOnTheConnectionOfTheRequest) {
   EXPECT_EQ(log.count(3), 0);
 }
 
+TEST_F(UaToNetworkResponse, AConnectionOfAUserAgentIsNotTheNetworks) {
+  // The network knows the tag from that user agent's requests, and may have sent it back in its own.
+  const std::string agents = accept(ua);
+  LogCapture log(3);
+  tcp(response("SIP/2.0/TCP 127.0.0.1:5060;branch=z9hG4bK-n1;st=" + agents + ";mtk=" + key + ";st=" + tag));
+  expectNothingSent();
+  EXPECT_TRUE(ua.sent.empty());
+  EXPECT_EQ(log.texts(), std::vector<std::string>{" sc is NULL for stag = " + agents});
+}
+
 TEST_F(UaToNetworkResponse, OverUdpLeavesForTheDomainsProxyFromItsUdpAddress) {
   TwoAddressNotifier notifier;
   SIPLIB_SIPTransportNotifier* handle = &notifier;

@@ -275,6 +275,15 @@ TEST_F(UaToUa, ResponseGoesBackOnTheConnectionOfTheStTag) {
   EXPECT_TRUE(log.has_part(5, "Sent the response on connection=0x"));
 }
 
+TEST_F(UaToUa, AConnectionOfTheNetworkIsNoUserAgents) {
+  const std::string networks = accept(network);
+  LogCapture log(3);
+  tcpResponse(
+      response("SIP/2.0/TCP 127.0.0.1:5060;branch=z9hG4bK-1;scli=" + alice + ";dcli=" + bob + "st=" + networks));
+  EXPECT_TRUE(network.sent.empty());
+  EXPECT_EQ(log.texts(), std::vector<std::string>{"sc is NULL for stag = " + networks});
+}
+
 TEST_F(UaToUa, ResponseOverUdpGoesToTheSourceClientsPort) {
   LogCapture log;
   udpResponse(response("SIP/2.0/UDP 127.0.0.1:5060;branch=z9hG4bK-1;scli=" + alice + ";dcli=" + bob + ";st=0",

@@ -13,6 +13,7 @@
 #include "engine/engine_proxy.h"
 #include "framework/digest.h"
 #include "framework/log.h"
+#include "proxy/network_gate.h"
 #include "registrar/notify_xml_data.h"
 #include "registrar/register_xml_data.h"
 #include "routing/routing_table_impl.h"
@@ -174,6 +175,27 @@ void parseAndRewriteViaAndContact(benchmark::State& state) {
   }
 }
 BENCHMARK(parseAndRewriteViaAndContact);
+
+/// What a message of the network costs more than a user agent's: the closer look at who it says to be.
+void passNetworkGate(benchmark::State& state) {
+  Engine engine(1);
+  FakeServerUdp connection("127.0.0.2", 5060, "127.0.0.3", 5060);
+  connection.set(invite("sip:alice@127.0.0.2:5060"));
+  bool is_request = false;
+  std::string method;
+  SIPLIB_SIPAddress* from = nullptr;
+  SIPLIB_SIPAddress* to = nullptr;
+  IMS_engine_proxy::get_from_to_method(&connection, is_request, method, from, to);
+  const std::unique_ptr<SIPLIB_SIPAddress> from_owner(from), to_owner(to);
+  const CountedAllocations counted(state);
+  for (auto _ : state) {
+    if (!network_gate::admits_request(__func__, &connection, method, from, to)) {
+      state.SkipWithError("not admitted");
+      break;
+    }
+  }
+}
+BENCHMARK(passNetworkGate);
 
 void gatherRewritten(benchmark::State& state) {
   const std::string text = invite();

@@ -46,6 +46,12 @@ const char* local_dialog_tag(const SIPLIB_message& message) {
   return nullptr;
 }
 
+/// Asks the user agent to send a request of its own to the terminal itself: a route command, say.
+bool leads_inside(const SIPLIB_message& message) {
+  if (message.isRequest()) return message.method() == "REFER" && any_is_local(message, "Refer-To");
+  return message.statusCode() >= 300 && message.statusCode() < 400 && any_is_local(message, "Contact");
+}
+
 bool drop(const char* function, const char* what, const char* why) {
   IMS_log::loginfo(3, function, "%s from the network dropped: %s", what, why);
   return false;
@@ -67,8 +73,7 @@ bool admits_request(const char* function, const SIPLIB_SIPTransportConnection* c
   if (is_local(from) && from->getUser() == "registrar") return drop(function, what, "its From is the registrar");
   // A dialog with it would go on between local user agents. A MESSAGE begins none, and its answer leads nowhere.
   if (method != "MESSAGE" && (is_local(from) || is_local(to))) return drop(function, what, "its From or To is local");
-  // The request that it asks for would be the user agent's own: a route command, say.
-  if (method == "REFER" && any_is_local(*message, "Refer-To")) return drop(function, what, "it refers to a local user");
+  if (leads_inside(*message)) return drop(function, what, "it refers to a local user");
   // Its answer would be led by the key of its choice.
   const std::string_view via = connection->viewHeader("Via");
   if (holds(via, "mok=") || holds(via, "mtk=")) return drop(function, what, "a client key in its Via");
@@ -84,10 +89,7 @@ bool admits_response(const char* function, const SIPLIB_SIPTransportConnection* 
   for (const char* name : {"From", "To"}) {
     if (is_local(name, connection->viewHeader(name))) return drop(function, what, "its From or To is local");
   }
-  const int status = message->statusCode();
-  if (status >= 300 && status < 400 && any_is_local(*message, "Contact")) {
-    return drop(function, what, "it redirects to a local user");
-  }
+  if (leads_inside(*message)) return drop(function, what, "it refers to a local user");
   if (const char* where = local_dialog_tag(*message)) return drop_tagged(function, what, where);
   return true;
 }

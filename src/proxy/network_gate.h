@@ -14,7 +14,7 @@ namespace network_gate {
 /// False when the request is dropped. `from` and `to` may be null.
 bool admits_request(const char* function, const SIPLIB_SIPTransportConnection* connection, const std::string& method,
                     const SIPLIB_SIPAddress* from, const SIPLIB_SIPAddress* to);
-/// The same for what comes in as an answer.
+/// The same for what comes in as an answer, or as a request where only answers are looked for.
 bool admits_response(const char* function, const SIPLIB_SIPTransportConnection* connection);
 
 }  // namespace network_gate

@@ -220,7 +220,7 @@ class Stranger(WorldCase):
             ({"to": "<sip:bob@127.0.0.1>;tag=a"}, "its From or To is local"),
             ({"headers": [("Contact", "<sip:bob@127.0.0.1:5060;scli=1;dcli=2>")]}, "a local dialog's tag in its Contact"),
             ({"headers": [("Record-Route", "<sip:a;lr>,<sip:b;scli=1>")]}, "a local dialog's tag in its Record-Route"),
-            ({"status": 302, "headers": [("Contact", "<sip:bob@127.0.0.1>")]}, "it redirects to a local user"))]
+            ({"status": 302, "headers": [("Contact", "<sip:bob@127.0.0.1>")]}, "it refers to a local user"))]
         tried.append((self.answer(own, frm=registrar), r"3 process: response 200 from 192\.0\.2\.66:\d+ dropped"))
         for data, line in tried:
             self.strike("UDP", data, line)

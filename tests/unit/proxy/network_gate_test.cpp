@@ -197,8 +197,14 @@ TEST_F(NetworkGate, AnswersAreNeitherOfNorForNorToALocalAddress) {
   EXPECT_EQ(droppedAnswer({.via = answerVia(), .to = "<sip:127.0.0.1:5060>;tag=1"}), local);
   const Said to_bob{.via = answerVia(), .more = {{"Contact", "<sip:carol@home.net>, <sip:bob@127.0.0.1>"}}};
   for (const int status : {300, 302, 399}) {
-    EXPECT_EQ(droppedAnswer(to_bob, status), twice("response from the network dropped: it redirects to a local user"));
+    EXPECT_EQ(droppedAnswer(to_bob, status), twice("response from the network dropped: it refers to a local user"));
   }
+  // A request on the connection that the proxy opened comes this way too.
+  toNetwork().set(
+      sipRequest("REFER", "sip:alice@127.0.0.2",
+                 headers("REFER", {.via = answerVia(), .more = {{"Refer-To", "<sip:127.0.0.1;method=MESSAGE>"}}})));
+  engine->process_network_to_ua_tcp_response(&toNetwork());
+  expectNothingSent();
   EXPECT_TRUE(admitsAnswer(to_bob, 200)) << "gets the client's own tag";
   EXPECT_TRUE(admitsAnswer({.via = answerVia(), .more = {{"Contact", "<sip:carol@home.net>"}}}, 302));
   EXPECT_TRUE(admitsAnswer({.via = answerVia(), .from = "\"127.0.0.1\" <sip:alice@home.net>;tag=1"}));

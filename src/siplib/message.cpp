@@ -314,9 +314,13 @@ std::vector<std::string_view> SIPLIB_message::headers(std::string_view name) con
 }
 
 bool SIPLIB_message::headHolds(std::string_view text) const {
-  if (!valid_) return false;
+  if (!valid_ || text.empty()) return valid_;
+  // By its last character: in a parameter's name with its "=", that is the rarest.
   const auto holds = [&](std::string_view run) {
-    return ::memmem(run.data(), run.size(), text.data(), text.size()) != nullptr;
+    for (std::size_t at = run.find(text.back()); at != std::string_view::npos; at = run.find(text.back(), at + 1)) {
+      if (run.substr(0, at + 1).ends_with(text)) return true;
+    }
+    return false;
   };
   // Lines that nobody has touched stand side by side: one search for all of them.
   std::string_view run = start_line_;

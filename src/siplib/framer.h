@@ -11,7 +11,8 @@
 // and the stream goes on: one caller's nonsense that a network proxy relays does not cost the others their connection.
 //
 // A message without Content-Length has no body: RFC 3261 18.3 requires the header on a stream, and a peer that leaves
-// it out nevertheless means that.
+// it out nevertheless means that. To wait for the end of the stream, as for a body of unknown length, would take what
+// follows for a body; to refuse the message would cost its sender the connection for a head that is whole.
 //
 // Time is linear in the bytes, however small the pieces they come in. Memory is what one message needs, at most
 // max_message + kRead, and goes back to kKeep after a large one.
@@ -51,6 +52,9 @@ class Framer {
   void commit(std::size_t count);
   /// What comes next. One read may hold several messages: call it until NeedMore or Malformed.
   Frame next();
+  /// After NeedMore: a message has begun (line ends between messages begin none); and its head is whole.
+  bool begun() const { return begin_ < end_ && buffer_[begin_] != '\r'; }
+  bool hasHead() const { return total_ != 0; }
 
  private:
   Frame fail(std::string_view why);

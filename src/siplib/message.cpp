@@ -205,6 +205,7 @@ std::string_view SIPLIB_message::parse(std::string_view text) {
     takeValue(*entry, line.value, line.folded);
   }
   if (!reader.fault().empty()) return reader.fault();
+  has_length_ = reader.contentLength().has_value();
 
   const std::string_view rest = std::string_view(own, text.size()).substr(head.size());
   const std::size_t length = reader.contentLength().value_or(rest.size());
@@ -347,6 +348,10 @@ void SIPLIB_message::insert(std::size_t index, std::string_view name, std::strin
   const std::size_t size = name.size() + 2 + value.size() + 2;
   char* const text = room(size);
   put(put(put(put(text, name), ": "), value), kCrLf);
+  insertLine(index, text, size, name.size(), id);
+}
+
+void SIPLIB_message::insertLine(std::size_t index, char* text, std::size_t size, std::size_t name_size, HeaderId id) {
   if (line_count_ == line_room_) {
     const std::uint32_t more = 2 * line_room_;
     // Sizes in this memory are any; the records need their alignment.
@@ -362,9 +367,10 @@ void SIPLIB_message::insert(std::size_t index, std::string_view name, std::strin
   Line* const line = ::new (lines_ + index) Line{};
   line->text = text;
   line->size = static_cast<std::uint32_t>(size);
-  line->name_size = static_cast<std::uint32_t>(name.size());
+  line->name_size = static_cast<std::uint32_t>(name_size);
   line->id = id;
   place(*line);
+  if (id == siplib::kContentLength) has_length_ = true;
 }
 
 void SIPLIB_message::erase(Line* line) {
@@ -413,6 +419,20 @@ bool SIPLIB_message::appendHeader(std::string_view name, std::string_view value)
   if (refusesChange(name, value, id)) return false;
   insert(lastPlace(), name, value, id);
   return true;
+}
+
+bool SIPLIB_message::appendLines(std::string_view name, const SIPLIB_message& other) {
+  const HeaderId id = siplib::headerId(name);
+  if (!valid_ || !other.valid_ || &other == this || id == siplib::kContentLength) return false;
+  bool found = false;
+  for (const Line* line = other.lines_; line != other.lines_ + other.line_count_; ++line) {
+    if (line->id != id || (id == siplib::kUnknownHeader && !siplib::equalsIgnoreCase(line->name(), name))) continue;
+    char* const text = room(line->size);
+    put(text, {line->text, line->size});
+    insertLine(lastPlace(), text, line->size, line->name_size, id);
+    found = true;
+  }
+  return found;
 }
 
 // Where a further line goes: a message made here keeps its Content-Length last.
@@ -478,13 +498,13 @@ bool SIPLIB_message::setBody(std::string_view body) {
   put(put(text, kCrLf), body);
   body_ = {text + 2, body.size()};
 
+  if (!has_length_) {
+    addLength();
+    return true;
+  }
   char digits[24];
   const std::string_view length = number(body.size(), digits);
   Line* const line = find({}, siplib::kContentLength);
-  if (line == nullptr) {
-    insert(line_count_, "Content-Length", length, siplib::kContentLength);
-    return true;
-  }
   rewrite(*line, 0, line->raw_end - line->raw_begin, length);
   // Further ones said the same as the first; one is enough.
   Line* const end = lines_ + line_count_;
@@ -492,6 +512,11 @@ bool SIPLIB_message::setBody(std::string_view body) {
       std::remove_if(line + 1, end, [](const Line& other) { return other.id == siplib::kContentLength; });
   line_count_ = static_cast<std::uint32_t>(kept - lines_);
   return true;
+}
+
+void SIPLIB_message::addLength() {
+  char digits[24];
+  insert(line_count_, "Content-Length", number(body_.size(), digits), siplib::kContentLength);
 }
 
 // --- sending ---

@@ -93,6 +93,10 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   /// Puts a new header line below all others (in a new message above its Content-Length), also those of its name: for
   /// many values that are copied in their order, at the same cost each. Refusals as for setHeader.
   bool appendHeader(std::string_view name, std::string_view value);
+  /// Copies every header line of the name from `other` below all others (in a new message above its Content-Length), as
+  /// it stands there: the form of the name, folds, a list in one line. So an answer's Vias take no more room than the
+  /// request's. False when either message is not valid, for Content-Length, and when `other` has no such line.
+  bool appendLines(std::string_view name, const SIPLIB_message& other);
   /// Removes the topmost value. False when there is none.
   bool removeHeader(std::string_view name);
   /// Removes every value of the name and gives their number.
@@ -102,6 +106,11 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   std::string_view body() const { return body_; }
   /// Replaces the body; Content-Length follows. False when the message is not valid.
   bool setBody(std::string_view body);
+  /// Adds a Content-Length line, as the last, where there is none: what leaves on a stream has to say where it ends
+  /// (RFC 3261 18.3). Costs nothing where there is one.
+  void completeLength() {
+    if (!has_length_ && valid_) addLength();
+  }
 
   /// Appends the slices that make up the message as it stands, in order, to `out`. They point into this message and
   /// are good until its next change or its end. A Content-Length line is among them always for a message made or
@@ -135,6 +144,8 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   bool refusesChange(std::string_view name, std::string_view value, std::uint8_t id) const;
   std::size_t lastPlace() const;
   void insert(std::size_t index, std::string_view name, std::string_view value, std::uint8_t id);
+  void insertLine(std::size_t index, char* text, std::size_t size, std::size_t name_size, std::uint8_t id);
+  void addLength();
   void erase(Line* line);
   void rewrite(Line& line, std::size_t begin, std::size_t end, std::string_view value);
   void place(Line& line);
@@ -144,6 +155,7 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   bool is_request_ = false;
   bool made_here_ = false;
   bool from_network_ = false;
+  bool has_length_ = false;  // a Content-Length line is among the lines
   int status_ = 0;
   std::uint32_t references_ = 0;
   std::uint32_t line_count_ = 0;

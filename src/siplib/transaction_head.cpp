@@ -174,7 +174,7 @@ std::string contactValue(std::string_view ip, int port, bool reliable) {
 
 SIPLIB_message* newAnswer(const SIPLIB_message& request, int status, std::string_view to_tag) {
   auto answer = std::make_unique<SIPLIB_message>(status, reasonPhrase(status));
-  for (const std::string_view via : request.headers("Via")) answer->appendHeader("Via", via);
+  answer->appendLines("Via", request);
   if (const auto from = request.header("From")) answer->addHeader("From", *from);
   if (const auto to = request.header("To")) {
     std::string value(*to);

@@ -505,6 +505,45 @@ TEST(Message, UntouchedLinesAreOneSlice) {
   EXPECT_EQ(slices.size(), 10u) << "slices are appended";
 }
 
+TEST(Message, CopiedLinesStandAsTheyDidInTheOther) {
+  auto request = parse(crlf("OPTIONS sip:a SIP/2.0\nv: a , ,b\nX: 1\nVIA \t:c,\n  d\nVia:\nx: 2\n\n"));
+  SIPLIB_message answer(200, "OK");
+  EXPECT_TRUE(answer.appendLines("Via", *request));
+  EXPECT_TRUE(answer.appendLines("x", *request)) << "a name that is not known";
+  EXPECT_TRUE(answer.addHeader("To", "t"));
+  EXPECT_EQ(answer.text(), crlf("SIP/2.0 200 OK\nv: a , ,b\nVIA \t:c,\n  d\nVia:\nX: 1\nx: 2\nTo: t\n"
+                                "Content-Length: 0\n\n"));
+  EXPECT_EQ(answer.headers("Via"), (std::vector<std::string_view>{"a", "b", "c", "d", ""}));
+  EXPECT_TRUE(answer.setHeader("Via", "new"));
+  EXPECT_EQ(answer.text().find(crlf("SIP/2.0 200 OK\nv: new , ,b\n")), 0u);
+  EXPECT_EQ(request->header("Via"), "a") << "a copy";
+
+  EXPECT_FALSE(answer.appendLines("Route", *request));
+  EXPECT_FALSE(answer.appendLines("Content-Length", *parse(kInvite)));
+  EXPECT_FALSE(answer.appendLines("Via", *parse("nonsense")));
+  EXPECT_FALSE(answer.appendLines("Via", answer));
+  EXPECT_FALSE(SIPLIB_message(99, "").appendLines("Via", *request));
+}
+
+TEST(Message, AMissingContentLengthIsAddedOnce) {
+  const std::string head = crlf("MESSAGE sip:a SIP/2.0\nX: y\n");
+  auto message = parse(head + "\r\nbody");
+  message->completeLength();
+  message->completeLength();
+  EXPECT_EQ(message->text(), head + crlf("Content-Length: 4\n\n") + "body");
+  EXPECT_TRUE(message->setBody("longer"));
+  EXPECT_EQ(message->text(), head + crlf("Content-Length: 6\n\n") + "longer");
+  for (const char* form : {"l:4\r\n", "content-LENGTH :\r\n 4\r\n", "Content-Length: 4\r\nl: 04\r\n"}) {
+    const std::string text = head + form + "\r\nbody";
+    auto whole = parse(text);
+    whole->completeLength();
+    EXPECT_EQ(whole->text(), text);
+  }
+  auto nonsense = parse("nonsense");
+  nonsense->completeLength();
+  EXPECT_EQ(nonsense->text(), "");
+}
+
 TEST(Message, AHandleSharesAndEndsTheMessage) {
   SIPLIB_SIPMessageHandle empty;
   EXPECT_FALSE(empty);

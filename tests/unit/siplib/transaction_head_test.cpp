@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <random>
 #include <string>
 
 #include "siplib/reason.h"
@@ -19,6 +20,36 @@ siplib::Head headOf(const Request& request) {
   siplib::Head head;
   EXPECT_EQ(nullptr, siplib::readHead(*parsed(request.text()), head));
   return head;
+}
+
+TEST(TransactionHead, AnAnswerIsHardlyLargerThanItsRequestAndKeepsItsVias) {
+  std::mt19937 random(11);
+  const auto any = [&](std::initializer_list<const char*> texts) {
+    return std::string(texts.begin()[random() % texts.size()]);
+  };
+  for (int round = 0; round < 2000; ++round) {
+    std::string vias;
+    std::string lines;
+    for (std::size_t line = 0; line <= random() % 3; ++line) {
+      lines += any({"Via:", "v:", "VIA \t: ", "V:\r\n "}) + any({"", "SIP/2.0/UDP h;branch=z9hG4bK1", ",,", "x"});
+      const std::size_t elements = random() % 40 == 0 ? random() % 6000 : random() % 5;
+      for (std::size_t i = 0; i < elements; ++i)
+        lines += "," + any({"", "a", " ", "\r\n b", "SIP/2.0/TCP [::1]:5060", "\"q,\\\"q\"", "a;b=\"\""});
+      lines += "\r\n";
+    }
+    const std::string text = any({"REGISTER sip:127.0.0.1 SIP/2.0\r\n", "SUBSCRIBE sip:r@127.0.0.1 SIP/2.0\r\n"}) +
+                             any({"From", "f"}) + ": <sip:alice@127.0.0.1>;tag=9fxced76sl\r\n" + lines +
+                             any({"To", "t"}) + ":<sip:alice@127.0.0.1>\r\n" + any({"Call-ID", "i"}) +
+                             ": 3848276298220188511@127.0.0.1\r\nCSeq: 1 REGISTER\r\nMax-Forwards: 70\r\n" +
+                             "Contact: <sip:alice@127.0.0.1:5071>\r\nContent-Length: 0\r\n\r\n";
+    const auto request = parsed(text);
+    ASSERT_TRUE(request->valid());
+    const SIPLIB_SIPMessageHandle answer(siplib::newAnswer(*request, 481, "0123456789abcdef0123456789abcdef"));
+    const std::string sent = answer->text();
+    ASSERT_LE(2 * sent.size(), 3 * text.size()) << text;
+    ASSERT_NE(sent.find(lines), std::string::npos) << "in their order, as they came";
+    ASSERT_EQ(request->headers("Via"), parsed(sent)->headers("Via"));
+  }
 }
 
 TEST(TransactionHead, ReadsWhatIsThere) {

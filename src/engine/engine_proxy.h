@@ -99,13 +99,17 @@ class IMS_engine_proxy : public IMS_UA_With_State_Machine {
   static SIPLIB_SIPTransportConnection* open_client_connection(const std::string& transport,
                                                                const std::string& source_ip, int source_port,
                                                                const std::string& ip, int port);
-  /// Null is accepted.
+  /// For good: only a new opening of the same pair leads there again. Null is accepted.
   static void close_client_connection(SIPLIB_SIPClientTcpTransport* connection);
+  /// The answer to its loss: the next message opens it again.
+  static void close_lost_client_connection(SIPLIB_SIPClientTcpTransport* connection);
   static void close_server_connection(SIPLIB_SIPServerTcpTransport* connection);
   /// Answers a request from the network at once. Not sent, with one line, when a header that it needs is missing or
   /// longer than its buffer.
   void send_100_trying(const std::string& transport, SIPLIB_SIPTransportConnection* request,
                        const std::string& domain_key);
+  /// The addresses of all domains' proxies, whenever they have changed: strangers cannot keep them out.
+  static void keep_places_for_proxies(const std::vector<std::string>& addresses);
   /// "TCP" without regard to case.
   static bool is_tcp(const std::string& transport);
 

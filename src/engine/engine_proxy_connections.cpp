@@ -90,7 +90,7 @@ int IMS_engine_proxy::handle_default_tcp_connection_closed(void* data) {
   client->getSourceAddress(source_ip, source_port);
   IMS_log::loginfo(5, __func__, "conn=%p (src,dst)= (%s:%d, %s:%d)", static_cast<void*>(client), source_ip.c_str(),
                    source_port, peer_ip.c_str(), peer_port);
-  close_client_connection(client);
+  close_lost_client_connection(client);
   IMS_log::loginfo(5, __func__, "Closing Client Connection conn=%p", static_cast<void*>(client));
 
   // Deliberate: the peer's address is given as source and the source as destination, for every peer. On a terminal no
@@ -132,6 +132,14 @@ void IMS_engine_proxy::close_client_connection(SIPLIB_SIPClientTcpTransport* con
   if (connection != nullptr) ua_connector->close(connection);
 }
 
+void IMS_engine_proxy::close_lost_client_connection(SIPLIB_SIPClientTcpTransport* connection) {
+  if (connection != nullptr) ua_connector->closeLost(connection);
+}
+
+void IMS_engine_proxy::keep_places_for_proxies(const std::vector<std::string>& addresses) {
+  ua_connector->keepPlacesFor(addresses);
+}
+
 void IMS_engine_proxy::close_server_connection(SIPLIB_SIPServerTcpTransport* connection) {
   const auto record = std::find_if(tcp_servconn_table.begin(), tcp_servconn_table.end(),
                                    [&](const auto& entry) { return entry.connection == connection; });
@@ -165,8 +173,7 @@ void IMS_engine_proxy::send_100_trying(const std::string& transport, SIPLIB_SIPT
     }
     trying->addHeader(name, value);
   }
-  const SIPLIB_SIPMessageHandle asked = request->getSipMessageHandle();
-  for (const std::string_view via : asked->headers("Via")) trying->appendHeader("Via", via);
+  trying->appendLines("Via", *request->getSipMessageHandle());
 
   if (strcasecmp(transport.c_str(), "UDP") != 0) {
     request->setSipMessageHandle(trying);

@@ -223,6 +223,7 @@ constexpr std::array kSettings{
     Setting{"connect-timeout-ms", 10, 600000,
             [](Settings s, long v) { s.stack.connect_timeout = std::chrono::milliseconds(v); }},
     Setting{"idle-timeout-s", 0, 604800, [](Settings s, long v) { s.stack.idle_timeout = std::chrono::seconds(v); }},
+    Setting{"head-timeout-s", 1, 3600, [](Settings s, long v) { s.stack.head_timeout = std::chrono::seconds(v); }},
     Setting{"t1-ms", 10, 60000, [](Settings s, long v) { s.stack.t1 = std::chrono::milliseconds(v); }},
     Setting{"t2-ms", 10, 600000, [](Settings s, long v) { s.stack.t2 = std::chrono::milliseconds(v); }},
     Setting{"t4-ms", 10, 600000, [](Settings s, long v) { s.stack.t4 = std::chrono::milliseconds(v); }},

@@ -46,12 +46,18 @@ ClientTcpTransport::ClientTcpTransport(std::shared_ptr<StackCore> core, const So
 
 bool ClientTcpTransport::open() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (state_ == State::Closed) return begin();
+  closed_for_good_ = false;
+  if (state_ == State::Closed) return begin(true) || !destination_.isLoopback();
   if (state_ == State::Lost) open_wanted_ = true;
   return true;
 }
 
-bool ClientTcpTransport::begin() {
+void ClientTcpTransport::reopenable() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  closed_for_good_ = false;
+}
+
+bool ClientTcpTransport::begin(bool opening) {
   own_ = destination_ == core_->localAddress();
   if (own_) {
     state_ = State::Open;
@@ -59,7 +65,7 @@ bool ClientTcpTransport::begin() {
     return true;
   }
   int error = EMFILE;
-  ConnectionSlot slot = core_->takeSlot(StackCore::For::Local);
+  ConnectionSlot slot = core_->places().take(For::Own);
   if (slot) {
     OpenedConnection opened = openConnection(source_, destination_);
     error = opened.error;
@@ -76,8 +82,10 @@ bool ClientTcpTransport::begin() {
       return true;
     }
   }
-  core_->log(4, "open", "connecting %s to %s failed: %s", source_.text().c_str(), destination_.text().c_str(),
-             slot ? strerrordesc_np(error) : "as many connections are open as may be");
+  // A user agent that speaks UDP only refuses every time that it registers.
+  const bool usual = opening && slot && error == ECONNREFUSED && destination_.isLoopback();
+  core_->log(usual ? 5 : 4, "open", "connecting %s to %s failed: %s", source_.text().c_str(),
+             destination_.text().c_str(), slot ? strerrordesc_np(error) : "as many connections are open as may be");
   dropWaiting();
   return false;
 }
@@ -163,6 +171,10 @@ bool ClientTcpTransport::sendBytes(Slices slices, bool soon) {
     bool deferred = false;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
+      if (state_ == State::Closed && closed_for_good_) {
+        why = "the connection is closed";
+        break;
+      }
       if (state_ == State::Closed && !begin()) return false;
       if (state_ != State::Open) {
         if (wait(slices)) return true;
@@ -213,6 +225,7 @@ int ClientTcpTransport::send() {
     core_->tellKeptOut(*message_);
     return -1;
   }
+  message_->completeLength();
   return sendBytes(slicesOf(*message_), true) ? 0 : -1;
 }
 
@@ -253,17 +266,13 @@ void ClientTcpTransport::closeByUser() {
   std::shared_ptr<Attempt> attempt;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const bool lost = state_ == State::Lost;
-    const bool reopen = std::exchange(open_wanted_, false) || !waiting_.empty();
+    closed_for_good_ = true;
+    open_wanted_ = false;
     stream = std::move(stream_);
     attempt = std::move(attempt_);
     deferred_.reset();
     state_ = State::Closed;
-    if (lost && reopen) {
-      begin();
-    } else {
-      dropWaiting();
-    }
+    dropWaiting();
   }
   if (stream) stream->close();
   if (!stream && !attempt) return;
@@ -271,6 +280,13 @@ void ClientTcpTransport::closeByUser() {
     if (stream) stream->letGo();
     if (attempt && self->watched_ == attempt) self->watched_.reset();
   });
+}
+
+void ClientTcpTransport::closeLost() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (state_ != State::Lost) return;
+  state_ = State::Closed;
+  if (std::exchange(open_wanted_, false) || !waiting_.empty()) begin();
 }
 
 std::shared_ptr<Path> ClientTcpTransport::path() {

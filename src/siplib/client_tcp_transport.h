@@ -1,8 +1,10 @@
 // A TCP connection to a peer, one per (source, destination), which outlives its sockets.
 //
-//   Closed --open/send--> Connecting --connected--> Open --lost--> Lost --the user's close--> Closed
-//                             |                       |                    (and on, when sends wait)
-//                             +--failed--> Closed     +--the user's close--> Closed
+//   Closed --open/send--> Connecting --connected--> Open --lost--> Lost --closeLost--> Closed
+//                             |                                               (and on, when sends wait)
+//                             +--failed--> Closed
+//
+// The user's close leads from each of them to Closed for good, where open alone leads out.
 //
 // Sends wait while Connecting and Lost. To a loopback peer Connecting is passed over: the outcome is known at once.
 //
@@ -36,8 +38,11 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
 
   ClientTcpTransport(std::shared_ptr<StackCore> core, const SocketAddress& source, const SocketAddress& destination);
 
-  /// Opens it unless it is open. False when the connect failed at once.
+  /// Opens it unless it is open. False when the connect to a loopback peer failed at once: one to any other may succeed
+  /// with the next send.
   bool open();
+  /// A close for good no longer counts: sends open it again.
+  void reopenable();
   /// Any thread, `soon` the user's only: see TcpStream::sendSoon. False when it was not taken; a log line says why.
   bool sendBytes(Slices slices, bool soon = false);
   /// A connection that is up when open() returns is not read before its user could set the listener: not before
@@ -52,6 +57,8 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
   bool getPeerAddress(std::string& ip, int& port) const override { return destination_.get(ip, port); }
   void getSourceAddress(std::string& ip, int& port) const override { source_.get(ip, port); }
   void closeByUser() override;
+  /// The user's answer to the loss.
+  void closeLost();
 
   // I/O thread.
   bool streamMessage(char* text, std::size_t length) override;
@@ -73,8 +80,9 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
   enum class State { Closed, Connecting, Open, Lost };
   struct Attempt;
 
-  /// From Closed, with the lock: starts a connect. False when it failed at once.
-  bool begin();
+  /// From Closed, with the lock: starts a connect. False when it failed at once. `opening`: for open(), whose caller
+  /// tells of the failure too.
+  bool begin(bool opening = false);
   /// With the lock: a connected socket becomes the stream; what waits goes first.
   void connected(FileDescriptor socket, ConnectionSlot slot, bool defer);
   /// With the lock: gives up what waits.
@@ -110,6 +118,8 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
   std::string waiting_;
   /// An open was asked for while Lost.
   bool open_wanted_ = false;
+  /// Closed by the user; nothing but open() leads out.
+  bool closed_for_good_ = false;
 
   // I/O thread: the attempt that is watched.
   std::shared_ptr<Attempt> watched_;

@@ -116,9 +116,10 @@ class SIPLIB_SIPTransportConnection : public SIPLIB_SIPMessageConnection {
 /// still find it. After its closing event it raises no other.
 class SIPLIB_SIPServerTcpTransport : public SIPLIB_SIPTransportConnection {};
 
-/// A TCP connection to a peer, one per (source, destination), living as long as the stack. Closing it closes its
-/// socket; a send on a closed one opens it again in the background and goes out when it is up. From the loss of its
-/// socket until the close that answers the closing event, sends wait.
+/// A TCP connection to a peer, one per (source, destination), living as long as the stack. From the loss of its socket
+/// until SIPLIB_SIPConnector::closeLost answers the closing event, sends wait; after it a send opens the connection
+/// again in the background and goes out when it is up. SIPLIB_SIPConnector::close closes it until the pair is opened
+/// anew.
 class SIPLIB_SIPClientTcpTransport : public SIPLIB_SIPTransportConnection {
  public:
   /// Null gives received messages to the ordinary SIP processing.

@@ -190,7 +190,7 @@ void Endpoint::pauseAccepting(int error) {
 }
 
 void Endpoint::incoming(FileDescriptor socket, const SocketAddress& peer) {
-  ConnectionSlot slot = core_->takeSlot(listener_->trusted() ? StackCore::For::Local : StackCore::For::Network);
+  ConnectionSlot slot = core_->places().take(listener_->trusted() ? For::Local : For::Network, peer);
   if (!slot) {
     core_->log(accept_limit_, 4, "accept", "connection of %s to %s refused: as many connections are open as may be",
                peer.text().c_str(), address_.text().c_str());

@@ -37,6 +37,7 @@ int ServerTcpTransport::receive() {
 
 int ServerTcpTransport::send() {
   if (!message_ || !message_->valid()) return -1;
+  message_->completeLength();
   const auto stream = this->stream();
   const TcpStream::Sent sent = stream ? stream->sendSoon(slicesOf(*message_)) : TcpStream::Sent::Broken;
   if (sent == TcpStream::Sent::Taken) return 0;

@@ -17,12 +17,16 @@ class Reactor;
 /// Settings of the stack, with their defaults. Times in milliseconds unless named otherwise.
 struct SIPLIB_SIPStackConfig {
   siplib::Limits limits;
-  /// Open TCP connections of either kind; above it an accepted one is closed at once, an opening one refused.
-  /// The network's peers together get three quarters of them.
+  /// Open TCP connections of either kind; above it an accepted one that is still silent gives way, or the new one is
+  /// closed at once, an opening one refused. The network's peers together get three quarters of them; places.h says who
+  /// gives way to whom.
   std::size_t max_connections = 256;
   std::chrono::milliseconds connect_timeout{4000};
   /// A TCP connection on which nothing moved for so long is closed. 0: never.
   std::chrono::seconds idle_timeout{900};
+  /// An accepted connection that has not delivered a whole head so long after its acceptance, or not finished a message
+  /// so long after its first byte, is closed.
+  std::chrono::seconds head_timeout{10};
   /// RFC 3261 17.1.1.1, table 4.
   std::chrono::milliseconds t1{500};
   std::chrono::milliseconds t2{4000};

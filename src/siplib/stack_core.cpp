@@ -6,6 +6,7 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 #include "siplib/address.h"
 #include "siplib/random.h"
@@ -34,7 +35,11 @@ bool LogLimit::due(std::uint64_t& left_out) {
 }
 
 StackCore::StackCore(const SIPLIB_SIPStackConfig& config)
-    : config_(config), tag_secret_(randomText()), idle_timer_(config.reactor->timer([this] { closeIdle(); })) {
+    : config_(config),
+      places_(std::make_shared<Places>(config.max_connections)),
+      tag_secret_(randomText()),
+      idle_(deadline(config.idle_timeout, &TcpStream::lastMoved, "nothing moved for too long", &StackCore::idle_)),
+      owed_(deadline(config.head_timeout, &TcpStream::owedSince, "no whole message came in time", &StackCore::owed_)) {
 }
 
 std::int64_t StackCore::now() {
@@ -50,7 +55,8 @@ void StackCore::shutdown() {
   streams_.clear();
   for (const auto& stream : streams) stream->letGo();
   kept_.clear();
-  idle_timer_.reset();
+  idle_.timer.reset();
+  owed_.timer.reset();
   retired_.clear();
 }
 
@@ -92,15 +98,6 @@ void StackCore::log(LogLimit& limit, int level, const char* where, const char* f
   va_start(arguments, format);
   write(level, where, left_out, format, arguments);
   va_end(arguments);
-}
-
-ConnectionSlot StackCore::takeSlot(For whom) {
-  const std::size_t reserved = whom == For::Network ? config_.max_connections / 4 : 0;
-  if (connections_->fetch_add(1) >= config_.max_connections - reserved) {
-    --*connections_;
-    return {};
-  }
-  return ConnectionSlot(connections_);
 }
 
 SocketAddress StackCore::localAddress() const {
@@ -148,12 +145,12 @@ void StackCore::refuse(const SIPLIB_message& request, Path& path) const {
   path.peer(ip, port);
   log(4, "refuse", "%.*s from %s:%d refused: not on the local endpoint", static_cast<int>(request.method().size()),
       request.method().data(), ip.c_str(), port);
-  if (request.method() == "ACK" || request.headerCount("Via") == 0) return;
+  const auto via = request.header("Via");
+  if (request.method() == "ACK" || !via) return;
 
   SIPLIB_message answer(403, "Forbidden");
-  const auto vias = request.headers("Via");
   std::string identity = tag_secret_;
-  for (const std::string_view via : vias) answer.appendHeader("Via", via);
+  answer.appendLines("Via", request);
   for (const char* name : {"From", "To", "Call-ID", "CSeq"}) {
     const auto value = request.header(name);
     if (!value) continue;
@@ -166,48 +163,63 @@ void StackCore::refuse(const SIPLIB_message& request, Path& path) const {
     if (address && address->getParameter("tag", tag) != 0) {
       char text[24];
       std::snprintf(text, sizeof text, ";tag=%016" PRIx64,
-                    static_cast<std::uint64_t>(std::hash<std::string>()(identity.append(vias.front()))));
+                    static_cast<std::uint64_t>(std::hash<std::string>()(identity.append(*via))));
       answer.setHeader("To", std::string(*to) + text);
     }
   }
-  answer.setBody("");
-  path.send(answer.text());
+  // Who forges the source of a datagram gains nothing by the answer. Only a request without much of what it should have
+  // is as small as that.
+  const std::string text = answer.text();
+  if (2 * text.size() <= 3 * sizeOf(slicesOf(request))) path.send(text);
 }
 
-void StackCore::watchIdle(const std::shared_ptr<TcpStream>& stream) {
+void StackCore::watch(const std::shared_ptr<TcpStream>& stream) {
   streams_.insert(stream);
-  if (config_.idle_timeout.count() == 0 || idle_timer_on_) return;
-  idle_timer_->start(config_.idle_timeout);
-  idle_timer_on_ = true;
+  if (idle_.timeout.count() > 0 && !idle_.on) startTimer(idle_, now());
 }
 
-void StackCore::forgetIdle(const std::shared_ptr<TcpStream>& stream) {
+void StackCore::watchOwed() {
+  if (!owed_.on) startTimer(owed_, now());
+}
+
+void StackCore::forget(const std::shared_ptr<TcpStream>& stream) {
   streams_.erase(stream);
-  if (!streams_.empty() || !idle_timer_on_) return;
-  idle_timer_on_ = false;
-  idle_timer_->stop();
+  if (!streams_.empty()) return;
+  for (Deadline* const deadline : {&idle_, &owed_}) {
+    if (std::exchange(deadline->on, false)) deadline->timer->stop();
+  }
 }
 
-// One timer for all, due when the longest quiet stream could be; not armed anew for every message.
-void StackCore::closeIdle() {
-  idle_timer_on_ = false;
-  const std::int64_t timeout = std::chrono::milliseconds(config_.idle_timeout).count();
-  const std::int64_t current = now();
-  std::vector<std::shared_ptr<TcpStream>> idle;
-  std::int64_t earliest = current;
+StackCore::Deadline StackCore::deadline(std::chrono::milliseconds timeout, std::int64_t (TcpStream::*since)() const,
+                                        const char* why, Deadline StackCore::*self) {
+  return {timeout, since, why, reactor().timer([this, self] { closeOverdue(this->*self); })};
+}
+
+void StackCore::startTimer(Deadline& deadline, std::int64_t earliest) {
+  // A little later than due, never just before it: the clock is coarse, and streams that are due one soon after the
+  // other cost one walk.
+  const std::int64_t timeout = deadline.timeout.count();
+  const std::int64_t grain = std::clamp<std::int64_t>(timeout / 16, 10, 500);
+  deadline.timer->start(std::chrono::milliseconds(std::max<std::int64_t>(earliest + timeout - now(), 0) + grain));
+  deadline.on = true;
+}
+
+void StackCore::closeOverdue(Deadline& deadline) {
+  deadline.on = false;
+  const std::int64_t latest = now() - deadline.timeout.count();
+  std::vector<std::shared_ptr<TcpStream>> overdue;
+  std::int64_t earliest = 0;
   for (const auto& stream : streams_) {
-    if (stream->lastMoved() + timeout <= current) {
-      idle.push_back(stream);
-    } else {
-      earliest = std::min(earliest, stream->lastMoved());
+    const std::int64_t since = (*stream.*deadline.since)();
+    if (since == 0) continue;
+    if (since <= latest) {
+      overdue.push_back(stream);
+    } else if (earliest == 0 || since < earliest) {
+      earliest = since;
     }
   }
-  for (const auto& stream : idle) stream->fail(5, "nothing moved for too long");
-  if (streams_.empty() || idle_timer_on_) return;
-  // The clock is coarse: a little later than due, never just before it.
-  constexpr std::int64_t grain = 10;
-  idle_timer_->start(std::chrono::milliseconds(std::max<std::int64_t>(earliest + timeout - current, 0) + grain));
-  idle_timer_on_ = true;
+  for (const auto& stream : overdue) stream->fail(5, deadline.why);
+  if (earliest != 0 && !streams_.empty() && !deadline.on) startTimer(deadline, earliest);
 }
 
 void StackCore::retire(std::shared_ptr<Retired> closed) {

@@ -19,6 +19,7 @@
 
 #include "siplib/message.h"
 #include "siplib/outgoing.h"
+#include "siplib/places.h"
 #include "siplib/reactor.h"
 #include "siplib/socket_address.h"
 #include "siplib/stack.h"
@@ -34,25 +35,6 @@ class Retired {
   virtual ~Retired() = default;
   /// True while a notification of it can still be waiting in the user's queue: it is kept until then.
   virtual bool awaited() const { return false; }
-};
-
-/// One of the connections that the stack may have open; counts itself out at its end.
-class ConnectionSlot {
- public:
-  ConnectionSlot() = default;
-  explicit ConnectionSlot(std::shared_ptr<std::atomic<std::size_t>> count) : count_(std::move(count)) {}
-  ConnectionSlot(ConnectionSlot&&) noexcept = default;
-  ConnectionSlot& operator=(ConnectionSlot&& other) noexcept {
-    std::swap(count_, other.count_);
-    return *this;
-  }
-  ~ConnectionSlot() {
-    if (count_) --*count_;
-  }
-  explicit operator bool() const { return count_ != nullptr; }
-
- private:
-  std::shared_ptr<std::atomic<std::size_t>> count_;
 };
 
 /// A line that a peer can cause again and again is written once in a while, with the number of those left out.
@@ -95,10 +77,8 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   /// What the user's thread sends.
   Outgoing& outgoing() { return outgoing_; }
 
-  /// For whom a connection is: peers of the network leave a quarter of all to user agents and to what the stack opens.
-  enum class For { Network, Local };
-  /// Empty when there are as many connections as there may be. Any thread.
-  ConnectionSlot takeSlot(For whom);
+  /// Who has the connections that may be open. Any thread.
+  Places& places() const { return *places_; }
 
   /// The address of the local endpoint; not known when there is none. Any thread.
   SocketAddress localAddress() const;
@@ -110,9 +90,12 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   /// One line about a message from the network that would have gone the stack's way to itself. Any thread.
   void tellKeptOut(const SIPLIB_message& message);
 
-  /// Streams on which nothing moves are closed after the idle timeout. I/O thread.
-  void watchIdle(const std::shared_ptr<TcpStream>& stream);
-  void forgetIdle(const std::shared_ptr<TcpStream>& stream);
+  /// A stream from its start to its end: one on which nothing moves is closed after the idle timeout, one whose peer
+  /// owes something (TcpStream::owedSince) after the head timeout. I/O thread.
+  void watch(const std::shared_ptr<TcpStream>& stream);
+  void forget(const std::shared_ptr<TcpStream>& stream);
+  /// A stream's peer has begun to owe something. I/O thread.
+  void watchOwed();
 
   /// Keeps connections that only the library knows. I/O thread.
   void keep(std::shared_ptr<Retired> connection) { kept_.insert(std::move(connection)); }
@@ -123,7 +106,19 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   void freeRetired();
 
  private:
-  void closeIdle();
+  /// One timer for all streams, due when the first of them could be overdue; not armed anew for every message.
+  struct Deadline {
+    std::chrono::milliseconds timeout;
+    /// Since when a stream is waited for; 0: it is not.
+    std::int64_t (TcpStream::*since)() const;
+    const char* why;
+    std::unique_ptr<Reactor::Timer> timer;
+    bool on = false;
+  };
+  Deadline deadline(std::chrono::milliseconds timeout, std::int64_t (TcpStream::*since)() const, const char* why,
+                    Deadline StackCore::*self);
+  void startTimer(Deadline& deadline, std::int64_t earliest);
+  void closeOverdue(Deadline& deadline);
   void refuse(const SIPLIB_message& request, Path& path) const;
   void write(int level, const char* where, std::uint64_t left_out, const char* format, va_list arguments) const
       __attribute__((format(printf, 5, 0)));
@@ -131,7 +126,7 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   const SIPLIB_SIPStackConfig config_;
   std::atomic<bool> down_{false};
   std::unique_ptr<TransactionLayer> layer_;
-  const std::shared_ptr<std::atomic<std::size_t>> connections_ = std::make_shared<std::atomic<std::size_t>>(0);
+  const std::shared_ptr<Places> places_;
   const std::string tag_secret_;
   LogLimit unparsable_;
   LogLimit strangers_;
@@ -144,8 +139,8 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   // I/O thread.
   std::unordered_set<std::shared_ptr<TcpStream>> streams_;
   std::unordered_set<std::shared_ptr<Retired>> kept_;
-  std::unique_ptr<Reactor::Timer> idle_timer_;
-  bool idle_timer_on_ = false;
+  Deadline idle_;
+  Deadline owed_;
 
   std::mutex retired_mutex_;
   std::atomic<bool> has_retired_{false};

@@ -13,7 +13,9 @@ const char* faultOf(const SIPLIB_SIPStackConfig& config) {
   if (config.reactor == nullptr) return "no reactor";
   if (config.max_connections == 0) return "no connection allowed";
   if (limits.max_message == 0 || limits.max_head == 0 || limits.max_header_lines == 0) return "no message allowed";
-  if (config.connect_timeout.count() <= 0 || config.idle_timeout.count() < 0) return "a timeout that is not positive";
+  if (config.connect_timeout.count() <= 0 || config.idle_timeout.count() < 0 || config.head_timeout.count() <= 0) {
+    return "a timeout that is not positive";
+  }
   if (config.t1.count() <= 0 || config.t2.count() <= 0 || config.t4.count() <= 0) return "a timer that is not positive";
   return nullptr;
 }
@@ -145,6 +147,22 @@ int StackImpl::close(SIPLIB_SIPConnection* connection) {
   return core_->layer().close(connection) ? 0 : -1;
 }
 
+int StackImpl::closeLost(SIPLIB_SIPClientTcpTransport* transport) {
+  if (transport == nullptr) return -1;
+  auto* const client = dynamic_cast<ClientTcpTransport*>(transport);
+  if (client == nullptr) return -1;
+  client->closeLost();
+  return 0;
+}
+
+void StackImpl::keepPlacesFor(const std::vector<std::string>& addresses) {
+  std::vector<SocketAddress> known;
+  for (const std::string& ip : addresses) {
+    if (const auto address = SocketAddress::parse(ip, 0)) known.push_back(*address);
+  }
+  core_->places().keepFor(known);
+}
+
 std::shared_ptr<Path> StackImpl::pathTo(std::string_view transport, std::string_view ip, int port) {
   const auto kind = transportOf(transport);
   const SocketAddress local = core_->localAddress();
@@ -154,7 +172,11 @@ std::shared_ptr<Path> StackImpl::pathTo(std::string_view transport, std::string_
                lengthOf(transport), transport.data());
     return nullptr;
   }
-  if (*kind == Transport::Tcp) return std::make_shared<ClientPath>(clients_.obtain(local, *destination, false));
+  if (*kind == Transport::Tcp) {
+    auto client = clients_.obtain(local, *destination, false);
+    client->reopenable();
+    return std::make_shared<ClientPath>(std::move(client));
+  }
   const auto endpoint = endpoints_.find(local);
   if (!endpoint) return nullptr;
   return std::make_shared<DatagramPath>(endpoint, local, *destination);

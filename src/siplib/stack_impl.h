@@ -37,6 +37,8 @@ class StackImpl final : public SIPLIB_SIPStack, public SIPLIB_SIPConnector, publ
                                             std::string_view ip, int port) override;
   SIPLIB_SIPClientConnection* openClientTransaction(std::string_view transport, std::string_view ip, int port) override;
   int close(SIPLIB_SIPConnection* connection) override;
+  int closeLost(SIPLIB_SIPClientTcpTransport* transport) override;
+  void keepPlacesFor(const std::vector<std::string>& addresses) override;
 
   std::shared_ptr<Path> pathTo(std::string_view transport, std::string_view ip, int port) override;
 

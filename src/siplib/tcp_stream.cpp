@@ -152,7 +152,8 @@ void TcpStream::start(StreamOwner& owner) {
     watch_ = core_->reactor().watch(
         socket_.get(), [this] { orFail([this] { readable(); }); }, [this] { orFail([this] { writable(); }); });
     if (!watch_) return fail(3, "the system cannot watch the socket");
-    core_->watchIdle(shared_from_this());
+    core_->watch(shared_from_this());
+    if (slot_.accepted()) watchPeer();
     watch_->wantRead(true);
     writable();
   });
@@ -174,7 +175,7 @@ std::string TcpStream::detach() {
   const auto self = shared_from_this();
   owner_ = nullptr;
   watch_.reset();
-  core_->forgetIdle(self);
+  core_->forget(self);
   std::size_t lost = 0;
   std::string unsent;
   {
@@ -249,6 +250,8 @@ void TcpStream::deliver() {
         answers += "\r\n";
         break;
       case Framer::Kind::Message:
+        begun_ = 0;
+        heard();
         if (owner_->streamMessage(frame.text, frame.length)) break;
         paused_ = true;
         if (watch_) watch_->wantRead(false);
@@ -256,9 +259,33 @@ void TcpStream::deliver() {
         break;
     }
   }
+  // Of a peer that is not read nothing more can come.
+  if (owner_ != nullptr && !paused_ && slot_.accepted() && framer_.begun()) {
+    if (framer_.hasHead()) heard();
+    if (begun_ == 0) {
+      begun_ = StackCore::now();
+      core_->watchOwed();
+    }
+  }
   if (answers.empty() || owner_ == nullptr) return;
   iovec place;
   send(sliceOf(answers, place));
+}
+
+void TcpStream::watchPeer() {
+  silent_since_ = lastMoved();
+  slot_.silent([core = core_, weak = weak_from_this()] {
+    core->post([weak] {
+      if (const auto self = weak.lock()) self->fail(5, "gave way to another");
+    });
+  });
+  core_->watchOwed();
+}
+
+void TcpStream::heard() {
+  if (silent_since_ == 0) return;
+  silent_since_ = 0;
+  slot_.heard();
 }
 
 void TcpStream::writable() {

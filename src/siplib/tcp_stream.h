@@ -61,6 +61,9 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   void close();
   /// Milliseconds since StackCore::now's beginning; when anything last moved.
   std::int64_t lastMoved() const { return moved_.load(std::memory_order_relaxed); }
+  /// Since when an accepted connection's peer has to finish: from its acceptance until its first whole head, from the
+  /// first byte of a message until its last. 0: it owes nothing. I/O thread.
+  std::int64_t owedSince() const { return silent_since_ != 0 ? silent_since_ : begun_; }
 
   // I/O thread.
   void start(StreamOwner& owner);
@@ -75,6 +78,8 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   void orFail(Work work);
   void readable();
   void deliver();
+  void watchPeer();
+  void heard();
   void writable();
   /// With the claim: sends `slices`; what is left waits, before what other threads have added since. `flushed`: the
   /// text that they are, which becomes unsent_ when the socket is broken; else null.
@@ -89,7 +94,7 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
 
   const std::shared_ptr<StackCore> core_;
   const FileDescriptor socket_;
-  const ConnectionSlot slot_;
+  ConnectionSlot slot_;
   std::atomic<std::int64_t> moved_;
 
   std::mutex mutex_;
@@ -106,6 +111,9 @@ class TcpStream : public std::enable_shared_from_this<TcpStream> {
   std::unique_ptr<Reactor::Watch> watch_;
   Framer framer_;
   bool paused_ = false;
+  /// See owedSince.
+  std::int64_t silent_since_ = 0;
+  std::int64_t begun_ = 0;
 };
 
 /// The way back over one stream, for as long as it lasts.

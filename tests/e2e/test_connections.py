@@ -100,6 +100,69 @@ class Connections(ProxyCase):
         self.assertLess(self.proxy.resident_kib(), 400 * 1024)
 
 
+class Silence(ProxyCase):
+    """Who only holds connections open, or many of them, keeps nobody out."""
+
+    NETWORK = ("127.0.0.2", 5060)
+    options = {"settings": "<max-connections>64</max-connections><head-timeout-s>2</head-timeout-s>"}
+
+    def exchange(self, stream):
+        stream.send(b"\r\n\r\n")
+        self.assertEqual(stream.receive_raw(2), b"\r\n")
+
+    def chatty(self, **options):
+        """A connection that has delivered a message."""
+        stream = self.connect(**options)
+        stream.send(sip.request("MESSAGE", "sip:a@example.net", via=f"{stream.local[0]}:5060", transport="TCP",
+                                frm="<sip:x@example.net>", to="<sip:a@example.net>"))
+        return stream
+
+    def test_who_does_not_talk_in_time_is_closed_and_who_has_talked_is_not(self):
+        talked, silent, pings, half = (self.connect() for _ in range(4))
+        talked.send(sip.register(5071, sip.ua_info(), via="127.0.0.1:5071", transport="TCP"))
+        self.assertEqual(talked.receive().status, 200)
+        half.send(b"REGISTER sip:127.0.0.1 SIP/2.0\r\nVia: ")
+        started = time.monotonic()
+        while time.monotonic() - started < 1.5:
+            pings.send(b"\r\n\r\n")
+            time.sleep(0.1)
+        self.assertTrue(silent.nothing(0))
+        for stream in (silent, pings, half):
+            self.assertTrue(stream.closed())
+        self.assertGreater(time.monotonic() - started, 1.9)
+        self.proxy.wait_log("ended: no whole message came in time", count=3)
+        self.exchange(talked)
+
+    def test_idle_and_chatty_strangers_do_not_keep_the_networks_proxy_out(self):
+        self.set_route("1", "127.0.0.3:TCP:5060")
+        idle = [self.connect(to=self.NETWORK, source=("127.0.0.9", 0)) for _ in range(48)]
+        for number in range(48):
+            self.chatty(to=self.NETWORK, source=(f"127.0.1.{1 + number % 6}", 0))
+        self.assertTrue(idle[0].closed())
+        proxy = [self.chatty(to=self.NETWORK, source=("127.0.0.3", 0)) for _ in range(8)]
+        for stream in proxy:
+            self.exchange(stream)
+
+    def test_one_strangers_connections_leave_other_strangers_room(self):
+        self.set_route("1", "127.0.0.3:UDP:5060")
+        crowd = [self.chatty(to=self.NETWORK, source=("127.0.0.9", 0)) for _ in range(20)]
+        self.assertEqual(sum(stream.closed(0.2) for stream in crowd), 8, "a quarter of 48")
+        self.exchange(self.connect(to=self.NETWORK, source=("127.0.0.10", 0)))
+
+    def test_one_applications_idle_connections_keep_no_other_out(self):
+        idle = [self.connect() for _ in range(64)]
+        listener = self.tcp(5071)
+        self.register(5071)
+        self.accept(listener)
+        phones = [self.connect() for _ in range(10)]
+        for phone in phones:
+            self.exchange(phone)
+        network = self.tcp(5060, "127.0.0.3")
+        self.set_route("1", "127.0.0.3:TCP:5060")
+        self.accept(network)
+        self.assertTrue(idle[0].closed())
+
+
 class Restarts(ProxyCase):
     def exchange(self, ua, network):
         ua.send(sip.request("MESSAGE", "sip:bob@example.net", via="127.0.0.1:5071", frm="<sip:alice@example.net>",
@@ -160,6 +223,38 @@ class Restarts(ProxyCase):
         self.command(sip.route_body("delete-route", "1", ""))
         self.set_route("1", "127.0.0.3:TCP:5060")
         self.exchange(ua, self.accept(listener))
+
+
+class Lengths(ProxyCase):
+    def test_what_leaves_on_a_stream_has_a_content_length_and_a_datagram_is_as_it_came(self):
+        network, datagrams = self.tcp(5060, "127.0.0.3"), self.udp(5060, "127.0.0.3")
+        self.set_route("1", "127.0.0.3:TCP:5060")
+        self.register(5071)
+        home, stream, peer = self.accept(network), self.connect(), self.udp(5071)
+
+        def message(transport, body=""):
+            return sip.request("MESSAGE", "sip:bob@example.net", via="127.0.0.1:5071", frm="<sip:alice@example.net>",
+                               to="<sip:bob@example.net>", body=body, transport=transport).replace(
+                                   b"Content-Length: %d\r\n" % len(body), b"")
+        stream.send(message("TCP") + message("TCP"))
+        for _ in range(2):
+            seen = home.receive()
+            self.assertEqual((seen.get("Content-Length"), seen.body), ("0", b""))
+        home.send(sip.response(seen, 200, "OK").replace(b"Content-Length: 0\r\n", b""))
+        self.assertEqual(stream.receive().get("Content-Length"), "0")
+        peer.send(message("UDP", "body"))
+        seen = datagrams.receive()
+        self.assertEqual((seen.get("Content-Length"), seen.body), (None, b"body"))
+
+
+class UdpOnly(ProxyCase):
+    def test_a_user_agent_that_speaks_udp_only_causes_no_error_line_of_the_library(self):
+        self.udp(5071)
+        self.register(5071)
+        failed = [(level, text) for level, _, text in self.proxy.lines() if "failed" in text]
+        self.assertEqual(failed, [(5, "connecting 127.0.0.1:5060 to 127.0.0.1:5071 failed: Connection refused"),
+                                  (4, "client conn open failed (src,dest)=(127.0.0.1:5060,127.0.0.1:5071)"),
+                                  (4, "TCP Client connection with UA failed.")])
 
 
 class Resources(ProxyCase):

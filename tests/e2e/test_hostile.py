@@ -17,7 +17,8 @@ class Connections(ProxyCase):
     def test_the_network_cannot_take_all_connections(self):
         self.set_route("1", "127.0.0.3:UDP:5060")
         network = [self.connect(to=scenario.NETWORK, source=("127.0.0.3", 0)) for _ in range(20)]
-        self.assertTrue(network[-1].closed())
+        # One address of the network holds what all of it may, for it is a route's proxy; who says nothing gives way.
+        self.assertEqual(sum(stream.closed(0.2) for stream in network), 8)
         listener = self.tcp(5071)
         self.register(5071)
         self.accept(listener)

@@ -47,6 +47,8 @@ constexpr std::array kSettings{
             [](const SIPLIB_SIPStackConfig& c) { return static_cast<long>(c.connect_timeout.count()); }},
     Setting{"idle-timeout-s", 0, 604800,
             [](const SIPLIB_SIPStackConfig& c) { return static_cast<long>(c.idle_timeout.count()); }},
+    Setting{"head-timeout-s", 1, 3600,
+            [](const SIPLIB_SIPStackConfig& c) { return static_cast<long>(c.head_timeout.count()); }},
     Setting{"t1-ms", 10, 60000, [](const SIPLIB_SIPStackConfig& c) { return static_cast<long>(c.t1.count()); }},
     Setting{"t2-ms", 10, 600000, [](const SIPLIB_SIPStackConfig& c) { return static_cast<long>(c.t2.count()); }},
     Setting{"t4-ms", 10, 600000, [](const SIPLIB_SIPStackConfig& c) { return static_cast<long>(c.t4.count()); }},

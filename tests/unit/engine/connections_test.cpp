@@ -167,7 +167,8 @@ TEST_F(Connections, LostToALocalUserAgentLeaveTheDomainsAlone) {
   EXPECT_EQ(closed(lost), 0);
   EXPECT_TRUE(log.has(5, "LOCAL DOMAIN  - hence connection not reopened"));
   EXPECT_EQ(table->domain(key)->tcp_client_conn, before);
-  EXPECT_TRUE(connector.closed(lost));
+  EXPECT_EQ(connector.lost, std::vector<SIPLIB_SIPConnection*>{lost});
+  EXPECT_TRUE(connector.closes.empty()) << "what is closed for good is not opened by the next message";
   // Tried all the same, with peer and source swapped.
   EXPECT_EQ(connector.client_opens, std::vector<FakeConnector::Open>({{"TCP", "127.0.0.1", 40001, "127.0.0.1", 5060}}));
 }
@@ -335,6 +336,20 @@ TEST_F(Trying, IsNotSentWithoutAHeaderThatItNeeds) {
     EXPECT_TRUE(log.has_part(4, "100 trying not sent: " + change[0].first));
     EXPECT_EQ(network.getMethod(), "INVITE");
   }
+}
+
+TEST_F(Trying, CopiesTheViasAsTheyCame) {
+  std::string list = "SIP/2.0/TCP 127.0.0.3:5070;branch=z9hG4bK1";
+  for (int i = 0; i < 3000; ++i) list += i % 100 == 0 ? ",\r\n\tx" : ",x";
+  const std::string vias = "v:" + list + "\r\nVia : SIP/2.0/UDP h2\r\n";
+  const std::string text = "INVITE sip:bob@127.0.0.2 SIP/2.0\r\n" + vias +
+                           "f:<sip:a@h>;tag=1\r\nt:<sip:b@h>\r\ni:c\r\nCSeq:1 INVITE\r\n\r\n";
+  FakeServerTcp network(kNetIp, kNetPort, "127.0.0.3", 6000);
+  network.set(text);
+  engine->send_100_trying("TCP", &network, "");
+  ASSERT_EQ(network.sent.size(), 1u);
+  EXPECT_NE(network.sent[0].find("\r\n" + vias), std::string::npos);
+  EXPECT_LE(2 * network.sent[0].size(), 3 * text.size());
 }
 
 TEST_F(Trying, TakesHeadersThatJustFit) {

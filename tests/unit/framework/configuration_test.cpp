@@ -153,7 +153,8 @@ TEST_F(Configuration, StackSettingsAreTaken) {
   dir.write("config.xml",
             "<sipstackinit><ue-proxy><max-connections>7</max-connections><max-message-size> 2048\n</max-message-size>"
             "<max-header-size>1024</max-header-size><connect-timeout-ms>100</connect-timeout-ms>"
-            "<idle-timeout-s>0</idle-timeout-s><t1-ms>50</t1-ms><t2-ms>400</t2-ms><t4-ms>500</t4-ms>"
+            "<idle-timeout-s>0</idle-timeout-s><head-timeout-s>3</head-timeout-s>"
+            "<t1-ms>50</t1-ms><t2-ms>400</t2-ms><t4-ms>500</t4-ms>"
             "<max-clients>8</max-clients><max-profiles>3</max-profiles><max-routing-entries>9</max-routing-entries>"
             "<max-waiting-notifies>4</max-waiting-notifies><max-challenges>5</max-challenges>"
             "<io-thread>yes</io-thread></ue-proxy></sipstackinit>");
@@ -166,6 +167,7 @@ TEST_F(Configuration, StackSettingsAreTaken) {
   EXPECT_EQ(config.limits.max_head, 1024u);
   EXPECT_EQ(config.connect_timeout.count(), 100);
   EXPECT_EQ(config.idle_timeout.count(), 0);
+  EXPECT_EQ(config.head_timeout.count(), 3);
   EXPECT_EQ(config.t1.count(), 50);
   EXPECT_EQ(config.t2.count(), 400);
   EXPECT_EQ(config.t4.count(), 500);

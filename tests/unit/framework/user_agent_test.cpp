@@ -404,6 +404,8 @@ class FakeConnector : public SIPLIB_SIPConnector {
     return nullptr;
   }
   int close(SIPLIB_SIPConnection*) override { return 0; }
+  int closeLost(SIPLIB_SIPClientTcpTransport*) override { return 0; }
+  void keepPlacesFor(const std::vector<std::string>&) override {}
 
   std::vector<std::string> calls;
   std::size_t succeeds_at = 1;

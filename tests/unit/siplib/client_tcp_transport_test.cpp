@@ -111,7 +111,7 @@ TEST_F(ClientTcpTransportTest, WhatIsNoAddressIsRefusedWithALine) {
   EXPECT_EQ(6u, log.count("no addresses to connect"));
 }
 
-TEST_F(ClientTcpTransportTest, ASendOnAClosedOneOpensItAgain) {
+TEST_F(ClientTcpTransportTest, OneClosedForGoodIsOpenedByAnOpeningOnly) {
   start();
   auto* transport = connect(destination);
   peer = server.accept();
@@ -122,26 +122,118 @@ TEST_F(ClientTcpTransportTest, ASendOnAClosedOneOpensItAgain) {
   stack->endTurn();
   settle();
   EXPECT_EQ(0u, listener.size()) << "no event for the user's own close";
-  const std::string text = request("OPTIONS", "again");
-  EXPECT_EQ(0, sendText(transport, text));
-  EXPECT_TRUE(transport->isOpen());
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_EQ(1u, log.count("4 message to " + destination.text() + " dropped: the connection is closed"));
+  EXPECT_EQ(0, stack->closeLost(transport));
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_FALSE(server.readable(20ms));
+
+  EXPECT_EQ(transport, stack->openClient("TCP", source.ip(), source.port(), destination.ip(), destination.port()));
   peer = server.accept();
   ASSERT_TRUE(peer);
   EXPECT_EQ(source.ip(), peer.remote().ip());
+  const std::string text = request("OPTIONS", "again");
+  EXPECT_EQ(0, sendText(transport, text));
   EXPECT_TRUE(reads(peer, text));
   ASSERT_TRUE(peer.send(answer(200, "back")));
   EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response")) << "the listener stays";
 }
 
-TEST_F(ClientTcpTransportTest, ASendOnAClosedOneWhosePeerIsGoneFailsWithALine) {
+TEST_F(ClientTcpTransportTest, ALossThatIsStillToBeAnsweredRevivesNothingThatWasClosedForGood) {
   start();
   auto* transport = connect(destination);
-  server.accept().reset();
-  server.close();
-  stack->close(transport);
+  server.accept().close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "waits")));
+  EXPECT_EQ(transport, connect(destination)) << "an opening that waits for the answer";
+  EXPECT_EQ(0, stack->close(transport));
+  EXPECT_EQ(1u, log.count("that waited for the connection to " + destination.text() + " dropped"));
+  EXPECT_EQ(0, stack->closeLost(transport));
   EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
-  EXPECT_EQ(1u, log.count("failed: Connection refused"));
   EXPECT_FALSE(transport->isOpen());
+  EXPECT_FALSE(server.readable(20ms));
+}
+
+TEST_F(ClientTcpTransportTest, ALossThatIsStillToBeAnsweredEndsNoConnectionThatWasOpenedSince) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  EXPECT_EQ(0, stack->close(transport));
+  EXPECT_EQ(transport, connect(destination));
+  peer = server.accept();
+  EXPECT_EQ(0, stack->closeLost(transport));
+  EXPECT_TRUE(transport->isOpen());
+  const std::string text = request("OPTIONS", "x");
+  EXPECT_EQ(0, sendText(transport, text));
+  EXPECT_TRUE(reads(peer, text));
+}
+
+TEST_F(ClientTcpTransportTest, OneClosedForGoodIsNotRevivedByTheEndThatASendFound) {
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  settle(5ms);
+  peer.reset();
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "x"))) << "the I/O thread does not know of the reset yet";
+  EXPECT_EQ(0, stack->close(transport));
+  settle();
+  EXPECT_EQ(0u, listener.size());
+  EXPECT_FALSE(server.readable(0ms));
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+}
+
+TEST_F(ClientTcpTransportTest, ThePathsOfTheLayerOpenAnewWhatTheUserClosed) {
+  start();
+  stack->close(connect(destination));
+  const Peer first = server.accept();
+  const auto path = stack->pathTo("tcp", destination.ip(), destination.port());
+  EXPECT_TRUE(path->send("hello"));
+  EXPECT_TRUE(reads(server.accept(), "hello"));
+}
+
+TEST_F(ClientTcpTransportTest, ANetworkPeerThatCannotBeReachedNowIsAHandleAllTheSame) {
+  start();
+  const SocketAddress unreachable = at("192.0.2.1", 5060);  // from a loopback address: no way, at once
+  auto* transport = connect(unreachable);
+  ASSERT_NE(nullptr, transport);
+  EXPECT_FALSE(transport->isOpen());
+  const std::string line = "4 connecting " + source.text() + " to " + unreachable.text() + " failed: ";
+  EXPECT_EQ(1u, log.count(line)) << log.all();
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_EQ(2u, log.count(line)) << "the send has tried again";
+  EXPECT_EQ(transport, connect(unreachable));
+  EXPECT_EQ(0u, listener.size());
+}
+
+TEST_F(ClientTcpTransportTest, ALoopbackPeerThatRefusesAnOpeningIsNoFault) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  server.close();
+  stack->closeLost(transport);
+  EXPECT_EQ(nullptr, connect(destination));
+  const std::string line = " connecting " + source.text() + " to " + destination.text() + " failed: Connection refused";
+  EXPECT_EQ(1u, log.count("5" + line)) << "its user agent may speak UDP only";
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_EQ(1u, log.count("4" + line)) << "here a message is lost";
+}
+
+TEST_F(ClientTcpTransportTest, AMessageWithoutContentLengthGetsOneOnItsWay) {
+  start();
+  auto* transport = connect(destination);
+  peer = server.accept();
+  const std::string head = "MESSAGE sip:b@h SIP/2.0\r\nVia: SIP/2.0/UDP h;branch=z9hG4bK1\r\nX: y\r\n";
+  EXPECT_EQ(0, sendText(transport, head + "\r\nhello"));
+  EXPECT_TRUE(reads(peer, head + "Content-Length: 5\r\n\r\nhello"));
+  EXPECT_EQ(0, sendText(transport, head + "\r\n"));
+  EXPECT_TRUE(reads(peer, head + "Content-Length: 0\r\n\r\n"));
+  for (const char* form : {"l:5", "CONTENT-LENGTH : 5", "Content-Length:\r\n 5"}) {
+    const std::string text = "MESSAGE sip:b@h SIP/2.0\r\n" + std::string(form) + "\r\nX: y\r\n\r\nhello";
+    EXPECT_EQ(0, sendText(transport, text));
+    EXPECT_TRUE(reads(peer, text)) << form;
+  }
 }
 
 TEST_F(ClientTcpTransportTest, ALossIsToldOnceAndSendsWaitForTheUsersClose) {
@@ -157,7 +249,7 @@ TEST_F(ClientTcpTransportTest, ALossIsToldOnceAndSendsWaitForTheUsersClose) {
   EXPECT_EQ(0, sendText(transport, two));
   settle();
   EXPECT_FALSE(server.readable(0ms)) << "nothing happens before the close";
-  EXPECT_EQ(0, stack->close(transport));
+  EXPECT_EQ(0, stack->closeLost(transport));
   peer = server.accept();
   ASSERT_TRUE(peer);
   EXPECT_TRUE(transport->isOpen());
@@ -171,7 +263,7 @@ TEST_F(ClientTcpTransportTest, ALossWithoutSendsStaysClosedAndTheNextSendReaches
   auto* transport = connect(destination);
   server.accept().close();
   EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
-  stack->close(transport);
+  stack->closeLost(transport);
   settle();
   EXPECT_FALSE(server.readable(0ms));
   EXPECT_EQ(0, sendText(transport, request("OPTIONS", "next")));
@@ -185,7 +277,7 @@ TEST_F(ClientTcpTransportTest, AnOpenWhileLostIsDoneByTheClose) {
   EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
   EXPECT_EQ(transport, connect(destination));
   EXPECT_FALSE(transport->isOpen());
-  stack->close(transport);
+  stack->closeLost(transport);
   EXPECT_TRUE(transport->isOpen());
   EXPECT_TRUE(server.accept());
 }
@@ -201,7 +293,7 @@ TEST_F(ClientTcpTransportTest, WhatWaitsWhileLostIsBoundedAndDroppedWhenThePeerI
   while (taken < 100 && transport->send() == 0) ++taken;
   EXPECT_EQ(4, taken) << "256 KiB";
   EXPECT_EQ(1u, log.count("too much waits for the connection already"));
-  stack->close(transport);
+  stack->closeLost(transport);
   EXPECT_FALSE(transport->isOpen());
   EXPECT_EQ(1u, log.count("that waited for the connection to"));
 }
@@ -215,7 +307,7 @@ TEST_F(ClientTcpTransportTest, TheLossThatASendFindsIsToldAndTheMessageReachesTh
   const std::string text = request("OPTIONS", "kept");
   EXPECT_EQ(0, sendText(transport, text)) << "the socket knows of the reset, the I/O thread does not yet";
   EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
-  stack->close(transport);
+  stack->closeLost(transport);
   peer = server.accept();
   ASSERT_TRUE(peer);
   EXPECT_TRUE(reads(peer, text));

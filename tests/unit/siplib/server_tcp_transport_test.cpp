@@ -33,6 +33,14 @@ class ServerTcpTransportTest : public StackTest {
     from = Peer::connected(address);
     return next<SIPLIB_SIPServerTcpTransport>("created");
   }
+  /// A connection from that address which has delivered a message.
+  SIPLIB_SIPServerTcpTransport* heard(Peer& from, const std::string& ip) {
+    from = Peer::connected(address, at(ip, 0));
+    auto* transport = next<SIPLIB_SIPServerTcpTransport>("created");
+    EXPECT_TRUE(from.send(request("OPTIONS", "x")));
+    EXPECT_EQ(transport, next<SIPLIB_SIPServerTcpTransport>("request"));
+    return transport;
+  }
   void closeAndFree(SIPLIB_SIPConnection* connection) {
     EXPECT_EQ(0, stack->close(connection));
     settle(5ms);
@@ -317,6 +325,27 @@ TEST_F(ServerTcpTransportTest, EveryViaIsCopiedToARefusalInItsOrder) {
   const std::vector<std::string_view> vias{"SIP/2.0/TCP 127.0.0.4;branch=z9hG4bK1", "SIP/2.0/UDP h2", "SIP/2.0/TCP h3"};
   EXPECT_EQ(vias, refusal->headers("Via"));
   EXPECT_EQ("<sip:b@h>;tag=known", refusal->header("To"));
+  EXPECT_EQ(0u, text.find("SIP/2.0 403 Forbidden\r\nv: SIP/2.0/TCP 127.0.0.4;branch=z9hG4bK1, SIP/2.0/UDP h2\r\n"
+                          "Via: SIP/2.0/TCP h3\r\nFrom: "))
+      << "the lines as they came";
+}
+
+TEST_F(ServerTcpTransportTest, ARefusalIsNeverMuchLargerThanItsRequest) {
+  start();
+  accepted(peer);
+  const std::string least = "SUBSCRIBE a SIP/2.0\r\nv:ordinary\r\nt:b\r\n\r\n";
+  ASSERT_TRUE(peer.send(least));
+  EXPECT_TRUE(until([&] { return log.count("SUBSCRIBE from") == 1; }));
+  settle();
+  EXPECT_EQ("", peer.read());
+  std::string many = "SUBSCRIBE sip:127.0.0.1 SIP/2.0\r\nv:ordinary";
+  for (int i = 0; i < 6000; ++i) many += ",a";
+  many += "\r\nt:b\r\n\r\n";
+  ASSERT_TRUE(peer.send(many));
+  std::string text;
+  EXPECT_TRUE(readUntil(peer, text, [&] { return text.ends_with("\r\n\r\n"); }));
+  EXPECT_LE(text.size(), many.size() + 100);
+  EXPECT_EQ(6001u, parsed(text)->headerCount("Via"));
 }
 
 TEST_F(ServerTcpTransportTest, WithoutAListenerEverythingIsOrdinaryAndTheLibraryCleansUp) {
@@ -355,32 +384,159 @@ TEST_F(ServerTcpTransportTest, AboveTheMostConnectionsNewOnesAreClosed) {
   start();
   Peer first;
   Peer second;
-  auto* transport = accepted(first);
-  accepted(second);
-  Peer third = Peer::connected(address);
+  auto* transport = heard(first, "127.0.1.1");
+  heard(second, "127.0.1.2");
+  Peer third = Peer::connected(address, at("127.0.1.3", 0));
   EXPECT_TRUE(until([&] { return third.ended(); }));
-  EXPECT_EQ(1u, log.count("as many connections are open as may be"));
+  EXPECT_EQ(1u, log.count("4 connection of " + third.address().text() + " to " + address.text() +
+                          " refused: as many connections are open as may be"));
+  EXPECT_FALSE(first.ended() || second.ended());
   first.close();
   EXPECT_EQ(transport, next<SIPLIB_SIPServerTcpTransport>("closed"));
   closeAndFree(transport);
   Peer fourth;
-  EXPECT_NE(nullptr, accepted(fourth));
+  EXPECT_NE(nullptr, heard(fourth, "127.0.1.4"));
 }
 
 TEST_F(ServerTcpTransportTest, TheNetworkLeavesAQuarterOfTheConnectionsToTheLocalEndpoint) {
   config.max_connections = 8;
   start();
   const SocketAddress local = openLocal();
-  std::vector<Peer> network(7);
-  for (Peer& one : network) one = Peer::connected(address);
-  EXPECT_TRUE(until([&] { return network.back().ended(); }));
+  std::vector<Peer> network(6);
+  for (std::size_t i = 0; i < network.size(); ++i) heard(network[i], "127.0.1." + std::to_string(i + 1));
+  Peer late = Peer::connected(address, at("127.0.1.7", 0));
+  EXPECT_TRUE(until([&] { return late.ended(); }));
   EXPECT_FALSE(network[5].ended());
   EXPECT_EQ(1u, log.count("as many connections are open as may be"));
-  Peer first = Peer::connected(local);
-  Peer second = Peer::connected(local);
-  Peer third = Peer::connected(local);
-  EXPECT_TRUE(until([&] { return third.ended(); }));
-  EXPECT_FALSE(first.ended() || second.ended());
+  std::vector<Peer> phones(3);
+  address = local;
+  heard(phones[0], "127.0.0.1");
+  heard(phones[1], "127.0.0.1");
+  phones[2] = Peer::connected(local);
+  EXPECT_TRUE(until([&] { return phones[2].ended(); }));
+  EXPECT_FALSE(phones[0].ended() || phones[1].ended());
+}
+
+TEST_F(ServerTcpTransportTest, WhoHasBeenSilentLongestGivesWayAndIsTold) {
+  config.max_connections = 2;
+  start();
+  const SocketAddress local = openLocal();
+  address = local;
+  Peer busy;
+  heard(busy, "127.0.0.1");
+  Peer silent;
+  auto* transport = accepted(silent);
+  ASSERT_TRUE(silent.send("\r\n\r\nOPTIONS sip:b SIP/2.0\r\n"));
+  EXPECT_TRUE(reads(silent, "\r\n"));
+  Peer phone;
+  auto* newer = accepted(phone);
+  EXPECT_NE(transport, newer);
+  EXPECT_EQ(transport, next<SIPLIB_SIPServerTcpTransport>("closed"));
+  EXPECT_TRUE(until([&] { return silent.ended(); }));
+  EXPECT_EQ(1u, log.count("5 connection of " + silent.address().text() + " to " + local.text() +
+                          " ended: gave way to another"));
+  ASSERT_TRUE(phone.send(request("OPTIONS", "x")));
+  EXPECT_EQ(newer, next<SIPLIB_SIPServerTcpTransport>("request"));
+  EXPECT_FALSE(busy.ended() || phone.ended());
+  closeAndFree(transport);
+}
+
+TEST_F(ServerTcpTransportTest, WhatTheStackOpensFindsAPlaceAmongSilentOnes) {
+  config.max_connections = 4;
+  open();
+  address = openLocal();
+  std::vector<Peer> idle(4);
+  for (Peer& one : idle) accepted(one);
+  const Peer server = Peer::listening(at("127.0.0.1", 0));
+  EXPECT_NE(nullptr, stack->openClient("TCP", address.ip(), address.port(), "127.0.0.1", server.port()));
+  EXPECT_TRUE(until([&] { return idle[0].ended(); }));
+  EXPECT_FALSE(idle[1].ended());
+}
+
+TEST_F(ServerTcpTransportTest, AStrangerLeavesRoomForOthersAndAllOfThemForTheProxies) {
+  config.max_connections = 32;  // 24 for the network: 6 an address, 6 kept
+  start();
+  stack->keepPlacesFor({"127.0.1.99", "no address", "::1"});
+  std::vector<Peer> chatty(7);
+  for (std::size_t i = 0; i < 6; ++i) heard(chatty[i], "127.0.1.1");
+  chatty[6] = Peer::connected(address, at("127.0.1.1", 0));
+  EXPECT_TRUE(until([&] { return chatty[6].ended(); })) << "more than its share";
+  std::vector<Peer> others(12);
+  for (std::size_t i = 0; i < others.size(); ++i) heard(others[i], "127.0.2." + std::to_string(1 + i / 6));
+  Peer late = Peer::connected(address, at("127.0.2.3", 0));
+  EXPECT_TRUE(until([&] { return late.ended(); })) << "the rest is kept";
+  std::vector<Peer> proxy(6);
+  for (Peer& one : proxy) heard(one, "127.0.1.99");
+  Peer more = Peer::connected(address, at("127.0.1.99", 0));
+  EXPECT_TRUE(until([&] { return more.ended(); }));
+  for (const Peer& one : proxy) EXPECT_FALSE(one.ended());
+}
+
+TEST_F(ServerTcpTransportTest, AConnectionThatDeliversNoWholeHeadInTimeIsClosed) {
+  config.head_timeout = 1s;
+  start();
+  std::vector<Peer> closed(4);
+  for (Peer& one : closed) accepted(one);
+  Peer talked;
+  heard(talked, "127.0.1.1");
+  ASSERT_TRUE(closed[1].send("OPTIONS sip:b SIP/2.0\r\n"));
+  ASSERT_TRUE(closed[2].send("\r\n\r\n"));
+  const std::string body = request("MESSAGE", "x", "body");
+  ASSERT_TRUE(closed[3].send(body.substr(0, body.size() - 1)));
+  settle(600ms);
+  ASSERT_TRUE(closed[1].send("Via: x\r\n")) << "more of it does not give it more time";
+  ASSERT_TRUE(closed[2].send("\r\n\r\n"));
+  EXPECT_FALSE(closed[0].ended());
+  EXPECT_TRUE(until([&] { return listener.count("closed") == 4; })) << log.all();
+  EXPECT_EQ(4u, log.count("5 connection of 127.0.0.1:"));
+  EXPECT_EQ(4u, log.count("ended: no whole message came in time"));
+  EXPECT_FALSE(talked.ended()) << "between messages it may be quiet";
+}
+
+TEST_F(ServerTcpTransportTest, AMessageThatIsNotFinishedInTimeEndsTheConnection) {
+  config.head_timeout = 1s;
+  start();
+  Peer half;
+  Peer whole;
+  auto* transport = heard(half, "127.0.1.1");
+  heard(whole, "127.0.1.2");
+  settle(600ms);
+  const std::string text = request("MESSAGE", "x", "body");
+  ASSERT_TRUE(half.send(text + text.substr(0, 40)));
+  ASSERT_TRUE(whole.send(text.substr(0, 40)));
+  EXPECT_TRUE(until([&] { return listener.count("request") == 1; }));
+  settle(600ms);
+  EXPECT_FALSE(half.ended()) << "1.2 s after its acceptance, 0.6 s after the message began";
+  ASSERT_TRUE(whole.send(text.substr(40) + "\r\n\r\n\r\n"));
+  Event event;
+  EXPECT_TRUE(until([&] { return listener.take(event) && event.kind == "closed"; })) << log.all();
+  EXPECT_EQ(transport, event.connection);
+  settle(1200ms);
+  EXPECT_FALSE(whole.ended() && whole.read().empty()) << "line ends begin no message";
+}
+
+TEST_F(ServerTcpTransportTest, APeerThatIsNotReadFromIsNotBlamedForItsUnfinishedMessage) {
+  config.head_timeout = 1s;
+  start();
+  auto* transport = accepted(peer);
+  const std::string text = request("OPTIONS", "x");
+  std::string all;
+  for (std::size_t i = 0; i < siplib::ServerTcpTransport::kMostReceived; ++i) all += text;
+  ASSERT_TRUE(peer.send(all + text.substr(0, 20)));
+  EXPECT_TRUE(until([&] { return listener.count("request") == siplib::ServerTcpTransport::kMostReceived; }));
+  settle(1300ms);
+  EXPECT_FALSE(peer.ended());
+  while (transport->receive() == 0) {
+  }
+  ASSERT_TRUE(peer.send(text.substr(20)));
+  EXPECT_TRUE(until([&] { return listener.count("request") == siplib::ServerTcpTransport::kMostReceived + 1; }));
+}
+
+TEST_F(ServerTcpTransportTest, AMessageWithoutContentLengthGetsOneOnTheStream) {
+  start();
+  auto* transport = accepted(peer);
+  EXPECT_EQ(0, sendText(transport, "SIP/2.0 200 OK\r\nVia: x\r\n\r\nbody"));
+  EXPECT_TRUE(reads(peer, "SIP/2.0 200 OK\r\nVia: x\r\nContent-Length: 4\r\n\r\nbody"));
 }
 
 TEST_F(ServerTcpTransportTest, AQuietConnectionIsClosedAndABusyOneIsNot) {

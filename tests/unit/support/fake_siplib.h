@@ -186,6 +186,8 @@ class FakeConnector : public SIPLIB_SIPConnector {
   std::vector<Open> client_opens;
   std::vector<std::string> sip_notifier_opens;  ///< uris
   std::vector<SIPLIB_SIPConnection*> closes;    ///< in order, null included
+  std::vector<SIPLIB_SIPConnection*> lost;      ///< closed as lost, in order
+  std::vector<std::string> proxies;             ///< for which places are kept
   std::set<int> refused_ports;                  ///< own ports on which no notifier opens
   std::set<std::string> refused_peers;          ///< "ip:port" to which no client connection opens
   bool refuse_notifiers = false;
@@ -257,6 +259,11 @@ class FakeConnector : public SIPLIB_SIPConnector {
     if (auto* notifier = dynamic_cast<FakeSipNotifier*>(connection)) notifier->open = false;
     return 0;
   }
+  int closeLost(SIPLIB_SIPClientTcpTransport* transport) override {
+    lost.push_back(transport);
+    return transport == nullptr ? -1 : 0;
+  }
+  void keepPlacesFor(const std::vector<std::string>& addresses) override { proxies = addresses; }
 };
 
 /// A request at the registrar.

@@ -82,7 +82,8 @@ void IMS_engine_proxy::handle_proxy_message(SIPLIB_SIPTransportConnection* conne
     }
     rt->addDomain(entry);
   } else if (action == "update-route") {
-    const DomainTable_Entry_T* domain = rt->domain(rt->findDomain(DT_PROFILE_ID, profile_id));
+    const std::string key = rt->findDomain(DT_PROFILE_ID, profile_id);
+    const DomainTable_Entry_T* domain = rt->domain(key);
     if (domain == nullptr) {
       IMS_log::loginfo(3, __func__, "ERROR: update-route called for a non-existing entry");
       return;
@@ -91,8 +92,9 @@ void IMS_engine_proxy::handle_proxy_message(SIPLIB_SIPTransportConnection* conne
     const bool other_port = domain->domain.proxy_port != proxy_port;
     // The same place over another transport is no change: the stored transport is never touched here.
     if (other_ip || other_port) {
-      close_client_connection(domain->tcp_client_conn);
-      if (is_tcp(proxy_transport)) {
+      rt->endConnection(key);
+      // Deliberate: here, and here alone, the name counts with its case.
+      if (proxy_transport == "TCP") {
         const auto* handle = static_cast<SIPLIB_SIPClientTcpTransport*>(
             open_client_connection("TCP", net_intf_ip, portNumber(net_intf_port), proxy_ip, portNumber(proxy_port)));
         rt->updateDomain(DT_PROFILE_ID, profile_id, DT_TCP_CLIENT_CONN, static_cast<const void*>(handle));

@@ -36,6 +36,7 @@ struct DomainTable_Entry_T {
   std::uint32_t client_count = 0;                           ///< bookkeeping only
   SIPLIB_SIPClientTcpTransport* tcp_client_conn = nullptr;  ///< to the outbound proxy; not owned, null unless TCP
   SIPLIB_SIPTransportNotifier* pnotifier = nullptr;         ///< the network-side listener; not owned
+  bool connection_ended = false;                            ///< the connection was closed for good; the field stays
 };
 
 /// Names a domain, or the field to change.

@@ -30,14 +30,22 @@ bool IMS_Proxy_RoutingTable_Impl::addDomain(Domain_Entry_T const& entry) {
   findClients_ProfileId(entry.profile_id, linked);
   for (const std::string& client_key : linked) clients_.find(client_key)->second.domain_key = key;
 
-  DomainTable_Entry_T dentry{entry, static_cast<std::uint32_t>(linked.size()), nullptr, nullptr};
+  DomainTable_Entry_T dentry;
+  dentry.domain = entry;
+  dentry.client_count = static_cast<std::uint32_t>(linked.size());
   if (IMS_engine_proxy::net_intf_ip.empty()) IMS_utility::getlocalip(entry.net_intf, IMS_engine_proxy::net_intf_ip);
   if (IMS_engine_proxy::net_intf_ip.empty()) {
     IMS_log::loginfo(3, __func__, "net_intf_ip is empty");
     return false;
   }
-  dentry.pnotifier =
-      IMS_engine_proxy::open_net_notifier(IMS_engine_proxy::net_intf_ip, IMS_engine_proxy::net_intf_port);
+  // A deleted domain's stays open, for the network may still answer there; the next domain takes it over.
+  if (spare_notifiers_.empty()) {
+    dentry.pnotifier =
+        IMS_engine_proxy::open_net_notifier(IMS_engine_proxy::net_intf_ip, IMS_engine_proxy::net_intf_port);
+  } else {
+    dentry.pnotifier = spare_notifiers_.back();
+    spare_notifiers_.pop_back();
+  }
   IMS_log::loginfo(5, __func__, "dentry.pnotifier=%p", static_cast<void*>(dentry.pnotifier));
   IMS_log::loginfo(5, __func__, "dentry.domain.proxy_ip=%s, proxy_port=%s, proxy_transport=%s, route_set=%s",
                    entry.proxy_ip.c_str(), entry.proxy_port.c_str(), entry.proxy_transport.c_str(),
@@ -47,12 +55,13 @@ bool IMS_Proxy_RoutingTable_Impl::addDomain(Domain_Entry_T const& entry) {
     return false;
   }
   if (IMS_engine_proxy::is_tcp(entry.proxy_transport)) {
-    dentry.tcp_client_conn = dynamic_cast<SIPLIB_SIPClientTcpTransport*>(IMS_engine_proxy::open_client_connection(
-        "TCP", IMS_engine_proxy::net_intf_ip, portNumber(IMS_engine_proxy::net_intf_port), entry.proxy_ip,
-        portNumber(entry.proxy_port)));
+    setConnection(dentry, dynamic_cast<SIPLIB_SIPClientTcpTransport*>(IMS_engine_proxy::open_client_connection(
+                              "TCP", IMS_engine_proxy::net_intf_ip, portNumber(IMS_engine_proxy::net_intf_port),
+                              entry.proxy_ip, portNumber(entry.proxy_port))));
   }
   domains_[key] = std::move(dentry);
   ++current_dom_tbl_key;
+  tellProxies();
   return true;
 }
 
@@ -68,6 +77,7 @@ bool IMS_Proxy_RoutingTable_Impl::updateDomain(DomainTable_Field_T const& type, 
   switch (field) {
     case DT_PROXY_IP:
       entry.proxy_ip = text;
+      tellProxies();
       return true;
     case DT_PROXY_PORT:
       entry.proxy_port = text;
@@ -115,7 +125,7 @@ bool IMS_Proxy_RoutingTable_Impl::updateDomain(DomainTable_Field_T const& type, 
   void* const pointer = const_cast<void*>(handle);
   switch (field) {
     case DT_TCP_CLIENT_CONN:
-      found->second.tcp_client_conn = static_cast<SIPLIB_SIPClientTcpTransport*>(pointer);
+      setConnection(found->second, static_cast<SIPLIB_SIPClientTcpTransport*>(pointer));
       IMS_log::loginfo(5, __func__, "Updated domain for tcp_client_conn=%p", handle);
       return true;
     case DT_PNOTIFIER:
@@ -135,17 +145,58 @@ bool IMS_Proxy_RoutingTable_Impl::deleteDomain(DomainTable_Field_T const& type, 
     IMS_log::loginfo(4, __func__, "ERROR: Domain entry does not exist ");
     return false;
   }
-  if (found->second.tcp_client_conn != nullptr) {
-    IMS_engine_proxy::close_client_connection(found->second.tcp_client_conn);
-  }
+  endConnection(found->second);
+  if (found->second.pnotifier != nullptr) spare_notifiers_.push_back(found->second.pnotifier);
   std::vector<std::string> linked;
   findClients_ProfileId(value, linked);
   for (const std::string& client_key : linked) clients_.find(client_key)->second.domain_key.clear();
   const std::string key = found->first;
   if (IMS_engine_proxy::ims_proxy_auth_ptr != nullptr) IMS_engine_proxy::ims_proxy_auth_ptr->delete_auth_info(key);
   domains_.erase(found);
+  tellProxies();
   IMS_log::loginfo(5, __func__, "Deleted domain key=%s", key.c_str());
   return true;
+}
+
+// Who was left with a connection that is closed for good does not get it back because another has opened it again.
+void IMS_Proxy_RoutingTable_Impl::setConnection(DomainTable_Entry_T& entry, SIPLIB_SIPClientTcpTransport* connection) {
+  for (auto& [key, record] : domains_) {
+    if (!record.connection_ended || record.tcp_client_conn != connection) continue;
+    record.tcp_client_conn = nullptr;
+    record.connection_ended = false;
+  }
+  entry.tcp_client_conn = connection;
+  entry.connection_ended = false;
+}
+
+bool IMS_Proxy_RoutingTable_Impl::isShared(DomainTable_Entry_T const& entry) const {
+  for (const auto& [key, record] : domains_) {
+    if (&record == &entry || record.connection_ended) continue;
+    if (record.tcp_client_conn == entry.tcp_client_conn) return true;
+  }
+  return std::any_of(clients_.begin(), clients_.end(),
+                     [&](const auto& client) { return client.second.tcp_client_conn == entry.tcp_client_conn; });
+}
+
+void IMS_Proxy_RoutingTable_Impl::endConnection(std::string const& key) {
+  const auto found = domains_.find(key);
+  if (found != domains_.end()) endConnection(found->second);
+}
+
+void IMS_Proxy_RoutingTable_Impl::endConnection(DomainTable_Entry_T& entry) {
+  if (entry.tcp_client_conn == nullptr) return;
+  if (isShared(entry)) {
+    entry.tcp_client_conn = nullptr;
+    return;
+  }
+  IMS_engine_proxy::close_client_connection(entry.tcp_client_conn);
+  entry.connection_ended = true;
+}
+
+void IMS_Proxy_RoutingTable_Impl::tellProxies() const {
+  std::vector<std::string> addresses;
+  for (const auto& [key, record] : domains_) addresses.push_back(record.domain.proxy_ip);
+  IMS_engine_proxy::keep_places_for_proxies(addresses);
 }
 
 std::string IMS_Proxy_RoutingTable_Impl::findDomain(DomainTable_Field_T const& type, std::string const& value) const {

@@ -70,6 +70,9 @@ class IMS_Proxy_RoutingTable_Impl : public IMS_Proxy_RoutingTable_Intf {
   bool updateDomain(DomainTable_Field_T const& type, std::string const& value, DomainTable_Field_T const& field,
                     void const* handle);
   bool deleteDomain(DomainTable_Field_T const& type, std::string const& value);
+  /// Ends the domain's use of its client connection. One that is its alone is closed for good and stays in its field;
+  /// one that another domain or a client has too is left to them, and the field is null. Nothing for an unknown key.
+  void endConnection(std::string const& key);
   /// Key of the domain with this profile id, or an empty text.
   std::string findDomain(DomainTable_Field_T const& type, std::string const& value) const;
   /// Key of the first domain whose client connection is this one (a SIPLIB_SIPClientTcpTransport*), or an empty text.
@@ -78,8 +81,15 @@ class IMS_Proxy_RoutingTable_Impl : public IMS_Proxy_RoutingTable_Intf {
   const DomainTable_Entry_T* domain(std::string const& key) const;
 
  private:
+  void setConnection(DomainTable_Entry_T& entry, SIPLIB_SIPClientTcpTransport* connection);
+  bool isShared(DomainTable_Entry_T const& entry) const;
+  void endConnection(DomainTable_Entry_T& entry);
+  void tellProxies() const;
+
   std::map<std::string, DomainTable_Entry_T> domains_;
   std::map<std::string, RoutingTable_Entry_T> clients_;
+  /// Of deleted domains. All are on the one network-side address of the process, so any will do for the next domain.
+  std::vector<SIPLIB_SIPTransportNotifier*> spare_notifiers_;
   IMS_User_Agent* owner_ = nullptr;
 
   static unsigned int current_rt_tbl_key;

@@ -1,4 +1,5 @@
 """Route commands: byte-exact answers, what they open and close, and what is refused without an answer."""
+import subprocess
 import unittest
 
 from support import sip
@@ -144,6 +145,132 @@ class RouteCommands(ProxyCase):
         self.proxy.wait_log("ERROR: check why client or domain key empty")
         self.assertFalse(self.proxy.has("Deleted domain"))
         self.assertTrue(network.nothing())
+
+
+class EndedRoutes(ProxyCase):
+    """What is ended stays ended, and nothing else ends with it."""
+
+    def request(self, port=5071, body="hi", call_id=None):
+        return sip.request("MESSAGE", "sip:bob@example.net", via=f"127.0.0.1:{port}", frm="<sip:alice@example.net>",
+                           to="<sip:bob@example.net>", transport="TCP", body=body, call_id=call_id)
+
+    def test_nothing_goes_to_the_old_proxy_after_update_route_to_udp(self):
+        for how in ("open", "lost"):
+            with self.subTest(how):
+                old = self.tcp(5060, "127.0.0.3")
+                self.register(5071)
+                self.set_route("1", "127.0.0.3:TCP:5060")
+                ua, stream = self.connect(), self.accept(old)
+                ua.send(self.request())
+                stream.receive()
+                if how == "lost":  # the loss is still to be handled when the command comes, or was just handled
+                    stream.close()
+                self.assertEqual(self.command(sip.route_body("update-route", "1", "127.0.0.4:UDP:5060")).status, 200)
+                if how == "open":
+                    self.assertTrue(stream.closed())
+                for _ in range(3):
+                    ua.send(self.request())
+                sip.wait_until(lambda: self.proxy.has("to 127.0.0.3:5060 dropped: the connection is closed"), 3, "a line")
+                self.assertTrue(old.nothing())
+                self.command(sip.route_body("delete-route", "1"))
+                ua.send(self.request())
+                self.assertTrue(old.nothing())
+                old.close()
+
+    def test_a_route_set_anew_opens_the_connection_again(self):
+        listener = self.tcp(5060, "127.0.0.3")
+        self.register(5071)
+        ua = self.connect()
+        for _ in range(3):
+            self.set_route("1", "127.0.0.3:TCP:5060")
+            stream = self.accept(listener)
+            ua.send(self.request())
+            self.assertEqual(stream.receive().body, b"hi")
+            self.command(sip.route_body("delete-route", "1"))
+            self.assertTrue(stream.closed())
+
+    def test_two_profiles_with_one_proxy_share_its_connection_to_the_last(self):
+        listener = self.tcp(5060, "127.0.0.3")
+        ids = [self.register(port, sip.ua_info(profile, f"{user}@example.net"), user=user).get("Zel-Profile-ID")
+               for port, profile, user in ((5071, "home", "alice"), (5072, "work", "bob"))]
+        for action in ("delete-route", "update-route"):
+            for profile in ids:
+                self.set_route(profile, "127.0.0.3:TCP:5060")
+            stream, ua, gone = self.accept(listener), self.connect(), self.connect()
+            ua.send(self.request(5072, "open"))
+            seen = stream.receive()
+            self.command(sip.route_body(action, ids[0], "127.0.0.4:UDP:5060"))
+            gone.send(self.request(5071, "not any more"))
+            stream.send(sip.response(seen, 200, "OK"))
+            self.assertEqual(ua.receive().status, 200)
+            ua.send(self.request(5072, "after"))
+            self.assertEqual(stream.receive().body, b"after")
+            self.assertTrue(listener.nothing(0))
+            self.assertTrue(stream.nothing(0.2))
+            for profile in ids:
+                self.command(sip.route_body("delete-route", profile))
+            self.assertTrue(stream.closed())
+
+    def test_update_route_knows_tcp_in_capitals_only(self):
+        second = self.tcp(5060, "127.0.0.4")
+        self.set_route("1", "127.0.0.3:UDP:5060")
+        self.assertEqual(self.command(sip.route_body("update-route", "1", "127.0.0.4:tcp:5060")).status, 200)
+        self.proxy.wait_log("UDP mode is specified for client connection")
+        self.assertTrue(second.nothing())
+        self.assertEqual(self.command(sip.route_body("update-route", "1", "127.0.0.4:TCP:5061")).status, 200)
+        self.assertEqual(self.command(sip.route_body("update-route", "1", "127.0.0.4:TCP:5060")).status, 200)
+        self.accept(second)
+
+
+class ManyRoutes(ProxyCase):
+    options = {"level": 4}
+
+    def test_a_thousand_routes_that_come_and_go_leave_nothing_behind(self):
+        network = self.udp(5060, "127.0.0.3")
+        peer = self.udp()
+
+        def rounds(count):
+            for _ in range(count):
+                for action in ("set-route", "delete-route"):
+                    peer.send(sip.route_command(peer.via, sip.route_body(action, "1", "127.0.0.3:UDP:5060")))
+                    self.assertEqual(peer.receive().status, 200)
+        rounds(100)
+        descriptors, memory = self.proxy.descriptors(), self.proxy.private_kib()
+        rounds(1000)
+        self.assertEqual(self.proxy.descriptors(), descriptors)
+        self.assertLess(self.proxy.private_kib() - memory, 1024)
+        self.assertTrue(network.nothing(0))
+
+
+class Unreachable(ProxyCase):
+    def setUp(self):
+        super().setUp()
+        self.address("192.0.2.7")
+
+    def address(self, ip):
+        """One more address of this host: not a loopback one, and without a way to its neighbours."""
+        subprocess.run(["ip", "address", "add", f"{ip}/32", "dev", "lo"], check=True)
+        self.addCleanup(subprocess.run, ["ip", "address", "del", f"{ip}/32", "dev", "lo"], check=True)
+
+    def test_a_proxy_without_a_way_to_it_is_reached_by_the_first_request_after_there_is_one(self):
+        self.register(5071)
+        self.set_route("1", "192.0.2.10:TCP:5060", "192.0.2.7")
+        self.proxy.wait_log("connecting 192.0.2.7:5060 to 192.0.2.10:5060 failed: Network is unreachable")
+        ua = self.connect()
+        message = sip.request("MESSAGE", "sip:bob@example.net", via="127.0.0.1:5071", frm="<sip:alice@example.net>",
+                              to="<sip:bob@example.net>", transport="TCP", body="now")
+        ua.send(message)
+        self.proxy.wait_log("connecting 192.0.2.7:5060 to 192.0.2.10:5060 failed: Network is unreachable", count=2)
+        self.address("192.0.2.10")
+        ua.send(message)  # nobody listens yet: refused at once
+        self.proxy.wait_log("failed: Connection refused")
+        listener = self.tcp(5060, "192.0.2.10")
+        ua.send(message)
+        stream = self.accept(listener)
+        seen = stream.receive()
+        self.assertEqual(seen.body, b"now")
+        stream.send(sip.response(seen, 200, "OK"))
+        self.assertEqual(ua.receive().status, 200)
 
 
 if __name__ == "__main__":

@@ -18,6 +18,8 @@ SIPLIB_SIPTransportConnection* IMS_engine_proxy::open_client_connection(const st
 }
 void IMS_engine_proxy::close_client_connection(SIPLIB_SIPClientTcpTransport*) {
 }
+void IMS_engine_proxy::keep_places_for_proxies(const std::vector<std::string>&) {
+}
 SIPLIB_SIPTransportNotifier* IMS_engine_proxy::open_net_notifier(const std::string&, std::string&) {
   static FakeNotifier notifier;
   return &notifier;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -180,7 +181,7 @@ TEST_F(RouteCommand, UpdateRouteChangesTheAddressOrThePortAlone) {
   run(command("update-route", "1", "127.0.0.3:TCP:5071"));
   EXPECT_EQ(domain("1")->domain.proxy_ip, "127.0.0.3");
   EXPECT_EQ(domain("1")->domain.proxy_port, "5071");
-  run(command("update-route", "1", "127.0.0.4:tcp:5071"));
+  run(command("update-route", "1", "127.0.0.4:TCP:5071"));
   EXPECT_EQ(domain("1")->domain.proxy_ip, "127.0.0.4");
   EXPECT_EQ(domain("1")->domain.proxy_port, "5071");
   EXPECT_EQ(domain("1")->tcp_client_conn, connector.tcpClient(kNetIp, kNetPort, "127.0.0.4", 5071));
@@ -211,6 +212,92 @@ TEST_F(RouteCommand, UpdateRouteToUdpClosesTheConnectionAndOpensNone) {
   EXPECT_EQ(domain("1")->domain.proxy_ip, "127.0.0.4");
   EXPECT_EQ(domain("1")->domain.proxy_port, "5080");
   EXPECT_EQ(domain("1")->domain.proxy_transport, "TCP") << "the transport is never changed";
+}
+
+TEST_F(RouteCommand, UpdateRouteKnowsTcpInCapitalsOnly) {
+  for (const char* transport : {"tcp", "Tcp", "TCP ", "TLS"}) {
+    run(command("delete-route", "1", ""));
+    run(command("set-route", "1", "127.0.0.3:tcp:5070"));
+    ASSERT_NE(domain("1")->tcp_client_conn, nullptr) << "set-route knows it in any case";
+    const std::size_t opens = connector.client_opens.size();
+    LogCapture log;
+    EXPECT_EQ(run(command("update-route", "1", std::string("127.0.0.4:") + transport + ":5080")), 1u);
+    EXPECT_TRUE(log.has(5, "UDP mode is specified for client connection")) << transport;
+    EXPECT_EQ(connector.client_opens.size(), opens);
+  }
+}
+
+TEST_F(RouteCommand, TwoProfilesWithOneProxyShareItsConnectionToTheLast) {
+  for (const char* first : {"delete-route", "update-route"}) {
+    run(command("set-route", "1", "127.0.0.3:TCP:5070"));
+    run(command("set-route", "2", "127.0.0.3:TCP:5070"));
+    FakeClientTcp* shared = connector.tcpClient(kNetIp, kNetPort, "127.0.0.3", 5070);
+    ASSERT_EQ(domain("2")->tcp_client_conn, shared);
+    run(command(first, "1", "127.0.0.4:UDP:5080"));
+    EXPECT_FALSE(connector.closed(shared)) << first;
+    EXPECT_EQ(domain("2")->tcp_client_conn, shared);
+    if (domain("1") != nullptr) {
+      EXPECT_EQ(domain("1")->tcp_client_conn, nullptr) << "nothing leads to the old proxy";
+    }
+    run(command("update-route", "2", "127.0.0.4:TCP:5080"));
+    EXPECT_TRUE(connector.closed(shared));
+    EXPECT_EQ(domain("2")->tcp_client_conn, connector.tcpClient(kNetIp, kNetPort, "127.0.0.4", 5080));
+    run(command("delete-route", "1", ""));
+    run(command("delete-route", "2", ""));
+    connector.closes.clear();
+  }
+}
+
+TEST_F(RouteCommand, AnotherProfileThatOpensTheOldProxyLeavesTheFirstWithoutIt) {
+  run(command("set-route", "1", "127.0.0.3:TCP:5070"));
+  FakeClientTcp* old = connector.tcpClient(kNetIp, kNetPort, "127.0.0.3", 5070);
+  run(command("update-route", "1", "127.0.0.4:UDP:5080"));
+  EXPECT_EQ(domain("1")->tcp_client_conn, old) << "closed for good, so it may stay";
+  run(command("set-route", "2", "127.0.0.3:TCP:5070"));
+  EXPECT_EQ(domain("2")->tcp_client_conn, old);
+  EXPECT_EQ(domain("1")->tcp_client_conn, nullptr);
+  connector.closes.clear();
+  run(command("delete-route", "1", ""));
+  EXPECT_FALSE(connector.closed(old));
+  run(command("delete-route", "2", ""));
+  EXPECT_TRUE(connector.closed(old));
+}
+
+TEST_F(RouteCommand, AConnectionThatAClientHasTooIsLeftToIt) {
+  IMS_engine_proxy::net_intf_ip = IMS_engine_proxy::localhost_ip;  // all on one address
+  addClient(5070);
+  run(command("set-route", "1", "127.0.0.1:TCP:5070"));
+  FakeClientTcp* shared = connector.tcpClient("127.0.0.1", kNetPort, "127.0.0.1", 5070);
+  ASSERT_EQ(domain("1")->tcp_client_conn, shared);
+  run(command("delete-route", "1", ""));
+  EXPECT_FALSE(connector.closed(shared));
+}
+
+TEST_F(RouteCommand, TheLibraryIsToldTheProxiesOfAllDomains) {
+  using Addresses = std::set<std::string>;
+  const auto told = [&] { return Addresses(connector.proxies.begin(), connector.proxies.end()); };
+  run(command("set-route", "1", "127.0.0.3:TCP:5070"));
+  EXPECT_EQ(told(), (Addresses{"127.0.0.3"}));
+  run(command("set-route", "2", "127.0.0.4:UDP:5070"));
+  EXPECT_EQ(told(), (Addresses{"127.0.0.3", "127.0.0.4"}));
+  run(command("update-route", "1", "127.0.0.5:UDP:5070"));
+  EXPECT_EQ(told(), (Addresses{"127.0.0.5", "127.0.0.4"}));
+  run(command("delete-route", "1", ""));
+  EXPECT_EQ(told(), (Addresses{"127.0.0.4"}));
+}
+
+TEST_F(RouteCommand, AThousandRoutesThatComeAndGoOpenOneListener) {
+  for (int i = 0; i < 1000; ++i) {
+    run(command("set-route", "1", "127.0.0.3:UDP:5070"));
+    ASSERT_NE(domain("1")->pnotifier, nullptr);
+    run(command("delete-route", "1", ""));
+  }
+  EXPECT_EQ(connector.notifiers.size(), 1u);
+  EXPECT_TRUE(connector.notifiers[0]->open) << "nobody closes it";
+  run(command("set-route", "1", "127.0.0.3:UDP:5070"));
+  run(command("set-route", "2", "127.0.0.3:UDP:5070"));
+  EXPECT_NE(domain("1")->pnotifier, domain("2")->pnotifier) << "each domain has its own";
+  EXPECT_EQ(connector.notifiers.size(), 2u);
 }
 
 TEST_F(RouteCommand, UpdateRouteOfAUdpDomainToTcpOpensAConnection) {

@@ -41,6 +41,10 @@ void IMS_engine_proxy::close_client_connection(SIPLIB_SIPClientTcpTransport* con
   fake_engine->closed.push_back(connection);
 }
 
+void IMS_engine_proxy::keep_places_for_proxies(const std::vector<std::string>& addresses) {
+  fake_engine->proxies = addresses;
+}
+
 SIPLIB_SIPTransportNotifier* IMS_engine_proxy::open_net_notifier(const std::string& ip, std::string& port) {
   fake_engine->notifiers.push_back(ip + ":" + port);
   return fake_engine->refuse_notifiers ? nullptr : &fake_engine->notifier;

@@ -28,6 +28,7 @@ struct FakeEngine {
   std::vector<Opened> opened;
   std::vector<SIPLIB_SIPClientTcpTransport*> closed;
   std::vector<std::string> notifiers;                                ///< "ip:port" of each that was asked for
+  std::vector<std::string> proxies;                                  ///< for which places are kept
   std::vector<std::string> dropped_domains;                          ///< delete_auth_info
   std::vector<std::pair<std::string, std::string>> dropped_clients;  ///< delete_client_auth_info: domain, client
   std::deque<FakeClientTcp> connections;

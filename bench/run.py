@@ -296,7 +296,8 @@ class Bench:
             with allocations:
                 options = {"clients": clients}
                 if idle:
-                    options["settings"] = f"<max-connections>{idle + 100}</max-connections>"
+                    options["settings"] = (f"<max-connections>{idle + 100}</max-connections>"
+                                           "<head-timeout-s>3600</head-timeout-s>")
                 server.start(transport, **options)
             self.go(load)
             self.expect(load, "warm", server)

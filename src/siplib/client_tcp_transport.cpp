@@ -46,9 +46,10 @@ ClientTcpTransport::ClientTcpTransport(std::shared_ptr<StackCore> core, const So
 
 bool ClientTcpTransport::open() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  closed_for_good_ = false;
-  if (state_ == State::Closed) return begin(true) || !destination_.isLoopback();
   if (state_ == State::Lost) open_wanted_ = true;
+  // Who gets no handle has not opened it: closed for good stays so.
+  if (state_ == State::Closed && !begin(true) && destination_.isLoopback()) return false;
+  closed_for_good_ = false;
   return true;
 }
 

@@ -155,7 +155,8 @@ def inside(arguments):
         progress("single inputs")
         single_inputs(results["inputs"])
     for list_of, settings, cap in ((attacks, "", PEAK_MIB),
-                                   (many_connections, "<max-connections>2200</max-connections>", PEAK_MANY_MIB)):
+                                   (many_connections, "<max-connections>2200</max-connections>"
+                                    "<head-timeout-s>3600</head-timeout-s>", PEAK_MANY_MIB)):
         scene = scenario.Scene(settings=settings, in_line=True)
         try:
             for name, attack in list_of(scene, arguments.quick):

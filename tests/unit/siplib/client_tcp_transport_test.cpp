@@ -139,6 +139,18 @@ TEST_F(ClientTcpTransportTest, OneClosedForGoodIsOpenedByAnOpeningOnly) {
   EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("response")) << "the listener stays";
 }
 
+TEST_F(ClientTcpTransportTest, OneClosedForGoodIsNotOpenedByAnOpeningThatWasRefused) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().reset();
+  server.close();
+  EXPECT_EQ(0, stack->close(transport));
+  EXPECT_EQ(nullptr, connect(destination));
+  serveAgain();
+  EXPECT_EQ(-1, sendText(transport, request("OPTIONS", "x")));
+  EXPECT_FALSE(server.readable(20ms));
+}
+
 TEST_F(ClientTcpTransportTest, ALossThatIsStillToBeAnsweredRevivesNothingThatWasClosedForGood) {
   start();
   auto* transport = connect(destination);

@@ -27,8 +27,8 @@ TEST(TransactionHead, AnAnswerIsHardlyLargerThanItsRequestAndKeepsItsVias) {
   const auto any = [&](std::initializer_list<const char*> texts) {
     return std::string(texts.begin()[random() % texts.size()]);
   };
+  int valid = 0;
   for (int round = 0; round < 2000; ++round) {
-    std::string vias;
     std::string lines;
     for (std::size_t line = 0; line <= random() % 3; ++line) {
       lines += any({"Via:", "v:", "VIA \t: ", "V:\r\n "}) + any({"", "SIP/2.0/UDP h;branch=z9hG4bK1", ",,", "x"});
@@ -43,13 +43,15 @@ TEST(TransactionHead, AnAnswerIsHardlyLargerThanItsRequestAndKeepsItsVias) {
                              ": 3848276298220188511@127.0.0.1\r\nCSeq: 1 REGISTER\r\nMax-Forwards: 70\r\n" +
                              "Contact: <sip:alice@127.0.0.1:5071>\r\nContent-Length: 0\r\n\r\n";
     const auto request = parsed(text);
-    ASSERT_TRUE(request->valid());
+    if (!request->valid()) continue;  // larger than the limits
+    ++valid;
     const SIPLIB_SIPMessageHandle answer(siplib::newAnswer(*request, 481, "0123456789abcdef0123456789abcdef"));
     const std::string sent = answer->text();
     ASSERT_LE(2 * sent.size(), 3 * text.size()) << text;
     ASSERT_NE(sent.find(lines), std::string::npos) << "in their order, as they came";
     ASSERT_EQ(request->headers("Via"), parsed(sent)->headers("Via"));
   }
+  EXPECT_GT(valid, 1500);
 }
 
 TEST(TransactionHead, ReadsWhatIsThere) {
@@ -168,9 +170,8 @@ TEST(TransactionHead, AnAnswerTakesAllViasInTheirOrderAndInProportionalTime) {
   std::string few, many;
   const double short_time = answered(500, few);
   const double long_time = answered(7500, many);
-  EXPECT_EQ(0u,
-            few.find("SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP 127.0.0.1:5070;branch=z9hG4bKone\r\nVia: 1\r\nVia: 2\r\n"));
-  EXPECT_NE(std::string::npos, many.find("\r\nVia: 8\r\nVia: 9\r\nFrom: "));
+  EXPECT_EQ(0u, few.find("SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP 127.0.0.1:5070;branch=z9hG4bKone,1,2,"));
+  EXPECT_NE(std::string::npos, many.find(",8,9\r\nFrom: "));
   EXPECT_LT(long_time / short_time, 60) << "15 times as many; the square would be 225";
 }
 

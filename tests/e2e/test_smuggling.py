@@ -76,7 +76,7 @@ class Smuggling(Ways):
         start = method + b" " + uri + b" SIP/2.0\r\n" if way.request else b"SIP/2.0 200 OK\r\n"
         arrives = [line + b"\r\n" for _, line in lines if line is not None]
         way.send(start + b"".join(line + b"\r\n" for line, _ in lines if line is not None) + b"\r\n")
-        self.assert_arrives(way, start + b"".join(way.with_added(arrives) if added else arrives) + b"\r\n")
+        self.assert_arrives(way, start + b"".join(way.with_added(arrives, added)) + b"\r\n")
 
     def dropped(self, way, lines, method=b"MESSAGE", uri=b"sip:x@example.net"):
         """Sends the lines, which must lead nowhere: what arrives next is what is sent next."""

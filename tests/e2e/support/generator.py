@@ -241,8 +241,7 @@ class Generator:
         arrives = [line + b"\r\n" for _, line in lines]
         if in_dialog:
             arrives = [line for line in arrives if line.partition(b":")[0].strip().lower() != b"route"]
-        else:
-            arrives = way.with_added(arrives)
+        arrives = way.with_added(arrives, not in_dialog)
         before = b"" if self.often(0.9) else b"\r\n" if way.transport == "TCP" else b"\r\n" * 3
         sent = before + start + b"\r\n" + b"".join(line + b"\r\n" for line, _ in lines) + b"\r\n" + body + behind
         return sent, start + b"\r\n" + b"".join(arrives) + b"\r\n" + body

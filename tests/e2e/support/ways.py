@@ -47,14 +47,18 @@ class Way:
     def __repr__(self):
         return self.name
 
-    def with_added(self, lines):
-        """The header lines with what the proxy adds: above the first of the same name, else last."""
-        if not self.adds:
-            return lines
+    def with_added(self, lines, added=True):
+        """The header lines with what the proxy adds (unless it adds nothing in this dialog): above the first of the same
+        name, else last. Last of all, on a stream, the Content-Length that is not there: such a message has no body."""
         def name(line):
             return line.partition(b":")[0].strip().lower()
-        place = next((at for at, line in enumerate(lines) if name(line) == name(self.adds)), len(lines))
-        return [*lines[:place], self.adds, *lines[place:]]
+        lines = list(lines)
+        if self.adds and added:
+            place = next((at for at, line in enumerate(lines) if name(line) == name(self.adds)), len(lines))
+            lines.insert(place, self.adds)
+        if self.transport == "TCP" and not any(name(line) in (b"content-length", b"l") for line in lines):
+            lines.append(b"Content-Length: 0\r\n")
+        return lines
 
 
 class Ways(ProxyCase):

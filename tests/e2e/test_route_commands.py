@@ -170,7 +170,7 @@ class EndedRoutes(ProxyCase):
                     self.assertTrue(stream.closed())
                 for _ in range(3):
                     ua.send(self.request())
-                sip.wait_until(lambda: self.proxy.has("to 127.0.0.3:5060 dropped: the connection is closed"), 3, "a line")
+                self.proxy.wait_log("to 127.0.0.3:5060 dropped: the connection is closed")
                 self.assertTrue(old.nothing())
                 self.command(sip.route_body("delete-route", "1"))
                 ua.send(self.request())

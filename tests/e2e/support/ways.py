@@ -48,8 +48,8 @@ class Way:
         return self.name
 
     def with_added(self, lines, added=True):
-        """The header lines with what the proxy adds (unless it adds nothing in this dialog): above the first of the same
-        name, else last. Last of all, on a stream, the Content-Length that is not there: such a message has no body."""
+        """The header lines with what the proxy adds, if it does: above the first of its name, else last. On a stream
+        the Content-Length that is not there comes last of all: such a message has no body."""
         def name(line):
             return line.partition(b":")[0].strip().lower()
         lines = list(lines)

@@ -11,6 +11,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -19,6 +20,7 @@
 #include <string_view>
 
 #include "framework/options.h"
+#include "siplib/text.h"
 
 std::atomic<int> IMS_log::threshold_{4};
 
@@ -33,19 +35,17 @@ class Line {
   Line(char* buffer, std::size_t size) : buffer_(buffer), room_(size - kEnd) {}
 
   void add(std::string_view text) {
-    // U+0080 to U+009F are control characters too: a terminal takes "\xc2\x9b" for the beginning of a command.
-    bool second = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-      const auto byte = static_cast<unsigned char>(text[i]);
-      const bool first = byte == 0xc2 && i + 1 < text.size() && (text[i + 1] & 0xe0) == 0x80;
-      if (byte >= 0x20 && byte != 0x7f && !first && !second) {
-        put(&text[i], 1);
+    for (std::size_t i = 0; i < text.size();) {
+      const siplib::Utf8 character = siplib::utf8At(text, i);
+      if (character.size != 0 && !isControl(character.value)) {
+        put(&text[i], character.size);
+        i += character.size;
       } else {
         constexpr char kHex[] = "0123456789abcdef";
+        const auto byte = static_cast<unsigned char>(text[i++]);
         const char escaped[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
         put(escaped, sizeof escaped);
       }
-      second = first;
     }
   }
   void cut() { cut_ = true; }
@@ -61,6 +61,10 @@ class Line {
  private:
   static constexpr std::size_t kEnd = 4;  // "...\n"
 
+  // U+0080 to U+009F are control characters too: a terminal takes "\xc2\x9b" for the beginning of a command.
+  static bool isControl(std::uint32_t character) { return character < 0x20 || (character >= 0x7f && character < 0xa0); }
+
+  /// All or none of the bytes: a character or an escape is never cut in the middle.
   void put(const char* bytes, std::size_t size) {
     if (cut_ || length_ + size > room_) {
       cut_ = true;

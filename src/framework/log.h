@@ -2,8 +2,9 @@
 //
 //   2026-11-20T23:47:01.123456Z ue-proxy[4711] 5 run: __ua_myuri=<sip:127.0.0.1:5060> localport=5060
 //
-// Level 3 marks errors and unexpected input, 4 what was refused or failed and is tolerated, 5 tracing. Control bytes in
-// values are written as \xNN, so one message is always one line and a header value cannot forge another.
+// Level 3 marks errors and unexpected input, 4 what was refused or failed and is tolerated, 5 tracing. Control
+// characters in values, and bytes that are not UTF-8, are written as \xNN: so one message is always one line of
+// well-formed text, and a header value cannot forge another.
 #pragma once
 
 #include <atomic>

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "framework/log.h"
+#include "siplib/text.h"
 
 namespace {
 
@@ -14,26 +15,11 @@ const xmlChar* xml(const char* text) {
   return reinterpret_cast<const xmlChar*>(text);
 }
 
-/// The length of the character at `at`, or 0 when no XML document can carry it: not UTF-8 (RFC 3629, 4), or none of the
-/// characters of XML 1.0, 2.2. libxml2's own decoder takes overlong forms and stray continuation bytes.
+/// The length of the character at `at`, or 0 when no XML document can carry it: not UTF-8, or none of the characters of
+/// XML 1.0, 2.2. libxml2's own decoder takes overlong forms and stray continuation bytes.
 std::size_t character(std::string_view text, std::size_t at) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
-  const unsigned lead = byte(0);
-  const std::size_t length = lead < 0x80   ? 1
-                             : lead < 0xc2 ? 0
-                             : lead < 0xe0 ? 2
-                             : lead < 0xf0 ? 3
-                             : lead < 0xf5 ? 4
-                                           : 0;
-  if (length == 0 || length > text.size() - at) return 0;
-  constexpr unsigned kLeadBits[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
-  constexpr unsigned kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
-  unsigned value = lead & kLeadBits[length];
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-    value = (value << 6) | (byte(i) & 0x3fU);
-  }
-  return value >= kLeast[length] && xmlIsCharQ(value) ? length : 0;
+  const siplib::Utf8 found = siplib::utf8At(text, at);
+  return xmlIsCharQ(found.value) ? found.size : 0;
 }
 
 /// The text as a document can carry it: each other byte becomes "?". libxml2 would write them as they are, and no

@@ -100,6 +100,22 @@ bool linesWhole(std::string_view text) {
   return broken == 0;
 }
 
+Utf8 utf8At(std::string_view text, std::size_t at) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  const std::uint32_t lead = byte(0);
+  if (lead < 0x80) return {lead, 1};
+  const std::size_t size = lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf5 ? 4 : 0;
+  if (size == 0 || size > text.size() - at) return {};
+  constexpr std::uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  std::uint32_t value = lead & (0x7fU >> size);
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return {};
+    value = (value << 6) | (byte(i) & 0x3fU);
+  }
+  if (value < kLeast[size] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return {};
+  return {value, size};
+}
+
 std::size_t skipQuoted(std::string_view text, std::size_t open) {
   for (std::size_t i = open + 1; i < text.size(); ++i) {
     if (text[i] == '"') return i + 1;

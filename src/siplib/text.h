@@ -97,6 +97,15 @@ bool breaksLine(std::string_view text);
 /// True when the text holds no CR without its LF and no LF without its CR.
 bool linesWhole(std::string_view text);
 
+/// One character of a UTF-8 text.
+struct Utf8 {
+  std::uint32_t value = 0;
+  std::size_t size = 0;  ///< in bytes
+};
+/// The character that begins at `at`, which is less than the size. Its size is 0 when none does: RFC 3629 has no
+/// overlong forms, no surrogates and nothing above U+10FFFF.
+Utf8 utf8At(std::string_view text, std::size_t at);
+
 /// `open` is the position of a quote: the position after the quote that closes it, escapes seen (RFC 3261 25.1,
 /// quoted-string); npos when nothing closes it.
 std::size_t skipQuoted(std::string_view text, std::size_t open);

@@ -6,8 +6,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
+#include <random>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -73,8 +77,79 @@ TEST(Log, ControlBytesCannotForgeALine) {
   IMS_log::loginfo(3, "f", "a\r\nb\t\x7f\x1b[m\xc3\xa4");
   EXPECT_TRUE(log.has("f: a\\x0d\\x0ab\\x09\\x7f\\x1b[m\xc3\xa4\n")) << log.text();
   IMS_log::loginfo(3, "f", "\xc2\x9b[m \xc2\x85 \xc2\xa0 \xc2");
-  EXPECT_TRUE(log.has("f: \\xc2\\x9b[m \\xc2\\x85 \xc2\xa0 \xc2\n")) << log.text();
+  EXPECT_TRUE(log.has("f: \\xc2\\x9b[m \\xc2\\x85 \xc2\xa0 \\xc2\n")) << log.text();
   EXPECT_EQ(log.lines(), 2u);
+}
+
+TEST(Log, BytesThatAreNotUtf8StandAsEscapes) {
+  LogCapture log;
+  IMS_log::loginfo(3, "f", "%s", "\xff \xc0\xaf \xe0\x80\xaf \xed\xa0\x80 \xf4\x90\x80\x80 \xe2\x82(\xe2\x82");
+  EXPECT_TRUE(
+      log.has("f: \\xff \\xc0\\xaf \\xe0\\x80\\xaf \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80 \\xe2\\x82(\\xe2\\x82\n"))
+      << log.text();
+  IMS_log::loginfo(3, "f\xff", "%s", "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
+  EXPECT_TRUE(log.has("f\\xff: \xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\n")) << log.text();
+}
+
+/// By the table of well-formed byte sequences (Unicode, table 3-7), without those of control characters.
+bool isCleanText(std::string_view line) {
+  struct Row {
+    unsigned char first[2];
+    unsigned char second[2];
+    std::size_t size;
+  };
+  constexpr Row kRows[] = {{{0x20, 0x7e}, {}, 1},           {{0xc2, 0xc2}, {0xa0, 0xbf}, 2},
+                           {{0xc3, 0xdf}, {0x80, 0xbf}, 2}, {{0xe0, 0xe0}, {0xa0, 0xbf}, 3},
+                           {{0xe1, 0xec}, {0x80, 0xbf}, 3}, {{0xed, 0xed}, {0x80, 0x9f}, 3},
+                           {{0xee, 0xef}, {0x80, 0xbf}, 3}, {{0xf0, 0xf0}, {0x90, 0xbf}, 4},
+                           {{0xf1, 0xf3}, {0x80, 0xbf}, 4}, {{0xf4, 0xf4}, {0x80, 0x8f}, 4}};
+  while (!line.empty()) {
+    const auto within = [&](std::size_t i, const unsigned char(&range)[2]) {
+      const auto byte = static_cast<unsigned char>(line[i]);
+      return byte >= range[0] && byte <= range[1];
+    };
+    const auto* const row =
+        std::find_if(std::begin(kRows), std::end(kRows), [&](const Row& one) { return within(0, one.first); });
+    if (row == std::end(kRows) || line.size() < row->size || (row->size > 1 && !within(1, row->second))) return false;
+    for (std::size_t i = 2; i < row->size; ++i) {
+      if ((line[i] & 0xc0) != 0x80) return false;
+    }
+    line.remove_prefix(row->size);
+  }
+  return true;
+}
+
+TEST(Log, AnyBytesMakeOneLineOfCleanText) {
+  std::minstd_rand random(4711);
+  // Pieces of characters, so that whole, broken and forbidden ones come about by chance.
+  const std::string_view pieces[] = {"a",    "\n",   "\x7f", "\xc2",     "\xc3",
+                                     "\xe0", "\xed", "\xf0", "\xf4",     "\xff",
+                                     "\x80", "\x9b", "\xa4", "\xc3\xa4", "\xf0\x9f\x98\x80"};
+  for (int round = 0; round < 2000; ++round) {
+    std::string text;
+    // Around the bound too, where the line is cut.
+    const std::size_t size = round % 4 == 0 ? 16000 + random() % 500 : random() % 100;
+    while (text.size() < size) {
+      text += pieces[random() % std::size(pieces)];
+      if (random() % 8 == 0) text += static_cast<char>(random() % 255 + 1);
+    }
+    LogCapture log;
+    IMS_log::loginfo(3, "f", "%s", text.c_str());
+    const std::string line = log.text();
+    ASSERT_TRUE(line.ends_with('\n') && line.size() <= 16384);
+    ASSERT_TRUE(isCleanText(line.substr(0, line.size() - 1))) << line;
+  }
+}
+
+TEST(Log, ALineIsNeverCutWithinACharacter) {
+  for (std::size_t lead = 0; lead < 4; ++lead) {
+    LogCapture log;
+    std::string text(lead, 'y');
+    while (text.size() < 20000) text += "\xf0\x9f\x98\x80";
+    IMS_log::loginfo(3, "f", "%s", text.c_str());
+    EXPECT_TRUE(log.text().ends_with("\xf0\x9f\x98\x80...\n"));
+    EXPECT_GT(log.text().size(), 16384u - 4);
+  }
 }
 
 TEST(Log, LinesAboveTheThresholdAreNotWritten) {

@@ -54,6 +54,37 @@ TEST(Text, NumbersNeitherWrapNorForgive) {
   }
 }
 
+TEST(Text, Utf8IsThatOfTheRfcAndNoOther) {
+  struct Case {
+    std::string_view text;
+    std::uint32_t value;
+    std::size_t size;
+  };
+  for (const Case& one :
+       {Case{"a", 'a', 1}, Case{"\x7f", 0x7f, 1}, Case{"\xc2\x80", 0x80, 2}, Case{"\xdf\xbf", 0x7ff, 2},
+        Case{"\xe0\xa0\x80", 0x800, 3}, Case{"\xed\x9f\xbf", 0xd7ff, 3}, Case{"\xee\x80\x80", 0xe000, 3},
+        Case{"\xef\xbf\xbf", 0xffff, 3}, Case{"\xf0\x90\x80\x80", 0x10000, 4}, Case{"\xf4\x8f\xbf\xbf", 0x10ffff, 4}}) {
+    const Utf8 found = utf8At(one.text, 0);
+    EXPECT_EQ(found.value, one.value);
+    EXPECT_EQ(found.size, one.size);
+    // Whatever of it is missing, and with anything in the place of a continuation byte, it is none.
+    for (std::size_t i = 1; i < one.size; ++i) {
+      EXPECT_EQ(utf8At(one.text.substr(0, i), 0).size, 0u);
+      std::string broken(one.text);
+      broken[i] = 'a';
+      EXPECT_EQ(utf8At(broken, 0).size, 0u);
+      broken[i] = '\xc2';
+      EXPECT_EQ(utf8At(broken, 0).size, 0u);
+    }
+  }
+  for (const std::string_view bad :
+       {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xed\xbf\xbf", "\xf0\x8f\xbf\xbf",
+        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff"}) {
+    EXPECT_EQ(utf8At(bad, 0).size, 0u) << bad;
+  }
+  EXPECT_EQ(utf8At("a\xc3\xa4", 1).value, 0xe4u);
+}
+
 TEST(Text, QuotedStrings) {
   EXPECT_EQ(skipQuoted("\"a\"b", 0), 3u);
   EXPECT_EQ(skipQuoted("\"a\\\"b\"", 0), 6u);

@@ -83,9 +83,10 @@ void addProgramOption(const char* word, const char* help) {
 
 bool parseOptions(int argc, char* const* argv, Options& options, std::string& error) {
   for (int i = 1; i < argc; ++i) {
-    // The program reads its own options; as the last argument such a word is without effect there too.
+    // The program reads its own options; as the last argument such a word is without effect there too. An option that
+    // follows in the value's place is one of ours all the same.
     if (isProgramOption(argv[i])) {
-      ++i;
+      if (i + 1 < argc && argv[i + 1][0] != '-') ++i;
       continue;
     }
     const std::string_view argument = argv[i];

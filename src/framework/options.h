@@ -16,8 +16,8 @@ struct Options {
   std::optional<int> log_level;
 };
 
-/// An option "Xword value" of the program itself (any first character X) that parseOptions passes over. Both texts
-/// must outlive the process; `help` is what the usage says of it.
+/// An option "Xword value" of the program itself (any first character X) that parseOptions passes over; a word that
+/// begins with "-" is no such value. Both texts must outlive the process; `help` is what the usage says of it.
 void addProgramOption(const char* word, const char* help);
 /// False, and one sentence in `error`, at the first argument that is no option or lacks its argument.
 bool parseOptions(int argc, char* const* argv, Options& options, std::string& error);

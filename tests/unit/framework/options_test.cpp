@@ -83,8 +83,17 @@ TEST(Options, WrongOnesAreNamed) {
 
 TEST(Options, ProgramOptionIsPassedOverWithItsValue) {
   EXPECT_TRUE(parse({"-dynport", "yes", "-f"}).options.foreground);
-  EXPECT_TRUE(parse({"+dynport", "-x", "-f"}).done);
+  EXPECT_TRUE(parse({"+dynport", "x", "-f"}).done);
   EXPECT_TRUE(parse({"xdynport", "no"}).done);
+  EXPECT_TRUE(parse({"-dynport", "", "-f"}).options.foreground);
+}
+
+TEST(Options, ProgramOptionDoesNotSwallowAnOption) {
+  EXPECT_TRUE(parse({"-dynport", "--foreground"}).options.foreground);
+  EXPECT_EQ(parse({"-dynport", "-c", "/c"}).options.config_dir, "/c");
+  EXPECT_TRUE(parse({"-dynport", "-dynport", "yes", "-f"}).options.foreground);
+  EXPECT_EQ(parse({"-dynport", "-x"}).error, "unknown option '-x'");
+  EXPECT_EQ(parse({"-dynport", "-f", "yes"}).error, "unexpected argument 'yes'");
 }
 
 TEST(Options, ProgramOptionAsTheLastArgumentIsIgnored) {

@@ -24,6 +24,7 @@
 #include "framework/log.h"
 #include "framework/xml_document.h"
 #include "siplib/stack.h"
+#include "siplib/text.h"
 
 namespace framework {
 namespace {
@@ -235,20 +236,12 @@ constexpr std::array kSettings{
 };
 constexpr std::string_view kIoThread = "io-thread";
 
-std::string_view trimmed(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
-}
-
 bool readNumber(const Setting& setting, std::string_view text, long& value) {
-  text = trimmed(text);
   const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), value);
   return fault == std::errc() && end == text.data() + text.size() && value >= setting.least && value <= setting.most;
 }
 
 bool readYesNo(std::string_view text, bool& value) {
-  text = trimmed(text);
   value = text == "yes";
   return value || text == "no";
 }
@@ -268,9 +261,10 @@ std::string_view nameOf(const xmlNode& node) {
   return reinterpret_cast<const char*>(node.name);
 }
 
+/// As XmlDocument gives it.
 std::string textOf(xmlNode& node) {
   xmlChar* const content = xmlNodeGetContent(&node);
-  std::string text = content == nullptr ? "" : reinterpret_cast<const char*>(content);
+  std::string text(siplib::trim(content == nullptr ? "" : reinterpret_cast<const char*>(content)));
   xmlFree(content);
   return text;
 }

@@ -13,8 +13,7 @@ int IMSSetRouteXml::parseXml() {
   profile_id_.clear();
   device_name_.clear();
   ip_type_port_.clear();
-  auto length = static_cast<std::size_t>(text_ != nullptr && length_ > 0 ? length_ : 0);
-  if (length != 0 && text_[length - 1] == '\0') --length;
+  const auto length = static_cast<std::size_t>(text_ != nullptr && length_ > 0 ? length_ : 0);
   framework::XmlDocument document;
   std::string error;
   if (!document.parse(text_, length, error)) {

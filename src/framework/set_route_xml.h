@@ -6,7 +6,8 @@
 
 #include <string>
 
-/// Any element may be absent (empty value); order is free; the first of each name counts.
+/// Any element may be absent (empty value); order is free; the first of each name counts. White space around a value
+/// does not.
 class IMSSetRouteXml {
  public:
   /// The text and its length including the terminating NUL; not owned, used by parseXml only.

@@ -1,12 +1,16 @@
 #include "framework/xml_document.h"
 
+#include <libxml/encoding.h>
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <string_view>
+
+#include "siplib/text.h"
 
 namespace framework {
 namespace {
@@ -44,17 +48,100 @@ std::size_t skipTag(std::string_view text, std::size_t at, std::size_t& attribut
   return at;
 }
 
-/// Only encodings in which markup is ASCII, so that looking at bytes is looking at markup.
-bool knownEncoding(std::string_view declaration) {
+/// The encoding that a text gives itself, by its first bytes or its declaration; XML_CHAR_ENCODING_ERROR for one that
+/// is not read. The system has converters for many more: it would load them from files by a name that a peer chose, and
+/// several let one byte mean different things.
+xmlCharEncoding encodingOf(std::string_view text) {
+  constexpr std::string_view kMark = "\xef\xbb\xbf";
+  const auto size = static_cast<int>(std::min<std::size_t>(text.size(), 4));
+  const xmlCharEncoding seen = xmlDetectCharEncoding(reinterpret_cast<const unsigned char*>(text.data()), size);
+  if (seen == XML_CHAR_ENCODING_UTF16LE || seen == XML_CHAR_ENCODING_UTF16BE) return seen;
+  if (seen != XML_CHAR_ENCODING_UTF8 && seen != XML_CHAR_ENCODING_NONE) return XML_CHAR_ENCODING_ERROR;
+
+  const std::size_t begin = text.starts_with(kMark) ? kMark.size() : 0;
+  if (!text.substr(begin).starts_with("<?xml")) return XML_CHAR_ENCODING_UTF8;
+  const std::string_view declaration = text.substr(begin, skipTo(text, begin, "?>") - begin);
   const std::size_t at = declaration.find("encoding");
-  if (at == std::string_view::npos) return true;
-  const std::size_t begin = declaration.find_first_of("\"'", at);
-  if (begin == std::string_view::npos) return false;
-  const std::size_t end = declaration.find(declaration[begin], begin + 1);
-  if (end == std::string_view::npos) return false;
-  std::string name(declaration.substr(begin + 1, end - begin - 1));
-  std::transform(name.begin(), name.end(), name.begin(), [](char c) { return c >= 'a' && c <= 'z' ? c - 32 : c; });
-  return name == "UTF-8" || name == "US-ASCII" || name == "ISO-8859-1";
+  if (at == std::string_view::npos) return XML_CHAR_ENCODING_UTF8;
+  const std::size_t open = declaration.find_first_of("\"'", at);
+  if (open == std::string_view::npos) return XML_CHAR_ENCODING_ERROR;
+  const std::size_t close = declaration.find(declaration[open], open + 1);
+  if (close == std::string_view::npos) return XML_CHAR_ENCODING_ERROR;
+  const std::string_view name = declaration.substr(open + 1, close - open - 1);
+  if (siplib::equalsIgnoreCase(name, "UTF-8")) return XML_CHAR_ENCODING_UTF8;
+  if (begin != 0) return XML_CHAR_ENCODING_ERROR;  // the mark says UTF-8
+  if (siplib::equalsIgnoreCase(name, "US-ASCII")) return XML_CHAR_ENCODING_ASCII;
+  if (siplib::equalsIgnoreCase(name, "ISO-8859-1")) return XML_CHAR_ENCODING_8859_1;
+  return XML_CHAR_ENCODING_ERROR;
+}
+
+void appendUtf8(std::string& text, std::uint32_t value) {
+  const auto put = [&](std::uint32_t byte) { text += static_cast<char>(byte); };
+  const auto rest = [&](unsigned shift) { put(0x80 | ((value >> shift) & 0x3f)); };
+  if (value < 0x80) {
+    put(value);
+  } else if (value < 0x800) {
+    put(0xc0 | (value >> 6));
+    rest(0);
+  } else if (value < 0x10000) {
+    put(0xe0 | (value >> 12));
+    rest(6);
+    rest(0);
+  } else {
+    put(0xf0 | (value >> 18));
+    rest(12);
+    rest(6);
+    rest(0);
+  }
+}
+
+/// Takes the next character of a text in one of the encodings of one or two bytes. False when none begins at `at`.
+bool takeCharacter(std::string_view text, xmlCharEncoding encoding, std::size_t& at, std::uint32_t& value) {
+  const auto byte = [&](std::size_t i) -> std::uint32_t { return static_cast<unsigned char>(text[i]); };
+  if (encoding == XML_CHAR_ENCODING_ASCII || encoding == XML_CHAR_ENCODING_8859_1) {
+    value = byte(at++);
+    return value < 0x80 || encoding == XML_CHAR_ENCODING_8859_1;
+  }
+  const std::size_t high = encoding == XML_CHAR_ENCODING_UTF16BE ? 0 : 1;
+  const auto unit = [&](std::size_t i) { return (byte(i + high) << 8) | byte(i + 1 - high); };
+  if (text.size() - at < 2) return false;
+  value = unit(at);
+  at += 2;
+  if (value < 0xd800 || value > 0xdfff) return true;
+  if (value > 0xdbff || text.size() - at < 2) return false;
+  const std::uint32_t low = unit(at);
+  at += 2;
+  value = 0x10000 + ((value - 0xd800) << 10) + (low - 0xdc00);
+  return low >= 0xdc00 && low <= 0xdfff;
+}
+
+/// Cuts the NULs at the end of `text` and makes it UTF-8, kept in `converted` when it was not: what is looked at
+/// afterwards is what the parser reads, and no larger than any other document. False with the fault.
+bool decode(std::string_view& text, std::string& converted, std::string& error) {
+  const xmlCharEncoding encoding = encodingOf(text);
+  if (encoding == XML_CHAR_ENCODING_ERROR) {
+    say(error, 1, "an encoding other than UTF-8, UTF-16, US-ASCII and ISO-8859-1");
+    return false;
+  }
+  std::size_t end = text.find_last_not_of('\0') + 1;
+  const bool pairs = encoding == XML_CHAR_ENCODING_UTF16LE || encoding == XML_CHAR_ENCODING_UTF16BE;
+  if (pairs) end = std::min(text.size(), end + end % 2);  // the last character's own
+  text = text.substr(0, end);
+  if (encoding == XML_CHAR_ENCODING_UTF8) return true;
+  for (std::size_t at = 0; at < text.size();) {
+    std::uint32_t value = 0;
+    if (!takeCharacter(text, encoding, at, value)) {
+      say(error, 1 + std::count(converted.begin(), converted.end(), '\n'), "a byte that is not of its encoding");
+      return false;
+    }
+    appendUtf8(converted, value);
+    if (converted.size() > kMaxXml) {
+      error = "more than " + std::to_string(kMaxXml) + " bytes as UTF-8";
+      return false;
+    }
+  }
+  text = converted;
+  return true;
 }
 
 /// Looks for what must not reach the parser. Null when there is nothing; else why, and where.
@@ -66,9 +153,6 @@ const char* findRefused(std::string_view text, std::size_t& at) {
   }
   const std::size_t begin = text.find_first_not_of(" \t\r\n", at);
   if (begin == std::string_view::npos || text[begin] != '<') return "no XML document";
-  if (text.substr(at).starts_with("<?xml") && !knownEncoding(text.substr(at, skipTo(text, at, "?>") - at))) {
-    return "an encoding other than UTF-8, US-ASCII and ISO-8859-1";
-  }
   std::size_t namespaces = 0;
   while ((at = text.find('<', at)) != std::string_view::npos) {
     const std::string_view here = text.substr(at);
@@ -164,7 +248,9 @@ bool XmlDocument::parse(const char* text, std::size_t length, std::string& error
     error = "more than " + std::to_string(kMaxXml) + " bytes";
     return false;
   }
-  const std::string_view whole(length == 0 ? "" : text, length);
+  std::string_view whole(length == 0 ? "" : text, length);
+  std::string converted;
+  if (!decode(whole, converted, error)) return false;
   std::size_t at = 0;
   if (const char* const why = findRefused(whole, at)) {
     say(error, 1 + std::count(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(at), '\n'), why);
@@ -179,8 +265,8 @@ bool XmlDocument::parse(const char* text, std::size_t length, std::string& error
   Faults faults{&error};
   parser->_private = &faults;
   parser->sax->serror = keepFirst;
-  document_ =
-      xmlCtxtReadMemory(parser.get(), whole.data(), static_cast<int>(whole.size()), nullptr, nullptr, XML_PARSE_NONET);
+  document_ = xmlCtxtReadMemory(parser.get(), whole.data(), static_cast<int>(whole.size()), nullptr, nullptr,
+                                XML_PARSE_NONET | XML_PARSE_IGNORE_ENC);
   if (document_ == nullptr) {
     if (!faults.fatal) error = "not well-formed";
     return false;
@@ -200,7 +286,7 @@ bool XmlDocument::first(const std::string& xpath, std::string& value) const {
       xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath.c_str()), context.get()));
   if (!found || found->type != XPATH_NODESET || xmlXPathNodeSetIsEmpty(found->nodesetval)) return false;
   xmlChar* const content = xmlNodeGetContent(found->nodesetval->nodeTab[0]);
-  value = content == nullptr ? "" : reinterpret_cast<const char*>(content);
+  value = siplib::trim(content == nullptr ? "" : reinterpret_cast<const char*>(content));
   xmlFree(content);
   return true;
 }

@@ -5,11 +5,13 @@
 
 #include <cstddef>
 #include <cstring>
+#include <string_view>
 
 #include "framework/log.h"
 #include "framework/utility.h"
 #include "framework/xml_document.h"
 #include "registrar/text_number.h"
+#include "siplib/text.h"
 
 // The parser's process-wide state is left alone: other documents are read while this one ends, so a clean-up belongs to
 // the end of the process only. Each document and result frees its own memory.
@@ -37,8 +39,17 @@ std::optional<std::string> own_text(const _xmlNode* node) {
   return text;
 }
 
-std::optional<std::string> first_text(const NodeSet& nodes) {
-  return own_text(nodes->nodesetval->nodeTab[0]);
+/// A value: the node's text without the white space around it, which is layout. Text of nothing else is none; an empty
+/// CDATA section is text all the same.
+std::optional<std::string> value_of(const _xmlNode* node) {
+  std::optional<std::string> text = own_text(node);
+  if (!text || text->empty()) return text;
+  const std::string_view value = siplib::trim(*text);
+  return value.empty() ? std::nullopt : std::optional<std::string>(value);
+}
+
+std::optional<std::string> first_value(const NodeSet& nodes) {
+  return value_of(nodes->nodesetval->nodeTab[0]);
 }
 
 /// Unless it has been parsed already.
@@ -177,14 +188,15 @@ void RegisterXmlData::dig_and_parse_aor(_xmlDoc* document) {
   if (!nodes) return;
   for (int i = 0; i < nodes->nodesetval->nodeNr; ++i) {
     _xmlNode* aor_node = nodes->nodesetval->nodeTab[i];
+    // As it stands: white space alone is text too where only the place counts.
     const std::optional<std::string> aor_text = own_text(aor_node);
     auto aor = std::make_unique<ClientAOR_T>();
-    aor->aor = aor_text.value_or(std::string());
+    if (aor_text) aor->aor = siplib::trim(*aor_text);
     for (const _xmlNode* node = process_aor_get_next_node(aor_text ? aor_text->c_str() : nullptr, aor_node);
          node != nullptr; node = node->next) {
       const IMSE_REG_TAB_INDEX index = map_node_name_to_index(node);
       if (index == IMSE_REG_TAB_OTHER) continue;
-      std::optional<std::string> text = own_text(node);
+      std::optional<std::string> text = value_of(node);
       if (!text) continue;
       switch (index) {
         case IMSE_REG_TAB_FEATURE_TAG:
@@ -223,7 +235,7 @@ int RegisterXmlData::parse_iclient_xml(framework::XmlDocument& document) {
     IMS_log::loginfo(4, __func__, "Error in parsing iclient XML %d", 518);
     return -1;
   }
-  if (std::optional<std::string> text = first_text(package)) *packages_ = std::move(*text);
+  if (std::optional<std::string> text = first_value(package)) *packages_ = std::move(*text);
   return 0;
 }
 
@@ -234,14 +246,14 @@ int RegisterXmlData::parse_eclient_xml(framework::XmlDocument& document) {
     return -1;
   }
   if (const NodeSet expires{get_nodeset(document.get(), "/ua-info/reg-expires-pref")}) {
-    if (const std::optional<std::string> text = first_text(expires)) nw_expiry_ = registrar::to_int(*text);
+    if (const std::optional<std::string> text = first_value(expires)) nw_expiry_ = registrar::to_int(*text);
   }
   const NodeSet name(get_nodeset(document.get(), "/ua-info/profile-info/name"));
   if (!name) {
     IMS_log::loginfo(4, __func__, "Error in parsing eclient XML %d", 613);
     return -1;
   }
-  std::optional<std::string> name_text = first_text(name);
+  std::optional<std::string> name_text = first_value(name);
   if (!name_text) {
     IMS_log::loginfo(4, __func__, "Error in parsing eclient XML %d", 622);
     return -1;
@@ -250,7 +262,7 @@ int RegisterXmlData::parse_eclient_xml(framework::XmlDocument& document) {
   dig_and_parse_aor(document.get());
   if (const NodeSet headers{get_nodeset(document.get(), "/ua-info/aor/ua-specific-parameters/sip-headers/header")}) {
     for (int i = 0; i < headers->nodesetval->nodeNr; ++i) {
-      const std::optional<std::string> text = own_text(headers->nodesetval->nodeTab[i]);
+      const std::optional<std::string> text = value_of(headers->nodesetval->nodeTab[i]);
       tokenize(IMSE_REG_TAB_OTHER, nullptr, text ? text->c_str() : nullptr);
     }
   }

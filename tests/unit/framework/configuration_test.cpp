@@ -53,6 +53,17 @@ TEST_F(Configuration, ReadsKeysOfBothKindsOfDocument) {
   EXPECT_EQ(log.text(), "");
 }
 
+TEST_F(Configuration, WhiteSpaceAroundAValueDoesNotCount) {
+  dir.write("config.xml", "<sipstackinit>\n<srctransport>\n  tcp\n</srctransport>\n</sipstackinit>");
+  dir.write("profiles/home.xml",
+            "<network-profile><impi>\n\t alice @home \r\n</impi><secret> </secret></network-profile>");
+  EXPECT_EQ(get("//srctransport", "config"), "[tcp]");
+  EXPECT_EQ(get("//impi", "home"), "[alice @home]");
+  EXPECT_EQ(get("//secret", "home"), "[]");
+  EXPECT_TRUE(framework::checkConfiguration(dir.path()).empty());
+  EXPECT_EQ(log.text(), "");
+}
+
 TEST_F(Configuration, AbsentThingsReadAsEmptyWithoutALine) {
   EXPECT_EQ(get("//a", "config"), "absent");
   EXPECT_EQ(get("//a", "home"), "absent");
@@ -234,7 +245,7 @@ TEST_F(Configuration, CheckNamesEachFaultWithFileAndLine) {
   dir.write("config.xml",
             "<sipstackinit>\n<ue-proxy>\n<max-connection>1</max-connection>\n<t1-ms>0</t1-ms>\n"
             "<io-thread>x</io-thread>\n<t2-ms>500</t2-ms>\n<t2-ms>500</t2-ms></ue-proxy>\n<ue-proxy/>"
-            "<srctransport>\n tcp</srctransport></sipstackinit>");
+            "<srctransport>t\n cp</srctransport></sipstackinit>");
   dir.write("profiles/a.xml", "<network-profile>\n<a>\n</network-profile>");
   dir.write("profiles/b.xml", "<profile/>");
   dir.write("profiles/c d.xml", "<network-profile/>");

@@ -65,6 +65,28 @@ TEST(SetRouteXml, BadDocumentIsRefusedWithOneLine) {
   EXPECT_EQ(log.lines(), 6u);
 }
 
+TEST(SetRouteXml, WhiteSpaceAroundAValueDoesNotCount) {
+  IMSSetRouteXml route;
+  EXPECT_EQ(
+      parse(route,
+            "<route-info>\n <action>\n  set-route\n </action>\n <profile-info><zel-profile-id> 1\t</zel-profile-id>"
+            "</profile-info>\n <device-name>\r\n</device-name>"
+            "<ip-type-port> 192.0.2.10:TCP:5060 </ip-type-port></route-info>"),
+      0);
+  EXPECT_EQ(route.action(), "set-route");
+  EXPECT_EQ(route.profile_id(), "1");
+  EXPECT_EQ(route.device_name(), "");
+  EXPECT_EQ(route.ip_type_port(), "192.0.2.10:TCP:5060");
+}
+
+TEST(SetRouteXml, AnEncodingThatIsNotReadIsRefusedWithOneLine) {
+  const LogCapture log;
+  IMSSetRouteXml route;
+  EXPECT_EQ(parse(route, "<?xml version='1.0' encoding='UTF-7'?><a><action>a</action></a>"), -1);
+  EXPECT_EQ(log.lines(), 1u);
+  EXPECT_TRUE(log.has(" 4 parseXml: route command refused: line 1: an encoding other than UTF-8, ")) << log.text();
+}
+
 TEST(SetRouteXml, LengthCountsTheEnd) {
   IMSSetRouteXml route;
   const char text[] = "<a><action>x</action></a>";

@@ -100,10 +100,122 @@ TEST(XmlDocument, OnlyEncodingsWithPlainMarkup) {
   EXPECT_NE(fault("<?xml version='1.0' encoding='UTF-7'?><a/>"), "");
   EXPECT_NE(fault("\xef\xbb\xbf<?xml version='1.0' encoding='UTF-7'?><a/>"), "");
   EXPECT_NE(fault("<?xml version='1.0' encoding=UTF-8?><a/>"), "");
-  EXPECT_NE(fault(std::string("<\0a\0/\0>\0", 8)), "");
+  EXPECT_NE(fault(std::string("<\0a\0/\0>\0", 8)), "") << "neither a mark nor a declaration tells what this is";
   EXPECT_NE(fault("\x4c\x6f\xa7\x94"), "");
   EXPECT_NE(fault("<a>\xff</a>"), "");
   EXPECT_EQ(fault(std::string("<a>\0</a>", 8)), "line 1: a NUL byte");
+}
+
+TEST(XmlDocument, NulsAtTheEndDoNotCount) {
+  EXPECT_EQ(first(std::string("<a>1</a>\0", 9), "/a"), "1");
+  EXPECT_EQ(first("<a>1</a>" + std::string(1000, '\0'), "/a"), "1");
+  EXPECT_EQ(fault(std::string("<a>1</a>\0\n", 10)), "line 1: a NUL byte");
+  EXPECT_EQ(fault(std::string(100, '\0')), "line 1: no XML document");
+}
+
+/// UTF-16 of a text of ASCII and U+00E4, with U+1F600 for each "~".
+std::string utf16(const std::string& text, bool big) {
+  std::string result;
+  const auto put = [&](unsigned unit) {
+    const char high = static_cast<char>(unit >> 8);
+    const char low = static_cast<char>(unit & 0xff);
+    result += big ? high : low;
+    result += big ? low : high;
+  };
+  for (const char c : text) {
+    if (c == '~') put(0xd83d);
+    put(c == '~' ? 0xde00 : static_cast<unsigned char>(c));
+  }
+  return result;
+}
+
+TEST(XmlDocument, Utf16IsRead) {
+  for (const bool big : {false, true}) {
+    const std::string mark = big ? "\xfe\xff" : "\xff\xfe";
+    EXPECT_EQ(first(mark + utf16("<a>\xe4~</a>", big), "/a"), "\xc3\xa4\xf0\x9f\x98\x80");
+    const std::string declared = utf16("<?xml version='1.0' encoding='UTF-16'?>\n<a>1</a>", big);
+    EXPECT_EQ(first(declared, "/a"), "1");
+    EXPECT_EQ(first(mark + declared, "/a"), "1");
+    for (std::size_t nuls = 1; nuls < 6; ++nuls) {
+      EXPECT_EQ(first(declared + std::string(nuls, '\0'), "/a"), "1") << nuls;
+    }
+    EXPECT_EQ(fault(mark + utf16("<a>\n</b>", big)).substr(0, 7), "line 2:") << "lines are counted";
+  }
+}
+
+TEST(XmlDocument, BrokenUtf16IsRefused) {
+  for (const bool big : {false, true}) {
+    const std::string mark = big ? "\xfe\xff" : "\xff\xfe";
+    const std::string high = big ? "\xd8\x3d" : "\x3d\xd8";
+    const std::string low = big ? std::string("\xde\0", 2) : std::string("\0\xde", 2);
+    const std::string begin = mark + utf16("<a>\n", big);
+    const std::string end = utf16("</a>", big);
+    EXPECT_EQ(fault(begin + high + end), "line 2: a byte that is not of its encoding");
+    EXPECT_EQ(fault(begin + low + end), "line 2: a byte that is not of its encoding");
+    EXPECT_EQ(fault(begin + high), "line 2: a byte that is not of its encoding");
+    EXPECT_EQ(fault(begin + end + "\n"), "line 2: a byte that is not of its encoding") << "half a character";
+    EXPECT_EQ(fault(begin + utf16(std::string(1, '\0'), big) + end), "line 2: a NUL byte");
+    EXPECT_EQ(fault(mark), "line 1: no XML document");
+  }
+}
+
+TEST(XmlDocument, WhatIsRefusedIsRefusedInEveryEncoding) {
+  for (const std::string text :
+       {"<!DOCTYPE a [<!ENTITY x 'y'>]><a>&x;</a>", "<a xmlns:b='c'><!DOCTYPE b></a>", "text"}) {
+    for (const bool big : {false, true}) {
+      const std::string other = (big ? "\xfe\xff" : "\xff\xfe") + utf16(text, big);
+      EXPECT_EQ(fault(other), fault(text));
+      EXPECT_NE(fault(other), "");
+    }
+  }
+  const std::string wide = "<a" + repeat(" b='c'", 100) + "/>";
+  EXPECT_EQ(fault("\xff\xfe" + utf16(wide, false)), "line 1: too many attributes in one tag");
+  const std::string deep = repeat("<a>", 4000) + repeat("</a>", 4000);
+  EXPECT_NE(fault("\xff\xfe" + utf16(deep, false)), "");
+}
+
+// UTF-7 writes "<!DOCTYPE" without one of its characters.
+TEST(XmlDocument, EncodingsThatHideMarkupAreRefused) {
+  const std::string hidden = "+ADwAIQ-DOCTYPE a+AD4-<a/>";
+  for (const char* const name :
+       {"UTF-7", "utf7", "UTF-16", "UTF-32", "ISO-2022-JP", "ISO-2022-KR", "HZ-GB-2312", "SCSU", "IBM037", "SHIFT_JIS",
+        "GB18030", "ISO-8859-15", "windows-1252", "HTML", "nonsense", "", "../../lib", "UTF-8,x", "UTF-8 "}) {
+    EXPECT_EQ(fault("<?xml version='1.0' encoding='" + std::string(name) + "'?>" + hidden),
+              "line 1: an encoding other than UTF-8, UTF-16, US-ASCII and ISO-8859-1")
+        << name;
+  }
+  EXPECT_NE(fault("\xef\xbb\xbf<?xml version='1.0' encoding='ISO-8859-1'?><a/>"), "") << "the mark says another";
+  // Another reader of the declaration may find another name in it; the parser goes by none.
+  EXPECT_EQ(first("<?xml version='1.0' encoding='UTF-8'?><a>+ADwAIQ-</a>", "/a"), "+ADwAIQ-");
+  EXPECT_NE(fault("<?xml version='encoding=\"UTF-8\"' encoding='UTF-7'?>" + hidden), "");
+  // UTF-32 and EBCDIC, by their first bytes.
+  EXPECT_NE(fault(std::string("<\0\0\0?\0\0\0", 8)), "");
+  EXPECT_NE(fault(std::string("\0\0\0<\0\0\0?", 8)), "");
+  EXPECT_NE(fault(std::string("\xff\xfe\0\0<\0\0\0", 8)), "");
+  EXPECT_NE(fault("\x4c\x6f\xa7\x94\x93\x40"), "");
+}
+
+TEST(XmlDocument, AsciiIsReadAndHasNoHighBytes) {
+  EXPECT_EQ(first("<?xml version='1.0' encoding='US-ASCII'?><a>1</a>", "/a"), "1");
+  EXPECT_EQ(first("<?xml version=\"1.0\" encoding=\"us-ascii\"?>\n<a>&#228;</a>", "/a"), "\xc3\xa4");
+  EXPECT_EQ(fault("<?xml version='1.0' encoding='US-ASCII'?>\n<a>\xe4</a>"),
+            "line 2: a byte that is not of its encoding");
+}
+
+TEST(XmlDocument, SizeIsBoundedAsUtf8Too) {
+  const auto latin1 = [](std::size_t letters) {
+    return "<?xml version='1.0' encoding='ISO-8859-1'?><a>" + std::string(letters, '\xe4') + "</a>";
+  };
+  EXPECT_EQ(fault(latin1(32000)), "");
+  EXPECT_EQ(fault(latin1(33000)), "more than 65536 bytes as UTF-8");
+  EXPECT_EQ(fault("\xff\xfe" + utf16("<a>" + std::string(32000, 'x') + "</a>", false)), "");
+}
+
+TEST(XmlDocument, WhiteSpaceAroundAValueDoesNotCount) {
+  EXPECT_EQ(first("<r>\n  <a>\r\n\t 1 2\n</a></r>", "//a"), "1 2");
+  EXPECT_EQ(first("<r><a b=' 1 '> \n</a></r>", "//a"), "");
+  EXPECT_EQ(first("<r><a b=' 1 '/></r>", "//a/@b"), "1");
+  EXPECT_EQ(first("<a>\xc2\xa0x</a>", "//a"), "\xc2\xa0x") << "what XML does not take for white space stays";
 }
 
 TEST(XmlDocument, CostlyShapesAreRefused) {
@@ -143,6 +255,14 @@ TEST(XmlDocument, LargestDocumentsAreReadQuickly) {
       "<r>" + repeat("<?xml?>", 9000) + "</r>",
       "<r>" + repeat("&#0;", 16000) + "</r>",
       "<r a='" + repeat("<", 60000) + "'/>",
+      "\xff\xfe" + utf16("<r>" + repeat("<a/>", 8000) + "</r>", false),
+      "\xff\xfe" + utf16("<r>" + repeat("&#65;", 6000) + "</r>", false),
+      "\xff\xfe" + utf16("<r>" + repeat("~", 16000) + "</r>", false),
+      "\xff\xfe" + std::string(65000, '\0') + "\n",
+      "\xff\xfe" + repeat("\x3d\xd8", 32000),
+      "<?xml version='1.0' encoding='ISO-8859-1'?><r>" + repeat("\xe4", 32000) + "</r>",
+      "<?xml " + repeat("encoding ", 7000) + "?>",
+      std::string(65000, '\0'),
   };
   for (const std::string& text : shapes) {
     ASSERT_LE(text.size(), kMaxXml);

@@ -312,12 +312,86 @@ TEST(RegisterXmlData, RefusesWhatAParserMustNotBeFed) {
         std::string("<!DOCTYPE ua-info SYSTEM \"http://127.0.0.1:1/x.dtd\"><ua-info/>"),
         std::string("<!DOCTYPE ua-info [<!ENTITY f SYSTEM \"file:///etc/passwd\">]><ua-info>&f;</ua-info>"),
         std::string("<?xml version=\"1.0\" encoding=\"UTF-7\"?><ua-info/>"), std::string("\xff\xfe<\0u\0", 6), nested,
-        uaInfo("home", "") + huge, std::string("<ua-info>\x01</ua-info>"), std::string("<ua-info>\xc3(</ua-info>"),
+        std::string("<?xml version=\"1.0\" encoding=\"US-ASCII\"?><ua-info>\xe4</ua-info>"), uaInfo("home", "") + huge,
+        std::string("<ua-info>\x01</ua-info>"), std::string("<ua-info>\xc3(</ua-info>"),
         std::string("<ua-info>\0</ua-info>", 20)}) {
     LogCapture log(4);
     EXPECT_EQ(Body(text).xml.parseXml(), -1) << text.substr(0, 80);
     EXPECT_EQ(log.texts(), Texts{"Error in get_package 400"});
   }
+}
+
+TEST(RegisterXmlData, WhiteSpaceAroundAValueDoesNotCount) {
+  Body body(
+      "<ua-info>\n <reg-expires-pref>\n 600\n </reg-expires-pref>\n <profile-info>\n  <name>\n   home net\n  </name>\n"
+      " </profile-info>\n <aor>\n  sip:a@home.net\n  <ua-specific-parameters>\n   <feature-tag> x </feature-tag>\n"
+      "   <feature-tag>\n</feature-tag>\n   <events>\treg, presence\r\n</events>\n   <methods> MESSAGE </methods>\n"
+      "   <content-type>\ntext/plain\n</content-type>\n   <sip-headers>\n    <header>\n     P-One:1\n    </header>\n"
+      "    <header> </header>\n   </sip-headers>\n  </ua-specific-parameters>\n </aor>\n</ua-info>\n");
+  ASSERT_EQ(body.xml.parseXml(), 0);
+  EXPECT_EQ(body.xml.get_nw_expiry_value(), 600);
+  EXPECT_EQ(body.xml.get_net_prof_name(), "home net");
+  ASSERT_EQ(body.xml.get_aor()->size(), 1u);
+  const ClientAOR_T& one = *body.xml.get_aor()->at(0);
+  EXPECT_EQ(one.aor, "sip:a@home.net");
+  EXPECT_EQ(one.feature_tags, Texts{"x"});
+  EXPECT_EQ(one.events, "reg, presence");
+  EXPECT_EQ(one.methods, "MESSAGE");
+  EXPECT_EQ(one.content_types, "text/plain");
+  EXPECT_EQ(headersOf(body.xml), Texts{"P-One=1"});
+
+  Body module("<module-info>\n <package-info>\n  reg\n </package-info>\n</module-info>");
+  ASSERT_EQ(module.xml.parseXml(), 0);
+  std::string packages;
+  EXPECT_EQ(module.xml.get_packages(packages), 0);
+  EXPECT_EQ(packages, "reg");
+}
+
+TEST(RegisterXmlData, AValueOfWhiteSpaceIsAnEmptyOne) {
+  LogCapture log(4);
+  EXPECT_EQ(Body("<ua-info><profile-info><name> \n</name></profile-info></ua-info>").xml.parseXml(), -1);
+  EXPECT_EQ(log.texts(), Texts{"Error in parsing eclient XML 622"});
+  // No value: what an earlier element said stays, as with an empty element.
+  Body body(uaInfo("home", aor("sip:a@home.net", "<events>reg</events><events> </events>")));
+  ASSERT_EQ(body.xml.parseXml(), 0);
+  EXPECT_EQ(body.xml.get_aor()->at(0)->events, "reg");
+}
+
+// Where the capabilities of an address stand is told by the document's text, white space included.
+TEST(RegisterXmlData, WhiteSpaceBeforeTheParametersIsTextOfTheAddress) {
+  LogCapture log;
+  Body body(uaInfo(
+      "home",
+      "<aor>\n<p><events>reg</events></p></aor><aor><p><events>a</events></p>\n<q><events>b</events></q></aor>"));
+  ASSERT_EQ(body.xml.parseXml(), 0);
+  ASSERT_EQ(body.xml.get_aor()->size(), 2u);
+  EXPECT_EQ(body.xml.get_aor()->at(0)->aor, "");
+  EXPECT_EQ(body.xml.get_aor()->at(0)->events, "reg");
+  EXPECT_EQ(body.xml.get_aor()->at(1)->events, "") << "what follows the first child is text";
+  EXPECT_TRUE(log.has(5, "ISME_REG: RegisterXmlData::process_aor_get_next_node \\x0a."));
+}
+
+TEST(RegisterXmlData, NulsAtTheEndOfABodyDoNotCount) {
+  LogCapture log(4);
+  for (const std::size_t nuls : {1U, 2U, 500U}) {
+    Body body(uaInfo("home", aor("sip:a@home.net", "")) + std::string(nuls, '\0'));
+    EXPECT_EQ(body.xml.parseXml(), 0);
+    EXPECT_EQ(body.xml.get_net_prof_name(), "home");
+  }
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(RegisterXmlData, OtherEncodingsAreReadAsUtf8) {
+  Body latin1("<?xml version='1.0' encoding='ISO-8859-1'?>" + uaInfo("caf\xe9", ""));
+  ASSERT_EQ(latin1.xml.parseXml(), 0);
+  EXPECT_EQ(latin1.xml.get_net_prof_name(), "caf\xc3\xa9");
+  Body ascii("<?xml version='1.0' encoding='US-ASCII'?>" + uaInfo("home", ""));
+  ASSERT_EQ(ascii.xml.parseXml(), 0);
+  std::string text = "\xff\xfe";
+  for (const char c : uaInfo("home", aor("sip:a@home.net", ""))) (text += c) += '\0';
+  Body utf16(text);
+  ASSERT_EQ(utf16.xml.parseXml(), 0);
+  EXPECT_EQ(utf16.xml.get_aor()->at(0)->aor, "sip:a@home.net");
 }
 
 TEST(RegisterXmlData, ThousandsOfAddressesAndHeadersAreReadInTime) {

@@ -129,13 +129,16 @@ TEST_F(RegistrarTest, AFirstRegisterThatEndsIsAnswered400) {
 
 TEST_F(RegistrarTest, AnEmptyProfileNameIsAnswered400) {
   LogCapture log(4);
-  EXPECT_EQ(status({.body = "<ua-info><profile-info><name><!-- --> </name></profile-info></ua-info>"}), 200);
+  EXPECT_EQ(status({.body = "<ua-info><profile-info><name><!-- --> </name></profile-info></ua-info>"}), 400);
+  EXPECT_EQ(log.texts(), (Texts{"Error in parsing eclient XML 622", "IMSE_REG: Invalid content",
+                                "IMSE_REG: handle_registrar_register_message: object creation failed"}));
+  log.clear();
   Register message = bob();
   message.body = "<ua-info><profile-info><name><![CDATA[]]></name></profile-info></ua-info>";
   EXPECT_EQ(status(message), 400);
   EXPECT_EQ(log.texts(), (Texts{"IMSE_REG:Invalid network profile",
                                 "IMSE_REG: Client processing failed. Deleting the client object"}));
-  EXPECT_EQ(clientCount(), 1u);
+  EXPECT_EQ(clientCount(), 0u);
 }
 
 TEST_F(RegistrarTest, TracesWhatItDoesWithARegister) {

@@ -53,6 +53,19 @@ class Registration(ProxyCase):
         self.assertTrue(peer.nothing())
         self.register(5071, cseq=2, expires=0)
 
+    def test_a_body_with_layout_nuls_or_another_encoding_is_read(self):
+        body = sip.ua_info("\n home\n ")
+        self.assertEqual(self.register(5071, body.encode() + bytes(3)).get("Zel-Profile-ID"), "1")
+        latin1 = sip.ua_info("home", "sip:\xe4@example.net").replace("UTF-8", "ISO-8859-1")
+        self.register(5072, latin1.encode("latin-1"), user="bob")
+        self.assertTrue(self.proxy.has("\xe4@example.net"), "as UTF-8")
+
+    def test_a_body_in_an_encoding_that_is_not_read_is_refused(self):
+        # Behind its first NUL nothing of a message is looked at, so UTF-16 does not get through either.
+        for body in (sip.ua_info().replace("UTF-8", "UTF-7"), sip.ua_info().encode("utf-16")):
+            self.register(5071, body, expect=400)
+        self.assertEqual(self.proxy.log().count("Error in get_package 400"), 2)
+
     def test_refusals(self):
         self.register(5071, "<ua-info></ua-info>", expect=400)
         self.register(5071, "<who-knows/>", expect=400)

@@ -142,6 +142,12 @@ class Running(unittest.TestCase):
         taken.close()
         proxy.stop()
 
+    def test_dynport_does_not_swallow_the_option_that_follows(self):
+        proxy = self.start(foreground=False, program_options=["-dynport", "--foreground"])
+        self.assertTrue(proxy.alive(), "in the foreground")
+        self.assertTrue(proxy.has("localport=5060"))
+        proxy.stop()
+
     def test_dynport_with_another_value_or_sign(self):
         proxy = self.start(program_options=["-dynport", "no"])
         self.assertTrue(proxy.has("localport=5060"))

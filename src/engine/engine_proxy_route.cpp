@@ -12,6 +12,7 @@
 #include "framework/set_route_xml.h"
 #include "framework/utility.h"
 #include "routing/routing_table_impl.h"
+#include "siplib/connector.h"
 
 namespace {
 
@@ -42,6 +43,14 @@ std::string route_info(const std::string& profile_id) {
 void IMS_engine_proxy::handle_proxy_message(SIPLIB_SIPTransportConnection* connection) {
   // Deliberate: this one line has the short form of the pointer.
   IMS_log::loginfo(5, __func__, "conn=%x", static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(connection)));
+  std::string why;
+  if (connection != nullptr && ua_connector != nullptr && !ua_connector->mayControl(*connection, why)) {
+    std::string ip;
+    int port = 0;
+    connection->getPeerAddress(ip, port);
+    IMS_log::loginfo(4, __func__, "route command from %s:%d dropped: %s", ip.c_str(), port, why.c_str());
+    return;
+  }
   std::string body;
   if (connection != nullptr) connection->getContent(body);
   if (body.empty()) {

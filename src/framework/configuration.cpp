@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -235,6 +236,7 @@ constexpr std::array kSettings{
     Setting{"max-challenges", 1, 1024, [](Settings s, long v) { s.bounds.challenges = count(v); }},
 };
 constexpr std::string_view kIoThread = "io-thread";
+constexpr std::string_view kControlUids = "control-uids";
 
 bool readNumber(const Setting& setting, std::string_view text, long& value) {
   const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -246,6 +248,24 @@ bool readYesNo(std::string_view text, bool& value) {
   return value || text == "no";
 }
 
+/// At least one number, with white space between them.
+bool readUids(std::string_view text, std::vector<uid_t>& uids) {
+  // (uid_t)-1 is no user's.
+  constexpr std::uint32_t kMostUid = std::numeric_limits<std::uint32_t>::max() - 1;
+  uids.clear();
+  while (!(text = siplib::trim(text)).empty()) {
+    const std::size_t end = std::min(text.find_first_of(" \t\r\n"), text.size());
+    const auto uid = siplib::decimal(text.substr(0, end), kMostUid);
+    if (!uid) {
+      uids.clear();
+      return false;
+    }
+    uids.push_back(*uid);
+    text.remove_prefix(end);
+  }
+  return !uids.empty();
+}
+
 std::string wrongNumber(const Setting& setting, const std::string& value) {
   return "'" + value + "' for " + std::string(setting.name) + " is not a number from " + std::to_string(setting.least) +
          " to " + std::to_string(setting.most);
@@ -253,6 +273,10 @@ std::string wrongNumber(const Setting& setting, const std::string& value) {
 
 std::string wrongYesNo(const std::string& value) {
   return "'" + value + "' for " + std::string(kIoThread) + " is neither yes nor no";
+}
+
+std::string wrongUids(const std::string& value) {
+  return "'" + value + "' for " + std::string(kControlUids) + " is not a list of user ids";
 }
 
 // --- Checking
@@ -350,8 +374,11 @@ class Checker {
           std::find_if(kSettings.begin(), kSettings.end(), [&](const Setting& row) { return row.name == name; });
       long number = 0;
       bool flag = false;
+      std::vector<uid_t> uids;
       if (setting != kSettings.end()) {
         if (!readNumber(*setting, value, number)) fault(path, *node, wrongNumber(*setting, value));
+      } else if (name == kControlUids) {
+        if (!readUids(value, uids)) fault(path, *node, wrongUids(value));
       } else if (name != kIoThread) {
         fault(path, *node, "unknown setting '" + std::string(name) + "'");
       } else if (!readYesNo(value, flag)) {
@@ -390,6 +417,12 @@ void readStackSettings(const std::string& path, const std::string& node, SIPLIB_
       setting.set({config, bounds}, number);
     } else {
       IMS_log::loginfo(3, "init_sipstack_info", "%s", wrongNumber(setting, value).c_str());
+    }
+  }
+  if (readParameter(path, node + std::string(kControlUids), value)) {
+    // A list that cannot be read keeps everybody out rather than letting everybody in.
+    if (!readUids(value, config.control_uids.emplace())) {
+      IMS_log::loginfo(3, "init_sipstack_info", "%s: nobody may control the proxy", wrongUids(value).c_str());
     }
   }
   if (!readParameter(path, node + std::string(kIoThread), value)) return;

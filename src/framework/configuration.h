@@ -21,7 +21,7 @@ bool readParameter(const std::string& path, const std::string& key, std::string&
 struct Bounds;
 
 /// Reads the settings, the elements `node`NAME of the file, into `config`, `bounds` and `io_thread`. What is no good
-/// keeps its default, with a log line.
+/// keeps its default, with a log line; a list of users that is no good is one of nobody.
 void readStackSettings(const std::string& path, const std::string& node, SIPLIB_SIPStackConfig& config, Bounds& bounds,
                        bool& io_thread);
 

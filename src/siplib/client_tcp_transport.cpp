@@ -257,6 +257,15 @@ bool ClientTcpTransport::getLocalAddress(std::string& ip, int& port) const {
   return local_.get(ip, port);
 }
 
+std::optional<uid_t> ClientTcpTransport::peerOwner(std::string& why) const {
+  SocketAddress local;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    local = local_;
+  }
+  return tcpPeerOwner(destination_, local, why);
+}
+
 bool ClientTcpTransport::forgettable() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return !pinned_ && state_ == State::Closed;

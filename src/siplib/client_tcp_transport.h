@@ -65,6 +65,8 @@ class ClientTcpTransport final : public SIPLIB_SIPClientTcpTransport,
   void streamClosed(TcpStream& stream, int level, std::string_view why, std::string unsent) override;
   /// A message that the ordinary SIP processing sent over the stack's way to itself.
   void ownMessage(std::string text);
+  /// See peer_owner.h.
+  std::optional<uid_t> peerOwner(std::string& why) const;
   /// The end of the stack.
   void shutdown() { watched_.reset(); }
 
@@ -133,6 +135,7 @@ class ClientPath final : public Path {
   bool reliable() const override { return true; }
   void local(std::string& ip, int& port) const override { transport_->source().get(ip, port); }
   void peer(std::string& ip, int& port) const override { transport_->destination().get(ip, port); }
+  std::optional<uid_t> peerOwner(std::string& why) const override { return transport_->peerOwner(why); }
 
  private:
   const std::shared_ptr<ClientTcpTransport> transport_;

@@ -35,6 +35,9 @@ class SIPLIB_SIPConnector {
   /// endpoint.
   virtual SIPLIB_SIPClientConnection* openClientTransaction(std::string_view transport, std::string_view ip,
                                                             int port) = 0;
+  /// Whether the stack's configuration lets the peer of a received message control the proxy; else `why` says in a few
+  /// words why not. Asks the kernel only when the configuration names users.
+  virtual bool mayControl(const SIPLIB_SIPTransportConnection& /*connection*/, std::string& /*why*/) { return true; }
   /// Ends the use of any connection, notifier, or transaction; see at each what that means. Null is accepted; so is one
   /// closed before in this turn. 0 when done, -1 for null. A client TCP connection is closed for good: only a new
   /// openClient of its pair opens it again, no send, and no event of an earlier loss; what waits is dropped.

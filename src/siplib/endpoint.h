@@ -12,6 +12,7 @@
 
 #include "siplib/connection.h"
 #include "siplib/endpoint_listener.h"
+#include "siplib/peer_owner.h"
 #include "siplib/server_udp_transport.h"
 #include "siplib/socket.h"
 #include "siplib/stack_core.h"
@@ -104,6 +105,7 @@ class DatagramPath final : public Path {
   bool reliable() const override { return false; }
   void local(std::string& ip, int& port) const override { local_.get(ip, port); }
   void peer(std::string& ip, int& port) const override { peer_.get(ip, port); }
+  std::optional<uid_t> peerOwner(std::string& why) const override { return udpPeerOwner(peer_, why); }
 
  private:
   const std::weak_ptr<Endpoint> endpoint_;

@@ -1,11 +1,15 @@
 // The stack: settings, start, and its connector. One per process through SIPLIB_SIPInit; tests may make their own.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
+#include <vector>
 
 #include "siplib/connector.h"
 #include "siplib/limits.h"
@@ -27,6 +31,9 @@ struct SIPLIB_SIPStackConfig {
   /// An accepted connection that has not delivered a whole head so long after its acceptance, or not finished a message
   /// so long after its first byte, is closed.
   std::chrono::seconds head_timeout{10};
+  /// The user ids whose processes may send what changes who is served how: REGISTER and SUBSCRIBE to the local endpoint
+  /// (403 to others), and what SIPLIB_SIPConnector::mayControl is asked about. Unset: everybody's, and nobody is asked.
+  std::optional<std::vector<uid_t>> control_uids;
   /// RFC 3261 17.1.1.1, table 4.
   std::chrono::milliseconds t1{500};
   std::chrono::milliseconds t2{4000};

@@ -120,16 +120,19 @@ void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> p
         why.data());
     return;
   }
-  if (!message->fromNetwork()) {
-    layer_->receive(std::move(message), std::move(path));
-  } else if (message->isRequest()) {
-    refuse(*message, *path);
-  } else {
+  if (message->fromNetwork() && message->isResponse()) {
     std::string ip;
     int port = 0;
     path->peer(ip, port);
     log(strangers_, 3, "process", "response %d from %s:%d dropped: not on the local endpoint", message->statusCode(),
         ip.c_str(), port);
+    return;
+  }
+  std::string why = "not on the local endpoint";
+  if (!message->fromNetwork() && (message->isResponse() || mayTake(*message, *path, why))) {
+    layer_->receive(std::move(message), std::move(path));
+  } else {
+    refuse(*message, *path, why);
   }
 }
 
@@ -138,13 +141,30 @@ void StackCore::tellKeptOut(const SIPLIB_message& message) {
       message.isRequest() ? "request" : "response");
 }
 
+bool StackCore::mayTake(const SIPLIB_message& request, const Path& path, std::string& why) const {
+  if (request.method() != "REGISTER" && request.method() != "SUBSCRIBE") return true;
+  return mayControl([&path](std::string& unknown) { return path.peerOwner(unknown); }, why);
+}
+
+bool StackCore::mayControl(const std::function<std::optional<uid_t>(std::string&)>& owner, std::string& why) const {
+  if (!config_.control_uids) return true;
+  const std::optional<uid_t> uid = owner(why);
+  if (!uid) {
+    why = "its user is not known: " + why;
+    return false;
+  }
+  const auto& allowed = *config_.control_uids;
+  why = "user id " + std::to_string(*uid) + " may not control the proxy";
+  return std::find(allowed.begin(), allowed.end(), *uid) != allowed.end();
+}
+
 // Without a transaction (RFC 3261 8.2.7): the same request gets the same tag, so a repeated one the same answer.
-void StackCore::refuse(const SIPLIB_message& request, Path& path) const {
+void StackCore::refuse(const SIPLIB_message& request, Path& path, const std::string& why) const {
   std::string ip;
   int port = 0;
   path.peer(ip, port);
-  log(4, "refuse", "%.*s from %s:%d refused: not on the local endpoint", static_cast<int>(request.method().size()),
-      request.method().data(), ip.c_str(), port);
+  log(4, "refuse", "%.*s from %s:%d refused: %s", static_cast<int>(request.method().size()), request.method().data(),
+      ip.c_str(), port, why.c_str());
   const auto via = request.header("Via");
   if (request.method() == "ACK" || !via) return;
 

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -90,6 +91,10 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
   /// One line about a message from the network that would have gone the stack's way to itself. Any thread.
   void tellKeptOut(const SIPLIB_message& message);
 
+  /// Whether the configuration lets the user whom `owner` names control the proxy, else `why` not; see peer_owner.h.
+  /// Not asked when nobody is kept out. Any thread.
+  bool mayControl(const std::function<std::optional<uid_t>(std::string&)>& owner, std::string& why) const;
+
   /// A stream from its start to its end: one on which nothing moves is closed after the idle timeout, one whose peer
   /// owes something (TcpStream::owedSince) after the head timeout. I/O thread.
   void watch(const std::shared_ptr<TcpStream>& stream);
@@ -119,7 +124,8 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
                     Deadline StackCore::*self);
   void startTimer(Deadline& deadline, std::int64_t earliest);
   void closeOverdue(Deadline& deadline);
-  void refuse(const SIPLIB_message& request, Path& path) const;
+  bool mayTake(const SIPLIB_message& request, const Path& path, std::string& why) const;
+  void refuse(const SIPLIB_message& request, Path& path, const std::string& why) const;
   void write(int level, const char* where, std::uint64_t left_out, const char* format, va_list arguments) const
       __attribute__((format(printf, 5, 0)));
 

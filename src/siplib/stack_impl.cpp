@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "siplib/peer_owner.h"
 #include "siplib/text.h"
 
 namespace siplib {
@@ -136,6 +137,24 @@ SIPLIB_SIPClientConnection* StackImpl::openClientTransaction(std::string_view tr
                                                              int port) {
   auto path = pathTo(transport, ip, port);
   return path ? core_->layer().openClient(std::move(path)) : nullptr;
+}
+
+bool StackImpl::mayControl(const SIPLIB_SIPTransportConnection& connection, std::string& why) {
+  const auto owner = [&connection](std::string& unknown) -> std::optional<uid_t> {
+    std::string ip;
+    int port = 0;
+    const auto known = [&](bool found) { return found ? peerOf(ip, port) : std::nullopt; };
+    const auto peer = known(connection.getPeerAddress(ip, port));
+    const auto local = known(connection.getLocalAddress(ip, port));
+    if (!peer || !local) {
+      unknown = "its address is not known";
+      return std::nullopt;
+    }
+    return dynamic_cast<const SIPLIB_SIPServerUdpTransport*>(&connection) != nullptr
+               ? udpPeerOwner(*peer, unknown)
+               : tcpPeerOwner(*peer, *local, unknown);
+  };
+  return core_->mayControl(owner, why);
 }
 
 int StackImpl::close(SIPLIB_SIPConnection* connection) {

@@ -36,6 +36,7 @@ class StackImpl final : public SIPLIB_SIPStack, public SIPLIB_SIPConnector, publ
   SIPLIB_SIPTransportConnection* openClient(std::string_view transport, std::string_view source_ip, int source_port,
                                             std::string_view ip, int port) override;
   SIPLIB_SIPClientConnection* openClientTransaction(std::string_view transport, std::string_view ip, int port) override;
+  bool mayControl(const SIPLIB_SIPTransportConnection& connection, std::string& why) override;
   int close(SIPLIB_SIPConnection* connection) override;
   int closeLost(SIPLIB_SIPClientTcpTransport* transport) override;
   void keepPlacesFor(const std::vector<std::string>& addresses) override;

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "siplib/framer.h"
+#include "siplib/peer_owner.h"
 #include "siplib/reactor.h"
 #include "siplib/socket.h"
 #include "siplib/stack_core.h"
@@ -125,6 +126,7 @@ class StreamPath final : public Path {
   bool reliable() const override { return true; }
   void local(std::string& ip, int& port) const override { local_.get(ip, port); }
   void peer(std::string& ip, int& port) const override { peer_.get(ip, port); }
+  std::optional<uid_t> peerOwner(std::string& why) const override { return tcpPeerOwner(peer_, local_, why); }
 
  private:
   const std::weak_ptr<TcpStream> stream_;

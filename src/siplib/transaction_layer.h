@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -32,6 +33,11 @@ class Path {
   /// Addresses without brackets.
   virtual void local(std::string& ip, int& port) const = 0;
   virtual void peer(std::string& ip, int& port) const = 0;
+  /// See peer_owner.h.
+  virtual std::optional<uid_t> peerOwner(std::string& why) const {
+    why = "it came by way of the proxy";
+    return std::nullopt;
+  }
 };
 
 /// What the layer needs of the sockets below.

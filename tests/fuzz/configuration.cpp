@@ -78,6 +78,9 @@ void checkSettings(const TemporaryDir& dir, const framework::XmlDocument& config
     PROMISE(setting.get(read) == expected.value_or(setting.get(defaults)));
     PROMISE(!there || expected || faults);
   }
+  const bool list = config.first(std::string(kNode) + "control-uids", value);
+  const bool numbers = value.find_first_not_of("0123456789 \t\r\n") == std::string::npos;
+  PROMISE(read.control_uids.has_value() == list && (!list || numbers || (read.control_uids->empty() && faults)));
   PROMISE(!io_thread || (config.first(std::string(kNode) + "io-thread", value) && value.find("yes") != value.npos));
 }
 

@@ -60,6 +60,20 @@ class RouteCommand : public EngineFixture {
   FakeServerTcp local{"127.0.0.1", 5060, "127.0.0.1", 40000};
 };
 
+TEST_F(RouteCommand, OneOfAUserWhoMayNotControlIsDroppedWithOneLine) {
+  ASSERT_EQ(run(command("set-route", "1", "127.0.0.3:TCP:5070")), 1u);
+  connector.control_refused = "user id 7 may not control the proxy";
+  LogCapture log(4);
+  for (const char* const action : {"set-route", "update-route", "delete-route"}) {
+    EXPECT_EQ(run(command(action, "1", "127.0.0.4:TCP:5070")), 0u);
+  }
+  EXPECT_EQ(run(""), 0u);
+  EXPECT_EQ(log.count(4, "route command from 127.0.0.1:40000 dropped: user id 7 may not control the proxy"), 4);
+  EXPECT_EQ(log.lines().size(), 4u);
+  ASSERT_NE(domain("1"), nullptr);
+  EXPECT_EQ(domain("1")->domain.proxy_ip, "127.0.0.3");
+}
+
 TEST_F(RouteCommand, SetRouteAddsADomain) {
   LogCapture log;
   EXPECT_EQ(run(command("set-route", "1", "127.0.0.3:TCP:5070", "eth9")), 1u);

@@ -228,6 +228,31 @@ TEST_F(Configuration, BadSettingKeepsItsDefaultWithOneLine) {
   EXPECT_TRUE(lines.has("'maybe' for io-thread is neither yes nor no"));
 }
 
+TEST_F(Configuration, ControlUidsAreAListOfNumbers) {
+  const auto read = [&](const std::string& element) {
+    dir.write("config.xml", "<sipstackinit><ue-proxy>" + element + "</ue-proxy></sipstackinit>");
+    SIPLIB_SIPStackConfig config;
+    framework::Bounds bounds;
+    bool io_thread = false;
+    framework::readStackSettings(dir / "config.xml", "/sipstackinit/ue-proxy/", config, bounds, io_thread);
+    return config.control_uids;
+  };
+  EXPECT_EQ(read(""), std::nullopt);
+  EXPECT_EQ(read("<control-uids>0</control-uids>"), std::vector<uid_t>{0});
+  EXPECT_EQ(read("<control-uids>\n 1000\t65534  4294967294 \n</control-uids>"),
+            (std::vector<uid_t>{1000, 65534, 4294967294}));
+  EXPECT_EQ(log.text(), "");
+  for (const char* const bad : {"", " ", "root", "0,1", "0 x", "-1", "4294967295", "0x0"}) {
+    const LogCapture lines;
+    EXPECT_EQ(read("<control-uids>" + std::string(bad) + "</control-uids>"), std::vector<uid_t>()) << bad;
+    EXPECT_EQ(lines.lines(), 1u);
+    EXPECT_TRUE(lines.has("for control-uids is not a list of user ids: nobody may control the proxy")) << lines.text();
+    EXPECT_EQ(framework::checkConfiguration(dir.path()).size(), 1u);
+  }
+  read("<control-uids>0 1000</control-uids>");
+  EXPECT_TRUE(framework::checkConfiguration(dir.path()).empty());
+}
+
 // --- The check
 
 TEST_F(Configuration, CheckFindsNothingInGoodDocuments) {

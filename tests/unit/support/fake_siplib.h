@@ -193,6 +193,7 @@ class FakeConnector : public SIPLIB_SIPConnector {
   bool refuse_notifiers = false;
   bool refuse_clients = false;
   bool refuse_sip_notifier = false;
+  std::string control_refused;  ///< why no peer may control the proxy; empty: all may
 
   std::vector<std::unique_ptr<FakeSipNotifier>> sip_notifiers;
   std::vector<std::unique_ptr<FakeNotifier>> notifiers;
@@ -217,6 +218,10 @@ class FakeConnector : public SIPLIB_SIPConnector {
     return std::find(closes.begin(), closes.end(), connection) != closes.end();
   }
 
+  bool mayControl(const SIPLIB_SIPTransportConnection&, std::string& why) override {
+    why = control_refused;
+    return control_refused.empty();
+  }
   SIPLIB_SIPConnectionNotifier* openNotifier(std::string_view uri) override {
     sip_notifier_opens.emplace_back(uri);
     const std::string port(uri.substr(uri.rfind(':') + 1));

@@ -11,6 +11,9 @@
 /// challenge: measured at 70 us per KiB of challenge, the bytes keep a hostile network's answers under 3 ms a request.
 constexpr std::size_t kMaxChallengeBytes = std::size_t{32} * 1024;
 
+/// What is kept of each text in a client's record; the rest is cut off. Every client can have a record in every domain.
+constexpr std::size_t kMaxClientText = 1024;
+
 /// Which challenge: a 401's WWW-Authenticate or a 407's Proxy-Authenticate.
 enum Auth_T { AUTH_WWW = 0, AUTH_PROXY = 1 };
 

@@ -39,8 +39,8 @@ class IMS_Proxy_Authenticate {
   bool is_auth_hdr_available_for_profile(std::string domain_key);
   /// The first record of the client within the domain.
   bool check_if_client_exists(std::string domain_key, std::string client_key, int& client_index);
-  /// Appends a record of the client, made from its request; one that is there already is not looked for. False when the
-  /// request is null or a key empty.
+  /// Appends a record of the client, made from its request, or makes the one that it has anew. False when the request
+  /// is null, a key empty, or the table has no such client or domain: nothing would ever delete its record.
   bool add_client_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, std::string client_key,
                        int& client_index);
   /// Makes a client's record anew from the request. False when the request is null or there is no such position.
@@ -52,6 +52,8 @@ class IMS_Proxy_Authenticate {
   bool delete_auth_info(std::string domain_key);
   /// Forgets the client within the domain; false when it was not known. The challenges stay.
   bool delete_client_auth_info(std::string domain_key, std::string client_key);
+  /// Forgets the client within every domain. Its requests may have gone through others than its own.
+  void forget_client(const std::string& client_key);
   /// What is stored for a domain; null when nothing is. Good until the next change.
   const Auth_Info_T* auth_info(const std::string& domain_key) const;
 

@@ -52,6 +52,9 @@ std::string read_request(const char* caller, const char* first_request, SIPLIB_S
     }
   }
   request->getHeader("CSeq", info.cseq);
+  for (std::string* text : {&info.cseq, &info.nonce, &info.nc, &info.realm, &info.cnonce}) {
+    if (text->size() > kMaxClientText) *text = text->substr(0, kMaxClientText);  // a new one, with room for no more
+  }
   return value;
 }
 
@@ -135,12 +138,20 @@ bool IMS_Proxy_Authenticate::add_client_info(SIPLIB_SIPTransportConnection* requ
     IMS_log::loginfo(4, __func__, "Error - either conn is NULL or keys are emoty");
     return false;
   }
+  if (rt_ptr == nullptr || rt_ptr->client(client_key) == nullptr || rt_ptr->domain(domain_key) == nullptr) {
+    IMS_log::loginfo(4, __func__, "There is no client %s or domain %s - nothing is kept of it", client_key.c_str(),
+                     domain_key.c_str());
+    return false;
+  }
   Client_Info_T info;
   info.client_key = client_key;
   read_request(__func__, "This is the typicalcase of first unchallenged request", request, info);
   std::vector<Client_Info_T>& clients = store_[domain_key].clients;
-  clients.push_back(std::move(info));
-  client_index = static_cast<int>(clients.size()) - 1;
+  auto client = std::find_if(clients.begin(), clients.end(),
+                             [&](const Client_Info_T& known) { return known.client_key == client_key; });
+  if (client == clients.end()) client = clients.emplace(client);
+  *client = std::move(info);
+  client_index = static_cast<int>(client - clients.begin());
   IMS_log::loginfo(5, __func__, "Client added to list - index is %d ", client_index);
   return true;
 }
@@ -220,6 +231,15 @@ bool IMS_Proxy_Authenticate::delete_client_auth_info(std::string domain_key, std
   }
   IMS_log::loginfo(5, __func__, "Could not find client key to be deleted");
   return false;
+}
+
+void IMS_Proxy_Authenticate::forget_client(const std::string& client_key) {
+  for (auto& [domain_key, info] : store_) {
+    if (std::erase_if(info.clients, [&](const Client_Info_T& known) { return known.client_key == client_key; }) == 0) {
+      continue;
+    }
+    IMS_log::loginfo(5, __func__, "Client %s is forgotten in domain %s too", client_key.c_str(), domain_key.c_str());
+  }
 }
 
 const Auth_Info_T* IMS_Proxy_Authenticate::auth_info(const std::string& domain_key) const {

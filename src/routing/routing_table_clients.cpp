@@ -149,6 +149,7 @@ bool IMS_Proxy_RoutingTable_Impl::deleteClient(ClientTable_Field_T const& type, 
   if (record.tcp_client_conn == nullptr) IMS_engine_proxy::close_client_connection(record.tcp_client_conn);
   if (IMS_engine_proxy::ims_proxy_auth_ptr != nullptr) {
     IMS_engine_proxy::ims_proxy_auth_ptr->delete_client_auth_info(record.domain_key, found->first);
+    IMS_engine_proxy::ims_proxy_auth_ptr->forget_client(found->first);
   }
   clients_.erase(found);
   IMS_log::loginfo(5, __func__, "Delete Client is Successful");

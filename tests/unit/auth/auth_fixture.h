@@ -32,6 +32,15 @@ class Authenticate : public testing::Test {
     return table.findDomain(DT_PROFILE_ID, profile_id);
   }
 
+  /// A client of the domain "home"; its key.
+  std::string add_client(const std::string& ua_port) {
+    ClientTable_Entry_T entry;
+    entry.ua_port = ua_port;
+    entry.profile_id = "home";
+    EXPECT_TRUE(table.addClient(entry));
+    return table.findKey(CT_UA_PORT, ua_port);
+  }
+
   /// A request as a client sends it, `headers` beside its CSeq. It stays the current message of the connection given.
   static void set_request(FakeServerTcp& connection, const FakeHeaders& headers = {},
                           const std::string& method = "INVITE", const std::string& cseq = "1") {
@@ -79,7 +88,8 @@ class Authenticate : public testing::Test {
   IMS_Proxy_Authenticate auth{&table};
   FakeServerTcp request;
   FakeServerTcp response;
-  std::string home;  ///< key of the domain with alice's credentials
+  std::string home;       ///< key of the domain with alice's credentials
+  std::string k, k1, k2;  ///< keys of clients of it
 };
 
 /// The client nonce that the last digest was computed with.

@@ -1,4 +1,4 @@
-// The engine's statics that the routing table uses: listeners open, connections do not.
+// The engine's statics that the routing table uses: everything opens, and nothing is behind it.
 #include "engine/engine_proxy.h"
 
 #include "auth_fixture.h"
@@ -14,7 +14,8 @@ bool IMS_engine_proxy::is_tcp(const std::string&) {
 }
 SIPLIB_SIPTransportConnection* IMS_engine_proxy::open_client_connection(const std::string&, const std::string&, int,
                                                                         const std::string&, int) {
-  return nullptr;
+  static FakeClientTcp connection;
+  return &connection;
 }
 void IMS_engine_proxy::close_client_connection(SIPLIB_SIPClientTcpTransport*) {
 }
@@ -28,6 +29,9 @@ SIPLIB_SIPTransportNotifier* IMS_engine_proxy::open_net_notifier(const std::stri
 Authenticate::Authenticate() {
   IMS_engine_proxy::ims_proxy_auth_ptr = &auth;
   home = add_domain("home", "alice", "secret");
+  k = add_client("6000");
+  k1 = add_client("6001");
+  k2 = add_client("6002");
 }
 
 Authenticate::~Authenticate() {

@@ -149,7 +149,7 @@ TEST_F(Authenticate, TheFirstChallengeOfARealmMakesAnEntry) {
 TEST_F(Authenticate, ASecondChallengeOfARealmReplacesTheTextAndKeepsTheSlots) {
   ASSERT_TRUE(challenge(401, kQop));
   set_request(request);
-  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   ASSERT_EQ(slot().nc, "1");
 
   LogCapture log;
@@ -162,7 +162,7 @@ TEST_F(Authenticate, ASecondChallengeOfARealmReplacesTheTextAndKeepsTheSlots) {
   EXPECT_EQ(slot().nc, "1");
 
   set_request(request);
-  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(parameter("Authorization", "nonce"), "\"n2\"");
   EXPECT_EQ(parameter("Authorization", "nc"), "2");
 }
@@ -187,7 +187,7 @@ TEST_F(Authenticate, TenThousandRealmsAreBounded) {
   EXPECT_TRUE(challenge(401, "Digest realm=\"r0\", nonce=\"new\""));  // a known realm still gets its new text
   EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, "Digest realm=\"r0\", nonce=\"new\"");
   set_request(request);
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(values("Authorization").size(), framework::bounds().challenges);
 }
 
@@ -206,7 +206,7 @@ TEST_F(Authenticate, TheTextOfADomainsChallengesIsBounded) {
   EXPECT_EQ(auth.auth_info(home)->auth_hdrs[2].auth_hdr, sized("c", 1000));
   EXPECT_TRUE(challenge(401, sized("a", 15001)));  // what it replaces does not count
   set_request(request);
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(values("Authorization").size(), 3U);
 }
 
@@ -218,7 +218,7 @@ TEST_F(Authenticate, AFirstChallengeThatIsNotKeptLeavesClientsTheirOwnCredential
   EXPECT_EQ(auth.auth_info(home), nullptr);
   set_request(request, {{"Authorization", own("n1")}});
   const std::string before = request.current();
-  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(request.current(), before);
 }
 
@@ -227,7 +227,7 @@ TEST_F(Authenticate, AChallengeWithoutRealmOrNonceIsAnsweredWithEmptyOnes) {
   ASSERT_TRUE(challenge(401, "Digest"));  // the same again
   ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
   set_request(request);
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(parameter("Authorization", "realm"), "\"\"");
   EXPECT_EQ(parameter("Authorization", "nonce"), "\"\"");
 }
@@ -238,19 +238,19 @@ TEST_F(Authenticate, RequestsOfADomainThatWasNeverChallengedPassUnchanged) {
   set_request(request, {{"Authorization", own("x")}});
   const std::string before = request.current();
   LogCapture log;
-  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
-  EXPECT_EQ(log.texts(), (Texts{"update_auth_info_for_request : domain_key " + home + ", client_key k",
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, k));
+  EXPECT_EQ(log.texts(), (Texts{"update_auth_info_for_request : domain_key " + home + ", client_key " + k,
                                 "Auth Entry NOT Found for this Profile " + home,
                                 "No Auth hdrs avaiable for this profile - Nothing to be done in Proxy"}));
   EXPECT_EQ(request.current(), before);
   EXPECT_EQ(auth.auth_info(home), nullptr);
-  EXPECT_FALSE(auth.update_auth_info_for_request(nullptr, home, "k"));
+  EXPECT_FALSE(auth.update_auth_info_for_request(nullptr, home, k));
   EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
 }
 
 TEST_F(Authenticate, AnyClientOfAChallengedDomainGetsAnAuthorization) {
   ASSERT_TRUE(challenge(401, kPlain));
-  for (const char* client : {"k1", "k2", "k1"}) {
+  for (const std::string& client : {k1, k2, k1}) {
     SCOPED_TRACE(client);
     set_request(request);
     EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, client));
@@ -264,13 +264,13 @@ TEST_F(Authenticate, ANewClientIsAddedBeforeAndAKnownOneRefreshedAfterItsRequest
   ASSERT_TRUE(challenge(401, kQop));
   set_request(request);
   LogCapture log;
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(log.texts().back(), "Client does not exist  - new  client index - 0 and retval is 1");
   EXPECT_TRUE(log.has(5, "Auth Header is avaliable for this profile - " + home));
   EXPECT_EQ(auth.auth_info(home)->clients[0].hdr_type, 2);
 
   set_request(request, {}, "INVITE", "2");
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_TRUE(log.has(5, "Client already exists - client index - 0"));
   EXPECT_EQ(log.texts().back(), "Updating client info - retval is 1");
   const Client_Info_T& client = auth.auth_info(home)->clients[0];
@@ -286,7 +286,7 @@ TEST_F(Authenticate, AFreshNonceIsUsedWithCount1AndEachHeaderAdvancesIt) {
   for (int count = 1; count <= 3; ++count) {
     set_request(request);
     LogCapture log;
-    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
     EXPECT_EQ(parameter("Authorization", "nonce"), "\"n1\"");
     EXPECT_EQ(parameter("Authorization", "nc"), std::to_string(count));
     EXPECT_EQ(parameter("Authorization", "cnonce"), "\"\"");
@@ -326,7 +326,7 @@ TEST_F(Authenticate, TwoRealmsOfOneKindGiveTwoHeadersTheLaterOnTop) {
   ASSERT_TRUE(challenge(401, kPlain));
   ASSERT_TRUE(challenge(401, kProxyPlain));
   set_request(request);
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(values("Authorization"), (Texts{kProxyAnswer, kPlainAnswer}));
 }
 
@@ -347,8 +347,8 @@ TEST_F(Authenticate, ADomainWithoutUserNameGetsNoHeader) {
   ASSERT_TRUE(challenge(401, kPlain));
   set_request(request);
   const std::string before = request.current();
-  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
-  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, k));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(request.current(), before);
 }
 
@@ -369,7 +369,7 @@ TEST_F(Authenticate, AConnectionWithoutMessageDoesNoHarm) {
   FakeServerTcp idle;
   EXPECT_FALSE(auth.is_request_challenged(&idle));
   EXPECT_FALSE(auth.update_auth_info_for_response(&idle, home));
-  EXPECT_FALSE(auth.update_auth_info_for_request(&idle, home, "k"));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&idle, home, k));
 }
 
 // --- Requests: a client with credentials of its own
@@ -407,7 +407,7 @@ TEST_F(Authenticate, AnAnswerToAnUnknownNonceStaysTheClientsOwn) {
   for (const std::string& value : {own("other"), std::string("Digest nonce=\"n1")}) {
     set_request(request, {{"Authorization", value}});
     LogCapture log;
-    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
     EXPECT_EQ(values("Authorization"), Texts{value});
     EXPECT_TRUE(log.has(5, "Could not replace Auth headers - returning false") ||
                 log.has(4, "auth_hdr_obj is  NULL - returning false"));
@@ -418,10 +418,10 @@ TEST_F(Authenticate, ANonceIsKnownForItsKindOnly) {
   ASSERT_TRUE(challenge(407, kPlain));
   const std::string value = own("n1");
   set_request(request, {{"Authorization", value}});
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(values("Authorization"), Texts{value});
   set_request(request, {{"Proxy-Authorization", value}});
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(values("Proxy-Authorization"), Texts{kPlainAnswer});
 }
 
@@ -431,7 +431,7 @@ TEST_F(Authenticate, AnotherNumberOfHeadersThanChallengesIsReplacedByTheProxysOw
   set_request(request, {{"Authorization", own("n1")}});
   {
     LogCapture log;
-    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
     EXPECT_TRUE(log.has(4, "This is Scenario 3 - not handled here - returning true"));
     EXPECT_TRUE(log.has(5, "Scenario 3- Just Add all Headers maintained by proxy one by one"));
     EXPECT_EQ(log.count(5, "Removed Header"), 1);
@@ -441,7 +441,7 @@ TEST_F(Authenticate, AnotherNumberOfHeadersThanChallengesIsReplacedByTheProxysOw
 
   set_request(request, {{"Authorization", own("1")}, {"Authorization", own("2")}, {"Proxy-Authorization", own("3")}});
   LogCapture log;
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(log.count(5, "Removed Header"), 2);
   EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
   EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
@@ -461,7 +461,7 @@ TEST_F(Authenticate, ARetransmissionDoesNotAdvanceTheCount) {
   set_request(request, {{"Authorization", own("n1", "00000001")}});
   {
     LogCapture log;
-    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
     EXPECT_TRUE(log.has(5, "Retransmission as nonce_count is same as old value"));
   }
   EXPECT_EQ(slot().nc, "0");
@@ -470,7 +470,7 @@ TEST_F(Authenticate, ARetransmissionDoesNotAdvanceTheCount) {
   set_request(request, {{"Authorization", own("n1", "00000002")}});
   {
     LogCapture log;
-    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
     EXPECT_TRUE(log.has(5, "NEW transmission as nonce_count has changed"));
     EXPECT_TRUE(log.has(5, "qop is present and this is not retransmission"));
     EXPECT_TRUE(log.has(5, "nonce_cnt_value is 0"));
@@ -480,7 +480,7 @@ TEST_F(Authenticate, ARetransmissionDoesNotAdvanceTheCount) {
 
   // The record now has the count of the request as it left.
   set_request(request, {{"Authorization", own("n1", "1")}});
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(slot().nc, "1");
 }
 
@@ -488,7 +488,7 @@ TEST_F(Authenticate, ARetransmissionIsToldByTheCountAlone) {
   ASSERT_TRUE(challenge(401, kQop));
   set_request(request, {{"Authorization", own("n1", "00000001")}});
   int index = -1;
-  ASSERT_TRUE(auth.add_client_info(&request, home, "k", index));
+  ASSERT_TRUE(auth.add_client_info(&request, home, k, index));
   LogCapture log;
   EXPECT_FALSE(auth.is_retransmission(&request, home, index, ""));
   EXPECT_TRUE(auth.is_retransmission(&request, home, index, "00000001"));
@@ -526,9 +526,9 @@ TEST_F(Authenticate, SecretsAppearAtLevel5Only) {
   ASSERT_TRUE(challenge(401, kQop));
   EXPECT_FALSE(challenge(401, "Digest realm=\"open"));
   set_request(request);
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   set_request(request, {{"Authorization", own("1")}, {"Authorization", own("2")}});
-  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, "k"));
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(log.read().find("secret"), std::string::npos);
   EXPECT_GT(log.count(4), 0);
 }

@@ -127,38 +127,36 @@ const std::string kQop = R"(Digest username="u", realm="r", nonce="n", qop=auth,
 
 std::vector<RequestCase> request_cases() {
   return {
-      {"no credentials", {}, {"k", "1 INVITE", 2, "", "", "", ""}, {" No Auth Header is PRESENT"}},
-      {"an empty header",
-       {{"Authorization", ""}},
-       {"k", "1 INVITE", 2, "", "", "", ""},
-       {" No Auth Header is PRESENT"}},
+      {"no credentials", {}, {"", "1 INVITE", 2, "", "", "", ""}, {" No Auth Header is PRESENT"}},
+      {"an empty header", {{"Authorization", ""}}, {"", "1 INVITE", 2, "", "", "", ""}, {" No Auth Header is PRESENT"}},
       {"Authorization without qop",
        {{"Authorization", kPlain}},
-       {"k", "1 INVITE", 0, "\"n\"", "", "\"r\"", ""},
+       {"", "1 INVITE", 0, "\"n\"", "", "\"r\"", ""},
        {" Header is Authorization ", " Either Authorization/Proxy-Authorization is present - " + kPlain}},
       {"Authorization with qop",
        {{"Authorization", kQop}},
-       {"k", "1 INVITE", 0, "\"n\"", "00000001", "\"r\"", "\"c\""},
+       {"", "1 INVITE", 0, "\"n\"", "00000001", "\"r\"", "\"c\""},
        {" Header is Authorization ", " Either Authorization/Proxy-Authorization is present - " + kQop,
         "qop is present - nonce_count is 00000001"}},
       {"Proxy-Authorization",
        {{"Proxy-Authorization", kQop}},
-       {"k", "1 INVITE", 1, "\"n\"", "00000001", "\"r\"", "\"c\""},
+       {"", "1 INVITE", 1, "\"n\"", "00000001", "\"r\"", "\"c\""},
        {" Header is Proxy-Auth ", " Either Authorization/Proxy-Authorization is present - " + kQop,
         "qop is present - nonce_count is 00000001"}},
       {"both: Authorization counts",
        {{"Proxy-Authorization", kQop}, {"Authorization", kPlain}},
-       {"k", "1 INVITE", 0, "\"n\"", "", "\"r\"", ""},
+       {"", "1 INVITE", 0, "\"n\"", "", "\"r\"", ""},
        {" Header is Authorization ", " Either Authorization/Proxy-Authorization is present - " + kPlain}},
       {"an unreadable header",
        {{"Authorization", "Digest nonce=\"n"}},
-       {"k", "1 INVITE", 0, "", "", "", ""},
+       {"", "1 INVITE", 0, "", "", "", ""},
        {" Header is Authorization ", " Either Authorization/Proxy-Authorization is present - Digest nonce=\"n"}},
   };
 }
 
-void expect_equal(const Client_Info_T& info, const Client_Info_T& expected) {
-  EXPECT_EQ(info.client_key, expected.client_key);
+/// `expected` has no client key.
+void expect_equal(const Client_Info_T& info, const std::string& client_key, const Client_Info_T& expected) {
+  EXPECT_EQ(info.client_key, client_key);
   EXPECT_EQ(info.cseq, expected.cseq);
   EXPECT_EQ(info.hdr_type, expected.hdr_type);
   EXPECT_EQ(info.nonce, expected.nonce);
@@ -168,16 +166,16 @@ void expect_equal(const Client_Info_T& info, const Client_Info_T& expected) {
 }
 
 TEST_F(Authenticate, AClientIsAddedAsItsRequestSays) {
-  int position = 0;
   for (const RequestCase& c : request_cases()) {
     SCOPED_TRACE(c.label);
+    auth.delete_client_auth_info(home, k);
     set_request(request, c.headers);
     LogCapture log;
     int index = -1;
-    ASSERT_TRUE(auth.add_client_info(&request, home, "k", index));
-    EXPECT_EQ(index, position++);
-    expect_equal(auth.auth_info(home)->clients.at(static_cast<std::size_t>(index)), c.expected);
-    Texts expected = {" domain_key is " + home + ", client_key is k"};
+    ASSERT_TRUE(auth.add_client_info(&request, home, k, index));
+    EXPECT_EQ(index, 0);
+    expect_equal(auth.auth_info(home)->clients.at(0), k, c.expected);
+    Texts expected = {" domain_key is " + home + ", client_key is " + k};
     expected.insert(expected.end(), c.log.begin(), c.log.end());
     if (c.expected.hdr_type == 2) expected.emplace_back("This is the typicalcase of first unchallenged request");
     expected.push_back("Client added to list - index is " + std::to_string(index) + " ");
@@ -189,14 +187,14 @@ TEST_F(Authenticate, AClientIsAddedAsItsRequestSays) {
 TEST_F(Authenticate, AClientIsRefreshedAsItsRequestSays) {
   set_request(request, {{"Proxy-Authorization", kQop}}, "REGISTER", "9");
   int index = -1;
-  ASSERT_TRUE(auth.add_client_info(&request, home, "other", index));
-  ASSERT_TRUE(auth.add_client_info(&request, home, "k", index));
+  ASSERT_TRUE(auth.add_client_info(&request, home, k1, index));
+  ASSERT_TRUE(auth.add_client_info(&request, home, k, index));
   for (const RequestCase& c : request_cases()) {
     SCOPED_TRACE(c.label);
     set_request(request, c.headers);
     LogCapture log;
     ASSERT_TRUE(auth.update_client_info(&request, home, index));
-    expect_equal(auth.auth_info(home)->clients.at(1), c.expected);
+    expect_equal(auth.auth_info(home)->clients.at(1), k, c.expected);
     Texts expected = {"Client info to be updated  for client index - 1"};
     expected.insert(expected.end(), c.log.begin(), c.log.end());
     if (c.expected.hdr_type == 2) expected.emplace_back("This is the typical case of first unchallenged request");
@@ -215,13 +213,109 @@ TEST_F(Authenticate, AClientWithoutRequestOrKeysIsRefused) {
   set_request(request);
   int index = 7;
   LogCapture log;
-  EXPECT_FALSE(auth.add_client_info(nullptr, home, "k", index));
-  EXPECT_FALSE(auth.add_client_info(&request, "", "k", index));
+  EXPECT_FALSE(auth.add_client_info(nullptr, home, k, index));
+  EXPECT_FALSE(auth.add_client_info(&request, "", k, index));
   EXPECT_FALSE(auth.add_client_info(&request, home, "", index));
   EXPECT_EQ(log.count(4, "Error - either conn is NULL or keys are emoty"), 3);
   EXPECT_EQ(auth.auth_info(home), nullptr);
   EXPECT_FALSE(auth.update_client_info(nullptr, home, 0));
   EXPECT_TRUE(log.has(4, "conn ptr is NULL - returning false"));
+}
+
+TEST_F(Authenticate, AClientHasOneRecordWithinADomain) {
+  auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n");
+  int index = -1;
+  for (const std::string& key : {k1, k2, k1}) {
+    set_request(request, {}, "INVITE", key == k1 ? "2" : "1");
+    ASSERT_TRUE(auth.add_client_info(&request, home, key, index));
+  }
+  EXPECT_EQ(index, 0);
+  ASSERT_EQ(auth.auth_info(home)->clients.size(), 2U);
+  EXPECT_EQ(auth.auth_info(home)->clients[0].cseq, "2 INVITE");
+}
+
+TEST_F(Authenticate, NoRecordIsKeptOfAClientOrDomainThatTheTableDoesNotHave) {
+  auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n");
+  set_request(request);
+  int index = -1;
+  LogCapture log(4);
+  EXPECT_FALSE(auth.add_client_info(&request, home, "no such key", index));
+  EXPECT_FALSE(auth.add_client_info(&request, "no such key", k, index));
+  EXPECT_EQ(log.count(4), 2);
+  EXPECT_EQ(auth.auth_info("no such key"), nullptr);
+  ASSERT_TRUE(table.deleteClient(CT_UA_PORT, "6000"));
+  EXPECT_FALSE(auth.add_client_info(&request, home, k, index));
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, home, k));
+  IMS_Proxy_Authenticate::rt_ptr = nullptr;
+  EXPECT_FALSE(auth.add_client_info(&request, home, k1, index));
+  EXPECT_EQ(index, -1);
+  EXPECT_TRUE(auth.auth_info(home)->clients.empty());
+}
+
+TEST_F(Authenticate, LongTextsOfAClientAreKeptCut) {
+  const std::string huge(3000, 'x');
+  set_request(request, {{"Authorization", "Digest realm=\"" + huge + "\", nonce=\"" + huge +
+                                              "\", qop=auth, nc=" + huge + ", cnonce=\"" + huge + "\""}});
+  int index = -1;
+  ASSERT_TRUE(auth.add_client_info(&request, home, k, index));
+  const auto expect_bounded = [&] {
+    const Client_Info_T& info = auth.auth_info(home)->clients.at(0);
+    for (const std::string* text : {&info.cseq, &info.nonce, &info.nc, &info.realm, &info.cnonce}) {
+      EXPECT_LE(text->capacity(), kMaxClientText + 16);
+    }
+    EXPECT_EQ(info.nonce, "\"" + huge.substr(0, kMaxClientText - 1));
+  };
+  expect_bounded();
+  ASSERT_TRUE(auth.update_client_info(&request, home, index));
+  expect_bounded();
+}
+
+TEST_F(Authenticate, AClientThatGoesIsForgottenInEveryDomain) {
+  const std::string other = add_domain("other", "bob", "word");
+  for (const std::string& domain : {home, other}) auth.create_auth_info(domain, kChallenge, AUTH_WWW, "r", "n");
+  set_request(request);
+  int index = -1;
+  for (const std::string& domain : {home, other}) {
+    for (const std::string& key : {k1, k2}) ASSERT_TRUE(auth.add_client_info(&request, domain, key, index));
+  }
+  LogCapture log;
+  ASSERT_TRUE(table.deleteClient(CT_UA_PORT, "6001"));
+  for (const std::string& domain : {home, other}) {
+    ASSERT_EQ(auth.auth_info(domain)->clients.size(), 1U);
+    EXPECT_EQ(auth.auth_info(domain)->clients[0].client_key, k2);
+    EXPECT_EQ(auth.auth_info(domain)->auth_hdrs.size(), 1U);
+  }
+  EXPECT_EQ(log.count(5, "client key " + k1 + "  and domain key " + home), 1);
+  EXPECT_EQ(log.count(5, "Deleted Client Auth Info successfully"), 1);
+  EXPECT_TRUE(log.has(5, "Client " + k1 + " is forgotten in domain " + other + " too"));
+  log.clear();
+  ASSERT_TRUE(table.deleteClient(CT_UA_PORT, "6000"));
+  EXPECT_FALSE(log.has_part(5, "is forgotten"));  // nothing was kept of it
+}
+
+TEST_F(Authenticate, ClientsThatComeAndGoThroughAnotherDomainLeaveNothing) {
+  const std::string other = add_domain("other", "bob", "word");
+  auth.create_auth_info(other, kChallenge, AUTH_WWW, "r", "n");
+  for (int round = 0; round < 1000; ++round) {
+    const std::string key = add_client("7000");
+    set_request(request, {}, "REGISTER");
+    ASSERT_TRUE(auth.update_auth_info_for_request(&request, other, key));
+    ASSERT_EQ(auth.auth_info(other)->clients.size(), 1U);
+    ASSERT_TRUE(table.deleteClient(CT_UA_PORT, "7000"));
+  }
+  EXPECT_TRUE(auth.auth_info(other)->clients.empty());
+  EXPECT_EQ(auth.auth_info(home), nullptr);
+}
+
+TEST_F(Authenticate, ADomainsRecordsGoWithIt) {
+  const std::string other = add_domain("other", "bob", "word");
+  auth.create_auth_info(other, kChallenge, AUTH_WWW, "r", "n");
+  set_request(request);
+  ASSERT_TRUE(auth.update_auth_info_for_request(&request, other, k));
+  ASSERT_TRUE(table.deleteDomain(DT_PROFILE_ID, "other"));
+  EXPECT_EQ(auth.auth_info(other), nullptr);
+  EXPECT_FALSE(auth.update_auth_info_for_request(&request, other, k));
+  EXPECT_EQ(auth.auth_info(other), nullptr);
 }
 
 TEST_F(Authenticate, PositionsThatDoNotExistDoNoHarm) {
@@ -240,16 +334,16 @@ TEST_F(Authenticate, PositionsThatDoNotExistDoNoHarm) {
 TEST_F(Authenticate, AClientIsFoundByItsKeyWithinItsDomain) {
   set_request(request);
   int index = -1;
-  ASSERT_TRUE(auth.add_client_info(&request, home, "k1", index));
-  ASSERT_TRUE(auth.add_client_info(&request, home, "k2", index));
+  ASSERT_TRUE(auth.add_client_info(&request, home, k1, index));
+  ASSERT_TRUE(auth.add_client_info(&request, home, k2, index));
   LogCapture log;
-  EXPECT_TRUE(auth.check_if_client_exists(home, "k2", index));
+  EXPECT_TRUE(auth.check_if_client_exists(home, k2, index));
   EXPECT_EQ(index, 1);
-  EXPECT_EQ(log.texts(), (Texts{"Checking if client exists for client key = k2, domain key " + home,
+  EXPECT_EQ(log.texts(), (Texts{"Checking if client exists for client key = " + k2 + ", domain key " + home,
                                 "Found client entry - index = 1"}));
-  EXPECT_FALSE(auth.check_if_client_exists(home, "k", index));
+  EXPECT_FALSE(auth.check_if_client_exists(home, k, index));
   EXPECT_EQ(index, -1);
-  EXPECT_FALSE(auth.check_if_client_exists("none", "k1", index));
+  EXPECT_FALSE(auth.check_if_client_exists("none", k1, index));
   EXPECT_EQ(log.count(5, "No client entry found"), 2);
   EXPECT_EQ(auth.auth_info("none"), nullptr);
 }
@@ -258,18 +352,18 @@ TEST_F(Authenticate, DeletingAClientLeavesChallengesAndOthers) {
   auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n");
   set_request(request);
   int index = -1;
-  for (const char* key : {"k1", "k2", "k1"}) ASSERT_TRUE(auth.add_client_info(&request, home, key, index));
+  for (const std::string& key : {k1, k2}) ASSERT_TRUE(auth.add_client_info(&request, home, key, index));
   LogCapture log;
-  EXPECT_FALSE(auth.delete_client_auth_info(home, "k3"));
-  EXPECT_FALSE(auth.delete_client_auth_info("none", "k1"));
-  EXPECT_FALSE(auth.delete_client_auth_info("", "k1"));
-  EXPECT_TRUE(log.has(5, "client key k3  and domain key " + home));
+  EXPECT_FALSE(auth.delete_client_auth_info(home, k));
+  EXPECT_FALSE(auth.delete_client_auth_info("none", k1));
+  EXPECT_FALSE(auth.delete_client_auth_info("", k1));
+  EXPECT_TRUE(log.has(5, "client key " + k + "  and domain key " + home));
   EXPECT_EQ(log.count(5, "Could not find client key to be deleted"), 3);
-  EXPECT_EQ(auth.auth_info(home)->clients.size(), 3U);
-  EXPECT_TRUE(auth.delete_client_auth_info(home, "k1"));
+  EXPECT_EQ(auth.auth_info(home)->clients.size(), 2U);
+  EXPECT_TRUE(auth.delete_client_auth_info(home, k1));
   EXPECT_TRUE(log.has(5, "Deleted Client Auth Info successfully"));
-  ASSERT_EQ(auth.auth_info(home)->clients.size(), 2U);  // the first of that key only
-  EXPECT_EQ(auth.auth_info(home)->clients[0].client_key, "k2");
+  ASSERT_EQ(auth.auth_info(home)->clients.size(), 1U);
+  EXPECT_EQ(auth.auth_info(home)->clients[0].client_key, k2);
   EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
   EXPECT_EQ(auth.auth_info("none"), nullptr);
   EXPECT_EQ(auth.auth_info(""), nullptr);

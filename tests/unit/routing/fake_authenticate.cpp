@@ -10,3 +10,7 @@ bool IMS_Proxy_Authenticate::delete_client_auth_info(std::string domain_key, std
   fake_engine->dropped_clients.emplace_back(domain_key, client_key);
   return false;
 }
+
+void IMS_Proxy_Authenticate::forget_client(const std::string& client_key) {
+  fake_engine->forgotten_clients.push_back(client_key);
+}

@@ -31,6 +31,7 @@ struct FakeEngine {
   std::vector<std::string> proxies;                                  ///< for which places are kept
   std::vector<std::string> dropped_domains;                          ///< delete_auth_info
   std::vector<std::pair<std::string, std::string>> dropped_clients;  ///< delete_client_auth_info: domain, client
+  std::vector<std::string> forgotten_clients;                        ///< forget_client
   std::deque<FakeClientTcp> connections;
   FakeNotifier notifier;
   IMS_Proxy_Authenticate store;

@@ -223,12 +223,14 @@ TEST_F(RoutingTable, DeletingAClientDropsItsRecordAndItsAuthentication) {
   EXPECT_EQ(table.client(key), nullptr);
   EXPECT_EQ(table.domain(domain_key)->client_count, 0U);
   EXPECT_EQ(engine.dropped_clients, (std::vector<std::pair<std::string, std::string>>{{domain_key, key}}));
+  EXPECT_EQ(engine.forgotten_clients, std::vector<std::string>{key});
 }
 
 TEST_F(RoutingTable, DeletingAClientWithoutDomainStillDropsItsAuthentication) {
   const std::string key = add(client("6001"));
   EXPECT_TRUE(table.deleteClient(CT_UA_PORT, "6001"));
   EXPECT_EQ(engine.dropped_clients, (std::vector<std::pair<std::string, std::string>>{{"", key}}));
+  EXPECT_EQ(engine.forgotten_clients, std::vector<std::string>{key});
 }
 
 TEST_F(RoutingTable, DeletingAClientLeavesItsOpenConnectionOpen) {

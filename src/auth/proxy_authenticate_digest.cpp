@@ -1,4 +1,5 @@
 // One digest answer (RFC 2617 3.2.2), from a challenge's text to a header value.
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,11 +9,42 @@
 #include "framework/log.h"
 #include "framework/utility.h"
 #include "siplib/header.h"
+#include "siplib/text.h"
 
 namespace {
 
 std::string quoted(const std::string& text) {
   return "\"" + text + "\"";
+}
+
+/// Without the quotes that `quoted` puts around it.
+std::string without_quotes(const std::string& text) {
+  const bool both = text.size() >= 2 && text.front() == '"' && text.back() == '"';
+  return both ? text.substr(1, text.size() - 2) : text;
+}
+
+/// The text as a quoted-string (RFC 3261 25.1), what would end it escaped.
+std::string quoted_string(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '"' || c == '\\') escaped += '\\';
+    escaped += c;
+  }
+  return quoted(escaped);
+}
+
+/// Whether the text stands for itself behind "=": holds nothing that ends, splits or escapes for one reader or another.
+bool stands_unquoted(const std::string& text) {
+  return std::none_of(text.begin(), text.end(), [](char c) {
+    const auto code = static_cast<unsigned char>(c);
+    return code <= ' ' || code == 0x7F || c == '"' || c == ',' || c == '\\';
+  });
+}
+
+/// A challenge's value as it stands there where that is one value, else made one.
+std::string one_value(const std::string& text) {
+  const bool is_quoted = text.starts_with('"') && siplib::skipQuoted(text, 0) == text.size();
+  return is_quoted || stands_unquoted(text) ? text : quoted_string(text);
 }
 
 /// What every operation tells of the values before what is its own.
@@ -83,10 +115,15 @@ bool IMS_Proxy_Authenticate::parse_auth_params(SIPLIB_SIPHeader* challenge, std:
 
 void IMS_Proxy_Authenticate::calculate_md5_digest(Req_Msg_T values, SIPLIB_UTIL_RANDOM_STRING_T& cnonce,
                                                   unsigned char* /*scratch*/, char (&response)[33]) {
+  // Quotes within a user name are its own, those in a Request-URI too: the digest is over both as they stand.
+  const std::string username = without_quotes(values.username);
+  const std::string uri = values.uri;
   for (std::string* field : {&values.algorithm, &values.username, &values.password, &values.realm, &values.qop,
                              &values.nc, &values.nonce, &values.cnonce, &values.method, &values.uri}) {
     strip_quotes(*field, *field);
   }
+  values.username = username;
+  values.uri = uri;
   if (values.qop.empty()) {
     values.nc.clear();
     values.cnonce.clear();
@@ -126,12 +163,12 @@ void IMS_Proxy_Authenticate::construct_authentication_response(Req_Msg_T& values
     if (header->setParameter(name, text)) return;
     IMS_log::loginfo(4, "construct_authentication_response", "%s cannot be written into the answer", name);
   };
-  set("username", values.username);
-  set("realm", values.realm);
-  set("nonce", values.nonce);
-  set("uri", values.uri);
-  set("algorithm", values.algorithm);
-  if (!values.opaque.empty()) set("opaque", values.opaque);
+  set("username", quoted_string(without_quotes(values.username)));
+  set("realm", one_value(values.realm));
+  set("nonce", one_value(values.nonce));
+  set("uri", stands_unquoted(values.uri) ? values.uri : quoted_string(values.uri));
+  set("algorithm", one_value(values.algorithm));
+  if (!values.opaque.empty()) set("opaque", one_value(values.opaque));
   if (!values.qop.empty()) {
     set("qop", values.qop);
     set("cnonce", values.cnonce);

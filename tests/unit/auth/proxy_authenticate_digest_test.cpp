@@ -142,16 +142,91 @@ TEST_F(Authenticate, AChallengeThatCannotBeReadGivesNoHeader) {
   }
 }
 
-TEST_F(Authenticate, AnAnswerHoldsNothingThatWouldEndItsParameterOrLine) {
-  for (const std::string uri : {"sip:a,realm=x@c", "sip:a\r\nX: y@c", "sip:\"@c"}) {
-    LogCapture log;
+TEST_F(Authenticate, AnAnswerHoldsNothingThatWouldEndItsLine) {
+  LogCapture log;
+  Auth_T kind = AUTH_WWW;
+  std::string value;
+  EXPECT_TRUE(auth.generate_auth_header(kind, R"(Digest realm="r", nonce="n")", "sip:a\r\nX: y@c", "INVITE", "alice",
+                                        "secret", value, "1"));
+  EXPECT_TRUE(log.has(4, "uri cannot be written into the answer"));
+  EXPECT_EQ(value.find("uri="), std::string::npos);
+  EXPECT_EQ(value.find_first_of("\r\n"), std::string::npos);
+}
+
+TEST_F(Authenticate, ARequestUriThatWouldEndItsParameterIsWrittenInQuotes) {
+  struct {
+    const char* uri;
+    const char* written;
+  } const cases[] = {
+      {"sip:a,realm=x@c", R"("sip:a,realm=x@c")"},
+      {"sip:\"@c", R"("sip:\"@c")"},
+      {"\"sip:a@c\"", R"("\"sip:a@c\"")"},
+      {"sip:a b@c", R"("sip:a b@c")"},
+      {"sip:a\tb@c", "\"sip:a\tb@c\""},
+      {"sip:a\x0b@c", "\"sip:a\x0b@c\""},
+      {R"(sip:a\,b@c)", R"("sip:a\\,b@c")"},
+      {R"(sip:a\b@c)", R"("sip:a\\b@c")"},
+      // Everything else as it stands.
+      {"sip:a;b=c@d:5060;transport=tcp?x=y&z='<>", "sip:a;b=c@d:5060;transport=tcp?x=y&z='<>"},
+      {"sip:\xc3\xa4@c", "sip:\xc3\xa4@c"},
+      {"tel:+1(2)3", "tel:+1(2)3"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.uri);
+    LogCapture log(4);
     Auth_T kind = AUTH_WWW;
     std::string value;
-    EXPECT_TRUE(auth.generate_auth_header(kind, R"(Digest realm="r", nonce="n")", uri, "INVITE", "alice", "secret",
+    EXPECT_TRUE(auth.generate_auth_header(kind, R"(Digest realm="r", nonce="n")", c.uri, "INVITE", "alice", "secret",
                                           value, "1"));
-    EXPECT_TRUE(log.has(4, "uri cannot be written into the answer"));
-    EXPECT_EQ(value.find("uri="), std::string::npos);
-    EXPECT_EQ(value.find_first_of("\r\n"), std::string::npos);
+    const Req_Msg_T as_it_stands = {"", "alice", "r", "", "secret", "n", "", "", "INVITE", c.uri, "", "", "", ""};
+    EXPECT_EQ(value, std::string(R"(Digest realm="r", nonce="n", username="alice", uri=)") + c.written +
+                         ", response=" + digest(as_it_stands));
+    EXPECT_TRUE(log.lines().empty());
+  }
+}
+
+TEST_F(Authenticate, AUserNameIsWrittenWholeWithinItsQuotes) {
+  struct {
+    const char* username;
+    const char* written;
+  } const cases[] = {{"al\"ice", R"("al\"ice")"},
+                     {"\"alice\"", R"("\"alice\"")"},
+                     {"\"", R"("\"")"},
+                     {R"(home\alice)", R"("home\\alice")"},
+                     {R"(alice\)", R"("alice\\")"},
+                     {"a, realm=x", R"("a, realm=x")"},
+                     {"alice", R"("alice")"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.username);
+    LogCapture log(4);
+    Auth_T kind = AUTH_WWW;
+    std::string value;
+    EXPECT_TRUE(auth.generate_auth_header(kind, R"(Digest realm="r", nonce="n")", "sip:b@c", "INVITE", c.username,
+                                          "secret", value, "1"));
+    const Req_Msg_T as_it_stands = {"", c.username, "r",       "", "secret", "n", "",
+                                    "", "INVITE",   "sip:b@c", "", "",       "",  ""};
+    EXPECT_EQ(value, std::string(R"(Digest realm="r", nonce="n", username=)") + c.written +
+                         ", uri=sip:b@c, response=" + digest(as_it_stands));
+    EXPECT_TRUE(log.lines().empty());
+  }
+}
+
+TEST_F(Authenticate, WhatIsTakenFromTheChallengeStaysOneValueEach) {
+  struct {
+    const char* challenge;
+    const char* head;
+  } const cases[] = {
+      {R"(Digest realm="a \"b\", c", nonce="\\", opaque=",")", R"(Digest realm="a \"b\", c", nonce="\\", opaque=",")"},
+      {R"(Digest realm=r, nonce=bm9uY2U=, opaque=o/o==)", R"(Digest realm=r, nonce=bm9uY2U=, opaque=o/o==)"},
+      {R"(Digest realm=a b, nonce="n"m, opaque=o"p", algorithm=MD5 x)",
+       R"(Digest realm="a b", nonce="\"n\"m", opaque="o\"p\"", algorithm="MD5 x")"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.challenge);
+    Auth_T kind = AUTH_WWW;
+    std::string value;
+    EXPECT_TRUE(auth.generate_auth_header(kind, c.challenge, "sip:b@c", "INVITE", "alice", "secret", value, "1"));
+    EXPECT_TRUE(value.starts_with(std::string(c.head) + R"(, username="alice", uri=sip:b@c, response=")")) << value;
   }
 }
 

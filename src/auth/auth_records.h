@@ -3,13 +3,19 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
-/// What is kept of one domain's challenges, in bytes of header text together; how many is a setting (bounds.h). More is
-/// refused. A network has a handful of realms and some hundred bytes each, and every request carries one answer per
-/// challenge: measured at 70 us per KiB of challenge, the bytes keep a hostile network's answers under 3 ms a request.
+/// What is kept of one domain's challenges, in bytes of header text together; how many is a setting (bounds.h). The
+/// oldest give way to a new one; one that is larger by itself is refused. A network has a handful of realms and some
+/// hundred bytes each. Measured at 70 us per KiB of challenge, the bytes keep a hostile network's answers under 3 ms a
+/// request.
 constexpr std::size_t kMaxChallengeBytes = std::size_t{32} * 1024;
+
+/// The most credentials that are added to one request. Strangers can make the store full of challenges; the youngest
+/// are the ones that the network still asks for.
+constexpr std::size_t kMaxCredentials = 8;
 
 /// What is kept of each text in a client's record; the rest is cut off. Every client can have a record in every domain.
 constexpr std::size_t kMaxClientText = 1024;
@@ -30,6 +36,7 @@ struct Auth_Hdrs_T {
   std::string realm;
   std::string auth_hdr;  ///< the whole header value
   std::array<Nonce_Slot_T, 3> nonces;
+  std::uint64_t last_seen = 0;  ///< when its last 401 or 407 came, in the order of all; the largest is the youngest
 };
 
 /// What one client last sent towards a domain.

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -29,8 +30,8 @@ class IMS_Proxy_Authenticate {
   // one that does not exist does no harm.
 
   /// Appends a challenge; whether there is one of its kind and realm is not looked at. The domain's first takes its
-  /// user name and password from the routing table, for good. Refused with one line when the table has no such domain
-  /// or the limits are reached.
+  /// user name and password from the routing table, for good. Where the domain has as many as it may, the oldest give
+  /// way, with one line each. Refused with one line when the table has no such domain or the challenge is too large.
   void create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type, std::string realm,
                         std::string nonce);
   /// The first challenge of that kind and realm (the realm with its quotes).
@@ -73,14 +74,16 @@ class IMS_Proxy_Authenticate {
   /// challenged or nothing could be made.
   bool update_auth_info_for_request(SIPLIB_SIPTransportConnection* request, std::string domain_key,
                                     std::string client_key);
-  /// A request without credentials gets one header per challenge; one with as many as there are challenges gets each
-  /// made again where its nonce is known; any other has its own replaced by the proxy's.
+  /// A request without credentials gets the proxy's (see add_proxy_auth_hdrs); one with as many as there are challenges
+  /// gets each made again where its nonce is known. Any other gets the proxy's too, in place of those of its own that
+  /// name one of their realms or none; the rest of its own stays.
   bool update_proxy_auth_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index);
-  /// Adds one header per challenge with its newest nonce slot's count advanced. False when there is no challenge, or at
-  /// the first one that cannot be answered; headers added before stay.
+  /// Adds one header per challenge with its newest nonce slot's count advanced: for the youngest kMaxCredentials, no
+  /// realm of a kind twice, in stored order. False when there is no challenge, or at the first one that cannot be
+  /// answered; headers added before stay.
   bool add_proxy_auth_hdrs(SIPLIB_SIPTransportConnection* request, std::string domain_key);
   /// Answers again, into `new_hdr`, the challenge whose nonce `client_hdr` has. False, and `new_hdr` as it was, when
-  /// there is none of that kind; a null connection or header is refused with one line.
+  /// there is none of that kind, or no nonce; a null connection or header is refused with one line.
   bool replace_auth_hdrs(SIPLIB_SIPTransportConnection* request, std::string domain_key, Auth_T type,
                          const char* client_hdr, std::string& new_hdr, int client_index);
   /// Whether `nc` is the count of the client's recorded request; false for an empty one. The request is not looked at.
@@ -114,9 +117,11 @@ class IMS_Proxy_Authenticate {
   /// Null when there is no such position. Good until the next change of the store.
   Client_Info_T* client_at(const std::string& domain_key, int client_index);
   Auth_Hdrs_T* challenge_at(const std::string& domain_key, int auth_index);
-  /// Whether the domain can keep so many bytes of challenge more, when `replaced` bytes of what it has go.
-  bool has_room(const std::string& domain_key, std::size_t added, std::size_t replaced) const;
   std::size_t challenge_count(const std::string& domain_key) const;
+  /// The challenge of that position has come (again) with this text, of at most kMaxChallengeBytes: it is the youngest
+  /// now, and the oldest give way to it where the domain has more than it may. Positions change.
+  void keep_challenge(const std::string& domain_key, std::size_t position, const std::string& auth_hdr);
 
   std::map<std::string, Auth_Info_T> store_;
+  std::uint64_t challenges_seen_ = 0;
 };

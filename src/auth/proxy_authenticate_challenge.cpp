@@ -1,4 +1,5 @@
 // Challenges taken from responses, credentials put into requests.
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 #include "framework/log.h"
 #include "siplib/connection.h"
 #include "siplib/header.h"
+#include "siplib/text.h"
 
 namespace {
 
@@ -21,6 +23,65 @@ void advance_nonce_count(const char* caller, Nonce_Slot_T& slot) {
   const unsigned long long count = std::strtoull(slot.nc.c_str(), nullptr, 10);
   IMS_log::loginfo(5, caller, "nonce_cnt_value is %d", static_cast<int>(count));
   slot.nc = std::to_string(count + 1);
+}
+
+/// What a parameter's value says: without its quotes and their escapes.
+std::string parameter_text(const std::string& value) {
+  if (value.empty() || value[0] != '"' || siplib::skipQuoted(value, 0) != value.size()) return value;
+  std::string text;
+  for (std::size_t i = 1; i + 1 < value.size(); ++i) {
+    if (value[i] == '\\') ++i;
+    text += value[i];
+  }
+  return text;
+}
+
+/// Whether a judge can take one for the other: some compare the text without regard to case.
+bool same_realm(const std::string& a, const std::string& b) {
+  return a == b || siplib::equalsIgnoreCase(parameter_text(a), parameter_text(b));
+}
+
+/// The challenges that one request answers, in stored order: the youngest, no realm of a kind twice. So a judge never
+/// has to choose between two answers, and what others planted cannot stand before what the network asked for last.
+std::vector<Auth_Hdrs_T*> answered_challenges(std::vector<Auth_Hdrs_T>& stored) {
+  std::vector<Auth_Hdrs_T*> by_age;
+  for (Auth_Hdrs_T& challenge : stored) by_age.push_back(&challenge);
+  std::sort(by_age.begin(), by_age.end(),
+            [](const Auth_Hdrs_T* a, const Auth_Hdrs_T* b) { return a->last_seen > b->last_seen; });
+  std::vector<Auth_Hdrs_T*> answered;
+  for (Auth_Hdrs_T* const challenge : by_age) {
+    if (answered.size() == kMaxCredentials) break;
+    const bool again = std::any_of(answered.begin(), answered.end(), [&](const Auth_Hdrs_T* younger) {
+      return younger->auth_type == challenge->auth_type && same_realm(younger->realm, challenge->realm);
+    });
+    if (!again) answered.push_back(challenge);
+  }
+  std::sort(answered.begin(), answered.end());  // they stand in one array
+  return answered;
+}
+
+/// Removes those of the client's own headers of this kind (`values`, topmost first) that stand against an answer to
+/// come, or name no realm; the others keep their order. Gives the number removed.
+std::size_t remove_replaced(SIPLIB_SIPTransportConnection* request, Auth_T kind, const std::vector<std::string>& values,
+                            const std::vector<Auth_Hdrs_T*>& answered) {
+  const char* const name = header_name(kind);
+  std::vector<std::size_t> gone;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const std::unique_ptr<SIPLIB_SIPHeader> own(SIPLIB_SIPHeader::createSIPHeaderObject(name, values[i]));
+    std::string realm;
+    const bool named = own && own->getParameter("realm", realm) == 0 && !realm.empty();
+    const bool stays = named && std::none_of(answered.begin(), answered.end(), [&](const Auth_Hdrs_T* challenge) {
+                         return challenge->auth_type == kind && same_realm(challenge->realm, realm);
+                       });
+    if (!stays) gone.push_back(i);
+  }
+  if (gone.empty()) return 0;
+  // The library removes the topmost one: down to the last that goes all are taken off, and the others put back on top.
+  for (std::size_t i = 0; i <= gone.back(); ++i) request->removeHeader(name);
+  for (std::size_t i = gone.back(); i-- > 0;) {
+    if (!std::binary_search(gone.begin(), gone.end(), i)) request->addHeader(name, values[i]);
+  }
+  return gone.size();
 }
 
 }  // namespace
@@ -99,18 +160,17 @@ bool IMS_Proxy_Authenticate::update_auth_info_for_response(SIPLIB_SIPTransportCo
   if (check_if_auth_hdr_present(domain_key, type, realm, index)) {
     IMS_log::loginfo(5, __func__, "Auth Header is already present in Proxy - auth index %d", index);
     update_nonce(domain_key, index, nonce);
-    std::string& stored = challenge_at(domain_key, index)->auth_hdr;
-    if (!has_room(domain_key, auth_hdr.size(), stored.size())) {
+    if (auth_hdr.size() > kMaxChallengeBytes) {
       IMS_log::loginfo(4, __func__, "New challenge of %zu bytes is not kept, domain %s realm %s", auth_hdr.size(),
                        domain_key.c_str(), realm.c_str());
       return false;
     }
-    stored = auth_hdr;
+    keep_challenge(domain_key, static_cast<std::size_t>(index), auth_hdr);
     return true;
   }
-  const std::size_t before = challenge_count(domain_key);
+  const std::uint64_t before = challenges_seen_;
   create_auth_info(domain_key, auth_hdr, type, realm, nonce);
-  if (challenge_count(domain_key) == before) return false;  // refused, and logged there
+  if (challenges_seen_ == before) return false;  // refused, and logged there
   IMS_log::loginfo(5, __func__, "Auth Header not present : Created  auth entry ");
   return true;
 }
@@ -172,11 +232,14 @@ bool IMS_Proxy_Authenticate::update_proxy_auth_info(SIPLIB_SIPTransportConnectio
   if (www.size() + proxy.size() != known) {
     IMS_log::loginfo(4, __func__, "This is Scenario 3 - not handled here - returning true");
     IMS_log::loginfo(5, __func__, "Scenario 3- Just Add all Headers maintained by proxy one by one");
-    for (std::size_t i = 0; i < www.size(); ++i) {
-      request->removeHeader("Authorization");
+    std::vector<Auth_Hdrs_T*> answered;
+    if (const auto found = store_.find(domain_key); found != store_.end()) {
+      answered = answered_challenges(found->second.auth_hdrs);
+    }
+    for (std::size_t removed = remove_replaced(request, AUTH_WWW, www, answered); removed > 0; --removed) {
       IMS_log::loginfo(5, __func__, "Removed Header");
     }
-    for (std::size_t i = 0; i < proxy.size(); ++i) request->removeHeader("Proxy-Authorization");
+    remove_replaced(request, AUTH_PROXY, proxy, answered);
     add_proxy_auth_hdrs(request, domain_key);
     return true;
   }
@@ -221,20 +284,20 @@ bool IMS_Proxy_Authenticate::add_proxy_auth_hdrs(SIPLIB_SIPTransportConnection* 
   }
   bool result = false;
   if (found != store_.end()) {
-    for (Auth_Hdrs_T& challenge : found->second.auth_hdrs) {
-      for (Nonce_Slot_T& slot : challenge.nonces) {
+    for (Auth_Hdrs_T* const challenge : answered_challenges(found->second.auth_hdrs)) {
+      for (Nonce_Slot_T& slot : challenge->nonces) {
         if (slot.age != 3) continue;
         IMS_log::loginfo(5, __func__, "This is the latest nonce value to be used");
-        Auth_T kind = challenge.auth_type;
+        Auth_T kind = challenge->auth_type;
         const char* const name = header_name(kind);
         const std::unique_ptr<SIPLIB_SIPHeader> header(
-            SIPLIB_SIPHeader::createSIPHeaderObject(name, challenge.auth_hdr));
+            SIPLIB_SIPHeader::createSIPHeaderObject(name, challenge->auth_hdr));
         if (is_qop_present(header.get())) {
           IMS_log::loginfo(5, __func__, "qop is present ");
           advance_nonce_count(__func__, slot);
         }
         std::string value;
-        result = generate_auth_header(kind, challenge.auth_hdr, request->getRequestURI(), request->getMethod(),
+        result = generate_auth_header(kind, challenge->auth_hdr, request->getRequestURI(), request->getMethod(),
                                       username, password, value, slot.nc);
         if (!result) {
           IMS_log::loginfo(4, __func__, "Error in generating headers - returning false");
@@ -270,7 +333,9 @@ bool IMS_Proxy_Authenticate::replace_auth_hdrs(SIPLIB_SIPTransportConnection* re
   std::string nc;
   own->getParameter("nonce", nonce);
   own->getParameter("nc", nc);
-  if (found != store_.end()) {
+  // Slots without nonce are empty ones: an answer that names none answers none of them.
+  const bool names_one = !parameter_text(nonce).empty();
+  if (found != store_.end() && names_one) {
     for (Auth_Hdrs_T& challenge : found->second.auth_hdrs) {
       if (challenge.auth_type != type) continue;
       for (Nonce_Slot_T& slot : challenge.nonces) {

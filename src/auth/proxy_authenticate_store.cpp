@@ -69,7 +69,7 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
   IMS_log::loginfo(5, __func__, "Create Auth entry for domain %s,auth hdr %s,type %d,realm %s nonce %s",
                    domain_key.c_str(), auth_hdr.c_str(), static_cast<int>(type), realm.c_str(), nonce.c_str());
   // Refused before an entry is made: of a domain with an entry but no challenge, clients' own credentials would go.
-  if (challenge_count(domain_key) >= framework::bounds().challenges || !has_room(domain_key, auth_hdr.size(), 0)) {
+  if (auth_hdr.size() > kMaxChallengeBytes) {
     IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - one of %zu bytes is not kept, realm %s",
                      domain_key.c_str(), challenge_count(domain_key), auth_hdr.size(), realm.c_str());
     return;
@@ -86,7 +86,9 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
     IMS_log::loginfo(5, __func__, "username is %s, password is %s", found->second.username.c_str(),
                      found->second.password.c_str());
   }
-  found->second.auth_hdrs.push_back({type, realm, auth_hdr, {{{3, nonce, "0"}, {}, {}}}});
+  std::vector<Auth_Hdrs_T>& stored = found->second.auth_hdrs;
+  stored.push_back({type, realm, {}, {{{3, nonce, "0"}, {}, {}}}});
+  keep_challenge(domain_key, stored.size() - 1, auth_hdr);
 }
 
 bool IMS_Proxy_Authenticate::check_if_auth_hdr_present(std::string domain_key, Auth_T type, std::string realm,
@@ -261,15 +263,27 @@ Auth_Hdrs_T* IMS_Proxy_Authenticate::challenge_at(const std::string& domain_key,
   return index < found->second.auth_hdrs.size() ? &found->second.auth_hdrs[index] : nullptr;
 }
 
-bool IMS_Proxy_Authenticate::has_room(const std::string& domain_key, std::size_t added, std::size_t replaced) const {
-  std::size_t bytes = added;
-  if (const Auth_Info_T* info = auth_info(domain_key)) {
-    for (const Auth_Hdrs_T& challenge : info->auth_hdrs) bytes += challenge.auth_hdr.size();
-  }
-  return bytes - replaced <= kMaxChallengeBytes;
-}
-
 std::size_t IMS_Proxy_Authenticate::challenge_count(const std::string& domain_key) const {
   const Auth_Info_T* info = auth_info(domain_key);
   return info == nullptr ? 0 : info->auth_hdrs.size();
+}
+
+void IMS_Proxy_Authenticate::keep_challenge(const std::string& domain_key, std::size_t position,
+                                            const std::string& auth_hdr) {
+  std::vector<Auth_Hdrs_T>& stored = store_[domain_key].auth_hdrs;
+  stored[position].auth_hdr = auth_hdr;
+  stored[position].last_seen = ++challenges_seen_;
+  std::size_t bytes = 0;
+  for (const Auth_Hdrs_T& challenge : stored) bytes += challenge.auth_hdr.size();
+  // Anybody can make the network's side of the store full. What the network asks for again and again is young, and what
+  // a stranger planted gives way to it.
+  while (stored.size() > framework::bounds().challenges || bytes > kMaxChallengeBytes) {
+    const auto oldest = std::min_element(stored.begin(), stored.end(), [](const Auth_Hdrs_T& a, const Auth_Hdrs_T& b) {
+      return a.last_seen < b.last_seen;
+    });
+    IMS_log::loginfo(4, __func__, "Domain %s has too many challenges - the oldest gives way, realm %s",
+                     domain_key.c_str(), oldest->realm.c_str());
+    bytes -= oldest->auth_hdr.size();
+    stored.erase(oldest);
+  }
 }

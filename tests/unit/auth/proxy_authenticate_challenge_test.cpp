@@ -1,5 +1,8 @@
+#include <algorithm>
+
 #include "auth_fixture.h"
 #include "framework/digest.h"
+#include "siplib/limits.h"
 
 namespace {
 
@@ -16,6 +19,11 @@ std::string own(const std::string& nonce, const std::string& nc = "") {
   std::string value = R"(Digest username="client", realm="home.example", nonce=")" + nonce + R"(", uri="sip:b@c")";
   if (!nc.empty()) value += R"(, qop=auth, cnonce="c", nc=)" + nc;
   return value + R"(, response="0")";
+}
+
+/// A challenge that somebody else made up.
+std::string stray(int number) {
+  return "Digest realm=\"stray " + std::to_string(number) + "\", nonce=\"s\"";
 }
 
 // --- Responses
@@ -177,37 +185,153 @@ TEST_F(Authenticate, AChallengeOfAnUnknownDomainIsNotRecorded) {
 
 TEST_F(Authenticate, TenThousandRealmsAreBounded) {
   LogCapture log(4);
-  int recorded = 0;
-  for (int i = 0; i < 10000; ++i) {
-    recorded += challenge(401, "Digest realm=\"r" + std::to_string(i) + "\", nonce=\"n\"") ? 1 : 0;
+  for (int i = 0; i < 10000; ++i) EXPECT_TRUE(challenge(401, stray(i)));
+  const std::size_t most = framework::bounds().challenges;
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), most);
+  EXPECT_EQ(log.count(4), 10000 - static_cast<int>(most));                    // one for each that gave way
+  EXPECT_TRUE(challenge(401, "Digest realm=\"stray 9999\", nonce=\"new\""));  // a known realm gets its new text
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), most);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.back().auth_hdr, "Digest realm=\"stray 9999\", nonce=\"new\"");
+}
+
+TEST_F(Authenticate, AChallengeIsAnsweredHoweverManyStraysCameBeforeIt) {
+  for (const int strays : {1, 7, 8, 32, 1000}) {
+    SCOPED_TRACE(strays);
+    for (int i = 0; i < strays; ++i) challenge(i % 2 == 0 ? 401 : 407, stray(i));
+    ASSERT_TRUE(challenge(401, kPlain));
+    set_request(request);
+    const std::size_t before = request.current().size();
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    EXPECT_EQ(values("Authorization").front(), kPlainAnswer);  // stored last, so on top
+    EXPECT_LE(values("Authorization").size() + values("Proxy-Authorization").size(), kMaxCredentials);
+    EXPECT_LT(request.current().size() - before, 2048U);
+    auth.delete_auth_info(home);
   }
-  EXPECT_EQ(recorded, static_cast<int>(framework::bounds().challenges));
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), framework::bounds().challenges);
-  EXPECT_EQ(log.count(4), 10000 - recorded);
-  EXPECT_TRUE(challenge(401, "Digest realm=\"r0\", nonce=\"new\""));  // a known realm still gets its new text
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, "Digest realm=\"r0\", nonce=\"new\"");
+}
+
+TEST_F(Authenticate, AChallengeThatStraysPushedOutIsAnsweredAgainAfterItsNext) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  for (const int strays : {8, 31, 32, 100}) {
+    SCOPED_TRACE(strays);
+    for (int i = 0; i < strays; ++i) ASSERT_TRUE(challenge(401, stray(i)));
+    set_request(request);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    EXPECT_EQ(values("Authorization").size(), kMaxCredentials);
+    Texts all = values("Authorization");
+    EXPECT_EQ(std::count(all.begin(), all.end(), kPlainAnswer), 0);
+    ASSERT_TRUE(challenge(401, kPlain));
+    set_request(request);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    all = values("Authorization");
+    EXPECT_EQ(all.size(), kMaxCredentials);
+    EXPECT_EQ(std::count(all.begin(), all.end(), kPlainAnswer), 1);
+  }
+}
+
+TEST_F(Authenticate, AChallengeThatCameAgainIsYoung) {
+  for (std::size_t i = 0; i < framework::bounds().challenges; ++i)
+    ASSERT_TRUE(challenge(401, stray(static_cast<int>(i))));
+  ASSERT_TRUE(challenge(401, stray(0)));
+  ASSERT_TRUE(challenge(401, kPlain));
+  const std::vector<Auth_Hdrs_T>& stored = auth.auth_info(home)->auth_hdrs;
+  ASSERT_EQ(stored.size(), framework::bounds().challenges);
+  EXPECT_EQ(stored[0].realm, "\"stray 0\"");  // where it was
+  EXPECT_EQ(stored[1].realm, "\"stray 2\"");
+  EXPECT_EQ(stored.back().realm, "\"home.example\"");
+}
+
+TEST_F(Authenticate, TheYoungestEightAreAnsweredInTheOrderOfStoring) {
+  for (int i = 0; i < 12; ++i) ASSERT_TRUE(challenge(401, stray(i)));
+  for (const int again : {5, 1, 2}) ASSERT_TRUE(challenge(401, stray(again)));  // youngest: 2 1 5 11 10 9 8 7
+  set_request(request);
+  LogCapture log;
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+  Texts realms;
+  for (const std::string& value : values("Authorization")) realms.push_back(value.substr(0, value.find(',')));
+  Texts expected;
+  for (const int number : {11, 10, 9, 8, 7, 5, 2, 1}) {  // topmost first
+    expected.push_back("Digest realm=\"stray " + std::to_string(number) + "\"");
+  }
+  EXPECT_EQ(realms, expected);
+  EXPECT_TRUE(log.has(5, "Number of Auth Headers maintained by Proxy  12"));
+  EXPECT_EQ(log.count(5, "This is the latest nonce value to be used"), 8);
+}
+
+TEST_F(Authenticate, UpToEightAreAllAnswered) {
+  for (int i = 0; i < 8; ++i) ASSERT_TRUE(challenge(i < 4 ? 401 : 407, stray(i)));
   set_request(request);
   EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
-  EXPECT_EQ(values("Authorization").size(), framework::bounds().challenges);
+  EXPECT_EQ(values("Authorization").size(), 4U);
+  EXPECT_EQ(values("Proxy-Authorization").size(), 4U);
+}
+
+// A judge looks for the first answer with its realm; one that a stranger planted under another spelling of the realm
+// must not stand before the right one.
+TEST_F(Authenticate, OfOneRealmInSeveralSpellingsTheYoungestIsAnswered) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  const Texts spellings = {"home.example", R"("home\.example")", R"("Home.Example")"};
+  for (const std::string& spelling : spellings) {
+    ASSERT_TRUE(challenge(401, "Digest realm=" + spelling + ", nonce=\"planted\""));
+    set_request(request);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    EXPECT_EQ(parameter("Authorization", "nonce"), "\"planted\"");
+    ASSERT_TRUE(challenge(401, kPlain));
+    set_request(request);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  }
+  ASSERT_TRUE(challenge(407, kPlain));  // the other kind is another judge's
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+  EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  EXPECT_EQ(values("Proxy-Authorization"), Texts{kPlainAnswer});
 }
 
 TEST_F(Authenticate, TheTextOfADomainsChallengesIsBounded) {
   const auto sized = [](const std::string& realm, std::size_t bytes) {
     return "Digest realm=\"" + realm + "\", nonce=\"" + std::string(bytes, 'n') + "\"";
   };
+  const auto realms = [&] {
+    Texts result;
+    std::size_t bytes = 0;
+    for (const Auth_Hdrs_T& stored : auth.auth_info(home)->auth_hdrs) {
+      result.push_back(stored.realm);
+      bytes += stored.auth_hdr.size();
+    }
+    EXPECT_LE(bytes, kMaxChallengeBytes);
+    return result;
+  };
+  const struct LargeHeads {
+    LargeHeads() {
+      siplib::Limits large = usual;
+      large.max_head = 2 * kMaxChallengeBytes;
+      siplib::setLimits(large);
+    }
+    ~LargeHeads() { siplib::setLimits(usual); }
+    siplib::Limits usual = siplib::limits();
+  } large_heads;
   LogCapture log(4);
   EXPECT_TRUE(challenge(401, sized("a", 15000)));
   EXPECT_TRUE(challenge(401, sized("b", 15000)));
-  EXPECT_FALSE(challenge(401, sized("c", 15000)));
-  EXPECT_EQ(log.count(4), 1);
   EXPECT_TRUE(challenge(401, sized("c", 1000)));
-  EXPECT_FALSE(challenge(401, sized("c", 15000)));  // a known realm's text does not grow beyond it either
-  EXPECT_EQ(log.count(4), 2);
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[2].auth_hdr, sized("c", 1000));
   EXPECT_TRUE(challenge(401, sized("a", 15001)));  // what it replaces does not count
+  EXPECT_EQ(log.count(4), 0);
+  EXPECT_TRUE(challenge(401, sized("d", 15000)));
+  EXPECT_EQ(log.count(4), 1);
+  EXPECT_EQ(realms(), (Texts{"\"a\"", "\"c\"", "\"d\""}));
+  EXPECT_TRUE(challenge(401, sized("c", 15000)));  // a known realm's text may grow at the cost of older ones
+  EXPECT_EQ(realms(), (Texts{"\"c\"", "\"d\""}));
+  EXPECT_EQ(log.count(4), 2);
+  EXPECT_FALSE(challenge(401, sized("c", kMaxChallengeBytes)));
+  EXPECT_FALSE(challenge(401, sized("e", kMaxChallengeBytes)));
+  EXPECT_EQ(realms(), (Texts{"\"c\"", "\"d\""}));
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, sized("c", 15000));
+  EXPECT_TRUE(log.has(4, "New challenge of " + std::to_string(sized("c", kMaxChallengeBytes).size()) +
+                             " bytes is not kept, domain " + home + " realm \"c\""));
+  EXPECT_EQ(log.count(4), 4);
   set_request(request);
   EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
-  EXPECT_EQ(values("Authorization").size(), 3U);
+  EXPECT_EQ(values("Authorization").size(), 2U);
 }
 
 TEST_F(Authenticate, AFirstChallengeThatIsNotKeptLeavesClientsTheirOwnCredentials) {
@@ -414,6 +538,26 @@ TEST_F(Authenticate, AnAnswerToAnUnknownNonceStaysTheClientsOwn) {
   }
 }
 
+TEST_F(Authenticate, WithoutNonceNothingIsKnown) {
+  const Texts no_nonce = {R"(Digest username="client", realm="home.example", response="0")",
+                          R"(Digest username="client", realm="home.example", nonce="", response="0")",
+                          R"(Digest username="client", realm="home.example", nonce=, response="0")",
+                          R"(Digest username="client", realm="home.example", nonce, response="0")"};
+  const Texts challenges = {kPlain, R"(Digest realm="home.example")", R"(Digest realm="home.example", nonce="")"};
+  for (const std::string& known : challenges) {
+    SCOPED_TRACE(known);
+    auth.delete_auth_info(home);
+    ASSERT_TRUE(challenge(401, known));
+    for (const std::string& value : no_nonce) {
+      set_request(request, {{"Authorization", value}});
+      LogCapture log;
+      EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+      EXPECT_EQ(values("Authorization"), Texts{value});
+      EXPECT_TRUE(log.has(5, "Could not replace Auth headers - returning false"));
+    }
+  }
+}
+
 TEST_F(Authenticate, ANonceIsKnownForItsKindOnly) {
   ASSERT_TRUE(challenge(407, kPlain));
   const std::string value = own("n1");
@@ -439,12 +583,67 @@ TEST_F(Authenticate, AnotherNumberOfHeadersThanChallengesIsReplacedByTheProxysOw
   EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
   EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
 
-  set_request(request, {{"Authorization", own("1")}, {"Authorization", own("2")}, {"Proxy-Authorization", own("3")}});
+  set_request(request, {{"Authorization", own("1")},
+                        {"Authorization", own("2")},
+                        {"Proxy-Authorization", "Digest realm=\"proxy.example\", nonce=\"3\""}});
   LogCapture log;
   EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
   EXPECT_EQ(log.count(5, "Removed Header"), 2);
   EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
   EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
+}
+
+TEST_F(Authenticate, AnswersOfTheClientsOwnToOtherRealmsStay) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  ASSERT_TRUE(challenge(407, kProxyPlain));
+  const auto of_realm = [](const std::string& realm, const std::string& nonce) {
+    return "Digest username=\"client\", realm=" + realm + ", nonce=\"" + nonce + "\", response=\"0\"";
+  };
+  const std::string other_kind = of_realm("\"proxy.example\"", "1");
+  const std::string stranger = of_realm("\"elsewhere\"", "2");
+  const std::string third = of_realm("\"third\"", "5");
+  {
+    // Nothing to remove: the client's lines stay as they are, in spelling and place.
+    set_request(request, {{"authorization", stranger},
+                          {"X-Between", "x"},
+                          {"AUTHORIZATION", other_kind},
+                          {"X", "y"},
+                          {"Authorization", third}});
+    const std::string before = request.current();
+    LogCapture log;
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    EXPECT_EQ(values("Authorization"), (Texts{kPlainAnswer, stranger, other_kind, third}));
+    EXPECT_EQ(values("Proxy-Authorization"), Texts{kProxyAnswer});
+    EXPECT_EQ(log.count(5, "Removed Header"), 0);
+    const std::string after = request.current();
+    const std::size_t at = before.find("authorization: ");
+    const std::size_t end = before.find("\r\n\r\n");
+    EXPECT_NE(after.find(before.substr(at, end - at)), std::string::npos) << after;
+  }
+  set_request(request, {{"Authorization", stranger},
+                        {"Authorization", own("n1")},
+                        {"Authorization", "Digest nonce=\"no realm\""},
+                        {"Authorization", other_kind},
+                        {"Authorization", "Digest realm=\"open"},
+                        {"Authorization", of_realm("HOME.example", "4")},
+                        {"Authorization", "Digest realm=, nonce=\"empty\""},
+                        {"Authorization", third},
+                        {"Proxy-Authorization", of_realm(R"("proxy\.example")", "6")},
+                        {"Proxy-Authorization", stranger}});
+  LogCapture log;
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+  EXPECT_EQ(values("Authorization"), (Texts{kPlainAnswer, stranger, other_kind, third}));
+  EXPECT_EQ(values("Proxy-Authorization"), (Texts{kProxyAnswer, stranger}));
+  EXPECT_EQ(log.count(5, "Removed Header"), 5);
+}
+
+TEST_F(Authenticate, AnAnswerOfTheClientsOwnStaysWhereTheProxyGivesNone) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  for (int i = 0; i < 8; ++i) ASSERT_TRUE(challenge(401, stray(i)));
+  set_request(request, {{"Authorization", own("n1")}});
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+  ASSERT_EQ(values("Authorization").size(), kMaxCredentials + 1);
+  EXPECT_EQ(values("Authorization").back(), own("n1"));
 }
 
 TEST_F(Authenticate, TheResultOfTheAddingDoesNotMatterInScenario3) {

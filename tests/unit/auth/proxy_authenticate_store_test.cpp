@@ -79,15 +79,18 @@ TEST_F(Authenticate, AChallengeOfAnUnknownDomainIsRefused) {
   EXPECT_EQ(auth.auth_info(home), nullptr);
 }
 
-TEST_F(Authenticate, ADomainKeepsABoundedNumberOfChallenges) {
+TEST_F(Authenticate, TheOldestChallengeOfAFullDomainGivesWay) {
   for (std::size_t i = 0; i < framework::bounds().challenges; ++i) {
     auth.create_auth_info(home, kChallenge, AUTH_WWW, "realm " + std::to_string(i), "n");
   }
   LogCapture log(4);
   auth.create_auth_info(home, kChallenge, AUTH_WWW, "one more", "n");
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs.size(), framework::bounds().challenges);
+  const std::vector<Auth_Hdrs_T>& stored = auth.auth_info(home)->auth_hdrs;
+  ASSERT_EQ(stored.size(), framework::bounds().challenges);
+  EXPECT_EQ(stored.front().realm, "realm 1");
+  EXPECT_EQ(stored.back().realm, "one more");
   EXPECT_EQ(log.lines().size(), 1U);
-  EXPECT_TRUE(log.has_part(4, "one more"));
+  EXPECT_TRUE(log.has_part(4, "realm 0"));
   EXPECT_EQ(log.read().find("secret"), std::string::npos);
   const std::string other = add_domain("other", "bob", "word");
   auth.create_auth_info(other, kChallenge, AUTH_WWW, "r", "n");
@@ -111,6 +114,20 @@ TEST_F(Authenticate, DeletingADomainOfTheTableDropsItsChallenges) {
   auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n");
   EXPECT_TRUE(table.deleteDomain(DT_PROFILE_ID, "home"));
   EXPECT_EQ(auth.auth_info(home), nullptr);
+}
+
+TEST_F(Authenticate, AChallengeBeyondAllRoomMakesNoOtherGiveWay) {
+  auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n");
+  LogCapture log(4);
+  const std::string huge(kMaxChallengeBytes + 1, 'x');
+  auth.create_auth_info(home, huge, AUTH_WWW, "huge", "n");
+  EXPECT_TRUE(log.has(4, "Domain " + home + " has 1 challenges already - one of " + std::to_string(huge.size()) +
+                             " bytes is not kept, realm huge"));
+  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].realm, "r");
+  auth.create_auth_info(home, huge.substr(1), AUTH_WWW, "whole", "n");
+  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].realm, "whole");
 }
 
 // --- Clients

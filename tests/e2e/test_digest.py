@@ -11,6 +11,22 @@ def md5(text):
     return hashlib.md5(text.encode()).hexdigest()
 
 
+def strict(value):
+    """The scheme and the parameters of an authorization, read by the letter: every value a quoted string or a text
+    without anything that could end it, every name once."""
+    scheme, rest = re.fullmatch(r"([!-~]+) (.*)", value).groups()
+    found, position = {}, 0
+    piece = re.compile(r'''([\w!%*+.'`~-]+)=("(?:[^"\\]|\\.)*"|[^"\\, \x00-\x20\x7f]+)(?:, ?|$)''')
+    while position < len(rest):
+        match = piece.match(rest, position)
+        if not match or match.group(1).lower() in found:
+            raise AssertionError(f"not a list of parameters from {rest[position:]!r} on: {value!r}")
+        text = match.group(2)
+        found[match.group(1).lower()] = re.sub(r"\\(.)", r"\1", text[1:-1]) if text[0] == '"' else text
+        position = match.end()
+    return scheme, found
+
+
 def parameter(header, name):
     match = re.search(rf'\b{name}=("[^"]*"|[^,\s]*)', header)
     return match.group(1).strip('"') if match else None
@@ -69,6 +85,74 @@ class Scripted(ProxyCase):
         self.assertEqual(len(values), 2)
         self.assertTrue(all("nonce=\"own\"" not in value for value in values), values)
 
+    def stray(self, seen, number, status=401):
+        """A challenge that nobody asked for, from an address that is no network proxy's."""
+        name = "WWW-Authenticate" if status == 401 else "Proxy-Authenticate"
+        self.stranger.send(sip.response(seen, status, "Stray", headers=[
+            (name, f'Digest realm="stray {number}", nonce="{"s" * 100}"')]), ("127.0.0.2", 5060))
+        self.assertEqual(self.alice.receive().status, status)
+
+    def realms(self, seen):
+        """The realms that the request answers; a strict judge wants none twice."""
+        found = {}
+        for name in ("Authorization", "Proxy-Authorization"):
+            found[name] = [strict(value)[1]["realm"] for value in seen.all(name)]
+            self.assertEqual(len(found[name]), len(set(found[name])), found[name])
+        return found["Authorization"] + found["Proxy-Authorization"]
+
+    def test_stray_challenges_never_keep_the_real_one_from_being_answered(self):
+        self.stranger = self.udp(0, "127.0.0.9")
+        seen = self.ask()
+        plain = len(seen.raw)
+        number = 0
+        for before in (32, 1000):
+            for _ in range(before):
+                number += 1
+                self.stray(seen, number, 407 if number % 3 == 0 else 401)
+            self.challenge(seen, f'Digest realm="example.net", nonce="n{before}"')
+            answered = self.ask()
+            values = [strict(value)[1] for value in answered.all("Authorization")]
+            real = [found for found in values if found["realm"] == "example.net"]
+            ha1 = md5("alice@example.net:example.net:wonderland")
+            self.assertEqual([(found["nonce"], found["response"]) for found in real],
+                             [(f"n{before}", md5(f"{ha1}:n{before}:{md5('MESSAGE:sip:x@example.net')}"))])
+            self.assertEqual(len(self.realms(answered)), 8)
+            self.assertLess(len(answered.raw) - plain, 8 * 512)
+        for after in (8, 32, 100):
+            for _ in range(after):
+                number += 1
+                self.stray(seen, number)
+            answered = self.ask()
+            self.assertEqual(len(self.realms(answered)), 8)
+            self.assertLess(len(answered.raw) - plain, 8 * 512)
+            self.challenge(seen, f'Digest realm="example.net", nonce="again{after}"')
+            self.assertIn("example.net", self.realms(self.ask()))
+
+    def test_a_clients_own_answers_to_other_realms_stay(self):
+        seen = self.ask()
+        for realm in ("one", "two"):
+            self.challenge(seen, f'Digest realm="{realm}", nonce="n"')
+        own = [f'Digest username="u", realm="{realm}", nonce="own {realm}", response="r"'
+               for realm in ("x", "one", "y")]
+        values = self.ask(headers=[("Authorization", value) for value in own]).all("Authorization")
+        self.assertEqual([value for value in values if value in own], [own[0], own[2]])
+        self.assertEqual(sorted(strict(value)[1]["realm"] for value in values), ["one", "two", "x", "y"])
+
+    def test_whatever_the_request_uri_is_the_answer_is_whole(self):
+        self.challenge(self.ask(), 'Digest realm="exa\\"mple, net", nonce="a,b", opaque="\\\\"')
+        plain = "sip:y;p=1@example.net:5060;transport=udp?a=b"
+        self.assertIn(f", uri={plain}, ", self.ask(uri=plain).get("Authorization"))
+        self.challenge(self.ask(), 'Digest realm="example.net", nonce="abc"')
+        ha1 = md5("alice@example.net:example.net:wonderland")
+        for uri in ('sip:y,realm="evil"@example.net', 'sip:"@example.net', 'sip:y\\"z,@example.net', plain,
+                    'sip:y,username=mallory,response=0@example.net', "sip:y\\z@example.net"):
+            values = [strict(value)[1] for value in self.ask(uri=uri).all("Authorization")]
+            self.assertEqual([found["realm"] for found in values], ["example.net", 'exa"mple, net'])
+            for found in values:
+                self.assertEqual((found["uri"], found["username"]), (uri, "alice@example.net"))
+            self.assertEqual((values[1]["nonce"], values[1]["opaque"]), ("a,b", "\\"))
+            self.assertEqual(values[0]["response"], md5(f"{ha1}:abc:{md5('MESSAGE:' + uri)}"), uri)
+
     def test_a_new_nonce_replaces_the_challenge_text(self):
         self.challenge(self.ask(), 'Digest realm="one", nonce="n1"')
         self.challenge(self.ask(), 'Digest realm="one", nonce="n2"')
@@ -80,6 +164,12 @@ class Scripted(ProxyCase):
         own = 'Digest username="u", realm="one", nonce="own", response="r"'
         self.assertEqual(self.ask(headers=[("Authorization", own)]).all("Authorization"), [own])
 
+    def test_an_answer_without_nonce_stays_the_clients_own(self):
+        self.challenge(self.ask(), 'Digest realm="one", nonce="n1"')
+        for nonce in ("", 'nonce="", '):
+            own = f'Digest username="u", realm="one", {nonce}response="r"'
+            self.assertEqual(self.ask(headers=[("Authorization", own)]).all("Authorization"), [own])
+
     def test_bad_challenges_are_forwarded_and_do_no_harm(self):
         for value in ("Digest", 'Digest realm="x', "Digest " + ", ".join(f"p{n}=v" for n in range(200)), "",
                       'Digest nonce="only"', 'Digest realm="only"', 'Basic realm="b"', "nonsense"):
@@ -87,6 +177,69 @@ class Scripted(ProxyCase):
             self.network.send(sip.response(seen, 401, "Bad", headers=[("WWW-Authenticate", value)]), ("127.0.0.2", 5060))
             self.assertEqual(self.alice.receive().status, 401, value)
         self.assertEqual(self.ask().method, "MESSAGE")
+
+
+class OddUserName(ProxyCase):
+    options = {"profiles": {"home": HOME_PROFILE.format(mode="ietf-shared").replace(
+        "<impi>alice@example.net</impi>", '<impi>home\\al"ice", realm="evil</impi>')}}
+
+    def test_a_user_name_with_quotes_is_written_whole(self):
+        ua, network = self.udp(5071), self.udp(5060, "127.0.0.3")
+        self.register(5071)
+        self.set_route("1", "127.0.0.3:UDP:5060")
+
+        def ask():
+            ua.send(sip.request("MESSAGE", "sip:x@example.net", via=ua.via, frm="<sip:alice@example.net>",
+                                to="<sip:x@example.net>"))
+            return network.receive()
+        network.send(sip.response(ask(), 401, "Prove it", headers=[
+            ("WWW-Authenticate", 'Digest realm="example.net", nonce="abc"')]), ("127.0.0.2", 5060))
+        self.assertEqual(ua.receive().status, 401)
+        found = strict(ask().get("Authorization"))[1]
+        name = 'home\\al"ice", realm="evil'
+        self.assertEqual((found["username"], found["realm"]), (name, "example.net"))
+        ha1 = md5(f"{name}:example.net:wonderland")
+        self.assertEqual(found["response"], md5(f"{ha1}:abc:{md5('MESSAGE:sip:x@example.net')}"))
+
+
+class ComingAndGoing(ProxyCase):
+    options = {"level": 3, "profiles": {name: HOME_PROFILE.format(mode="ietf-shared") for name in ("home", "work")}}
+
+    def test_clients_that_used_another_profile_and_went_leave_no_memory(self):
+        for port, profile in ((5072, "home"), (5073, "work")):
+            self.register(port, sip.ua_info(profile, f"{profile}@example.net"), user=profile)
+        network = self.udp(5060, "127.0.0.3")
+        for profile in ("1", "2"):
+            self.set_route(profile, "127.0.0.3:UDP:5060")
+
+        def through_the_other_profile(ua, headers=()):
+            ua.send(sip.request("REGISTER", "sip:example.net", via=ua.via, frm="<sip:alice@example.net>",
+                                to="<sip:alice@example.net>", contact=f"<sip:alice@{ua.via}>",
+                                headers=[("Zel-Profile-ID", "2"), *headers]))
+            return network.receive()
+
+        stays, comes_and_goes, registers = self.udp(5072), self.udp(5071), self.connect()
+        network.send(sip.response(through_the_other_profile(stays), 401, "Prove it", headers=[
+            ("WWW-Authenticate", 'Digest realm="example.net", nonce="abc"')]), ("127.0.0.2", 5060))
+        self.assertEqual(stays.receive().status, 401)
+
+        large = ", ".join(f'{name}="{"o" * 3000}"' for name in ("realm", "nonce", "cnonce", "nc"))
+
+        def come_and_go(number):
+            for cseq, expires in ((1, 3600), (2, 0)):
+                registers.send(sip.register(5071, sip.ua_info(), call_id=f"come{number}@127.0.0.1", cseq=cseq,
+                                            expires=expires, transport="TCP"))
+                self.assertEqual(registers.receive().status, 200)
+                if expires:
+                    seen = through_the_other_profile(comes_and_goes, [("Authorization", f"Digest qop=auth, {large}")])
+            self.assertEqual(len(seen.all("Authorization")), 1)
+
+        for number in range(2500):
+            come_and_go(number)
+            if number == 500:
+                before = self.proxy.resident_kib()
+        self.assertLess(self.proxy.resident_kib() - before, (6 if SANITIZED else 2) * 1024)
+
 
 class Hostile(ProxyCase):
     options = {"level": 3}
@@ -122,6 +275,9 @@ class OtherMode(Scripted):
     test_two_realms_give_two_headers_and_one_answer_of_the_client_is_replaced = None
     test_a_new_nonce_replaces_the_challenge_text = None
     test_a_clients_own_answer_to_an_unknown_nonce_stays = None
+    test_stray_challenges_never_keep_the_real_one_from_being_answered = None
+    test_whatever_the_request_uri_is_the_answer_is_whole = None
+    test_a_clients_own_answers_to_other_realms_stay = None
 
 
 def kamailio_challenge(qop):

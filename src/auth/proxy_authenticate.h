@@ -74,9 +74,9 @@ class IMS_Proxy_Authenticate {
   /// challenged or nothing could be made.
   bool update_auth_info_for_request(SIPLIB_SIPTransportConnection* request, std::string domain_key,
                                     std::string client_key);
-  /// A request without credentials gets the proxy's (see add_proxy_auth_hdrs); one with as many as there are challenges
-  /// gets each made again where its nonce is known. Any other gets the proxy's too, in place of those of its own that
-  /// name one of their realms or none; the rest of its own stays.
+  /// A request without credentials gets the proxy's (see add_proxy_auth_hdrs). One with as many as there are challenges
+  /// gets up to kMaxCredentials of them made again where their nonce is known. Any other gets the proxy's too, in place
+  /// of those of its own that name one of their realms or none; the rest of its own stays.
   bool update_proxy_auth_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index);
   /// Adds one header per challenge with its newest nonce slot's count advanced: for the youngest kMaxCredentials, no
   /// realm of a kind twice, in stored order. False when there is no challenge, or at the first one that cannot be

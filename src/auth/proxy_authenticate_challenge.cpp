@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "auth/proxy_authenticate.h"
@@ -36,44 +37,49 @@ std::string parameter_text(const std::string& value) {
   return text;
 }
 
-/// Whether a judge can take one for the other: some compare the text without regard to case.
-bool same_realm(const std::string& a, const std::string& b) {
-  return a == b || siplib::equalsIgnoreCase(parameter_text(a), parameter_text(b));
+/// A challenge that a request answers, and what its realm says.
+struct Answered {
+  Auth_Hdrs_T* challenge;
+  std::string realm;
+};
+
+/// Whether one of them has the realm, as a judge may see it: some compare without regard to case.
+bool has_realm(const std::vector<Answered>& answered, Auth_T kind, const std::string& realm) {
+  return std::any_of(answered.begin(), answered.end(), [&](const Answered& one) {
+    return one.challenge->auth_type == kind && siplib::equalsIgnoreCase(one.realm, realm);
+  });
 }
 
 /// The challenges that one request answers, in stored order: the youngest, no realm of a kind twice. So a judge never
 /// has to choose between two answers, and what others planted cannot stand before what the network asked for last.
-std::vector<Auth_Hdrs_T*> answered_challenges(std::vector<Auth_Hdrs_T>& stored) {
+std::vector<Answered> answered_challenges(std::vector<Auth_Hdrs_T>& stored) {
   std::vector<Auth_Hdrs_T*> by_age;
   for (Auth_Hdrs_T& challenge : stored) by_age.push_back(&challenge);
   std::sort(by_age.begin(), by_age.end(),
             [](const Auth_Hdrs_T* a, const Auth_Hdrs_T* b) { return a->last_seen > b->last_seen; });
-  std::vector<Auth_Hdrs_T*> answered;
+  std::vector<Answered> answered;
   for (Auth_Hdrs_T* const challenge : by_age) {
     if (answered.size() == kMaxCredentials) break;
-    const bool again = std::any_of(answered.begin(), answered.end(), [&](const Auth_Hdrs_T* younger) {
-      return younger->auth_type == challenge->auth_type && same_realm(younger->realm, challenge->realm);
-    });
-    if (!again) answered.push_back(challenge);
+    std::string realm = parameter_text(challenge->realm);
+    if (!has_realm(answered, challenge->auth_type, realm)) answered.push_back({challenge, std::move(realm)});
   }
-  std::sort(answered.begin(), answered.end());  // they stand in one array
+  std::sort(answered.begin(), answered.end(), [](const Answered& a, const Answered& b) {
+    return a.challenge < b.challenge;  // they stand in one array
+  });
   return answered;
 }
 
 /// Removes those of the client's own headers of this kind (`values`, topmost first) that stand against an answer to
 /// come, or name no realm; the others keep their order. Gives the number removed.
 std::size_t remove_replaced(SIPLIB_SIPTransportConnection* request, Auth_T kind, const std::vector<std::string>& values,
-                            const std::vector<Auth_Hdrs_T*>& answered) {
+                            const std::vector<Answered>& answered) {
   const char* const name = header_name(kind);
   std::vector<std::size_t> gone;
   for (std::size_t i = 0; i < values.size(); ++i) {
     const std::unique_ptr<SIPLIB_SIPHeader> own(SIPLIB_SIPHeader::createSIPHeaderObject(name, values[i]));
     std::string realm;
     const bool named = own && own->getParameter("realm", realm) == 0 && !realm.empty();
-    const bool stays = named && std::none_of(answered.begin(), answered.end(), [&](const Auth_Hdrs_T* challenge) {
-                         return challenge->auth_type == kind && same_realm(challenge->realm, realm);
-                       });
-    if (!stays) gone.push_back(i);
+    if (!named || has_realm(answered, kind, parameter_text(realm))) gone.push_back(i);
   }
   if (gone.empty()) return 0;
   // The library removes the topmost one: down to the last that goes all are taken off, and the others put back on top.
@@ -232,7 +238,7 @@ bool IMS_Proxy_Authenticate::update_proxy_auth_info(SIPLIB_SIPTransportConnectio
   if (www.size() + proxy.size() != known) {
     IMS_log::loginfo(4, __func__, "This is Scenario 3 - not handled here - returning true");
     IMS_log::loginfo(5, __func__, "Scenario 3- Just Add all Headers maintained by proxy one by one");
-    std::vector<Auth_Hdrs_T*> answered;
+    std::vector<Answered> answered;
     if (const auto found = store_.find(domain_key); found != store_.end()) {
       answered = answered_challenges(found->second.auth_hdrs);
     }
@@ -244,12 +250,19 @@ bool IMS_Proxy_Authenticate::update_proxy_auth_info(SIPLIB_SIPTransportConnectio
     return true;
   }
 
-  // The client answered as many challenges as are known: each of its answers is made again where possible.
+  // The client answered as many challenges as are known: each of its answers is made again where possible. Not without
+  // end: all of them may name one nonce, that of the largest challenge.
+  std::size_t made = 0;
+  std::size_t bytes = 0;
   const auto answer_again = [&](Auth_T kind, std::vector<std::string>& values) {
     for (std::string& value : values) {
       IMS_log::loginfo(5, "update_proxy_auth_info", "Headers to be replaced is %s", value.c_str());
+      if (made == kMaxCredentials || bytes >= kMaxChallengeBytes) continue;
       std::string answer;
-      if (replace_auth_hdrs(request, domain_key, kind, value.c_str(), answer, client_index)) value = answer;
+      if (!replace_auth_hdrs(request, domain_key, kind, value.c_str(), answer, client_index)) continue;
+      ++made;
+      bytes += answer.size();
+      value = std::move(answer);
     }
   };
   answer_again(AUTH_WWW, www);
@@ -284,20 +297,21 @@ bool IMS_Proxy_Authenticate::add_proxy_auth_hdrs(SIPLIB_SIPTransportConnection* 
   }
   bool result = false;
   if (found != store_.end()) {
-    for (Auth_Hdrs_T* const challenge : answered_challenges(found->second.auth_hdrs)) {
-      for (Nonce_Slot_T& slot : challenge->nonces) {
+    for (const Answered& answered : answered_challenges(found->second.auth_hdrs)) {
+      Auth_Hdrs_T& challenge = *answered.challenge;
+      for (Nonce_Slot_T& slot : challenge.nonces) {
         if (slot.age != 3) continue;
         IMS_log::loginfo(5, __func__, "This is the latest nonce value to be used");
-        Auth_T kind = challenge->auth_type;
+        Auth_T kind = challenge.auth_type;
         const char* const name = header_name(kind);
         const std::unique_ptr<SIPLIB_SIPHeader> header(
-            SIPLIB_SIPHeader::createSIPHeaderObject(name, challenge->auth_hdr));
+            SIPLIB_SIPHeader::createSIPHeaderObject(name, challenge.auth_hdr));
         if (is_qop_present(header.get())) {
           IMS_log::loginfo(5, __func__, "qop is present ");
           advance_nonce_count(__func__, slot);
         }
         std::string value;
-        result = generate_auth_header(kind, challenge->auth_hdr, request->getRequestURI(), request->getMethod(),
+        result = generate_auth_header(kind, challenge.auth_hdr, request->getRequestURI(), request->getMethod(),
                                       username, password, value, slot.nc);
         if (!result) {
           IMS_log::loginfo(4, __func__, "Error in generating headers - returning false");

@@ -526,6 +526,26 @@ TEST_F(Authenticate, AnAnswerOfTheClientsOwnToAKnownNonceIsMadeAgain) {
   EXPECT_TRUE(log.has(5, "auth_type is 1, uri is  sip:bob@home.example method is INVITE"));
 }
 
+TEST_F(Authenticate, NoMoreThanEightAnswersOfTheClientsOwnAreMadeAgain) {
+  for (const std::size_t padding : {0U, 12000U}) {
+    SCOPED_TRACE(padding);
+    const std::string large = kPlain + ", opaque=\"" + std::string(padding, 'o') + "\"";
+    ASSERT_TRUE(challenge(401, large));
+    FakeHeaders headers = {{"Authorization", own("n1")}};
+    for (int i = 0; headers.size() < 20; ++i) {
+      ASSERT_TRUE(challenge(407, stray(i)));
+      headers.emplace_back("Authorization", own("n1"));
+    }
+    set_request(request, headers);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    const Texts all = values("Authorization");
+    EXPECT_EQ(all.size(), 20U);
+    const auto kept = static_cast<std::size_t>(std::count(all.begin(), all.end(), own("n1")));
+    EXPECT_EQ(20U - kept, padding == 0 ? kMaxCredentials : 3U);
+    auth.delete_auth_info(home);
+  }
+}
+
 TEST_F(Authenticate, AnAnswerToAnUnknownNonceStaysTheClientsOwn) {
   ASSERT_TRUE(challenge(401, kPlain));
   for (const std::string& value : {own("other"), std::string("Digest nonce=\"n1")}) {

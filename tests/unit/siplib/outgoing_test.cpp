@@ -201,7 +201,7 @@ TEST_F(OutgoingTest, MessagesThatTheFlushFoundNoConnectionForReachTheRestartedPe
   stack->releaseSending();
   EXPECT_EQ(0, sendText(transport, request("OPTIONS", "three"))) << "waits for the next connection";
   EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
-  stack->close(transport);
+  stack->closeLost(transport);
   peer = server.accept();
   ASSERT_TRUE(peer);
   EXPECT_TRUE(reads(peer, request("OPTIONS", "one") + request("OPTIONS", "two") + request("OPTIONS", "three")));

@@ -180,7 +180,7 @@ TEST_F(RealStackTest, TwoThreadsAndManyPeers) {
     if (event.kind == "response") {
       EXPECT_EQ(0, event.connection->receive());
     }
-    if (event.kind == "lost") stack->close(event.connection);
+    if (event.kind == "lost") stack->closeLost(dynamic_cast<SIPLIB_SIPClientTcpTransport*>(event.connection));
     if (++turns % 10 == 0) {
       auto* connection = stack->openClient("TCP", local.ip(), local.port(), "127.0.0.1", server.port());
       auto* client = dynamic_cast<SIPLIB_SIPClientTcpTransport*>(connection);

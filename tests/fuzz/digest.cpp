@@ -63,13 +63,15 @@ std::string parameter(const char* header_name, const std::string& value, const c
   return header && header->getParameter(name, raw) == 0 && readValue(raw, text) ? text : kNone;
 }
 
-/// The digest of an answer without qop, where the texts of the challenge leave no doubt what it is over.
+/// The digest of an answer without qop, where no escape in the challenge leaves a doubt what it is over.
 void checkDigest(const char* name, const std::string& value, const std::string& uri) {
+  const std::unique_ptr<SIPLIB_SIPHeader> header(SIPLIB_SIPHeader::createSIPHeaderObject(name, value));
+  std::string raw;
+  for (const char* of_challenge : {"realm", "nonce"})
+    if (header->getParameter(of_challenge, raw) != 0 || raw.find('\\') != std::string::npos) return;
   const std::string realm = parameter(name, value, "realm");
   const std::string nonce = parameter(name, value, "nonce");
   const std::string algorithm = parameter(name, value, "algorithm");
-  for (const std::string& text : {realm, nonce})
-    if (text.find_first_of("\"\\") != std::string::npos) return;
   if (algorithm != kNone && algorithm != "MD5") return;
   if (parameter(name, value, "qop") != kNone) return;
   DIGEST_HASH_HEX_T key, response;

@@ -25,6 +25,14 @@ constexpr std::size_t kMaxOwing = 256;
 // A request that the user holds for so many times 64*T1 is taken back.
 constexpr int kReclaimAfter = 10;
 
+/// True for a Contact that is there and gives no address to notify at.
+bool namesNoTarget(const SIPLIB_message& subscribe) {
+  const auto contact = subscribe.header("Contact");
+  if (!contact) return false;
+  const std::string uri = uriWithin(*contact);
+  return uri.empty() || uri == "*";
+}
+
 bool saysTerminated(const SIPLIB_message& notify) {
   const auto state = notify.header("Subscription-State");
   return state && equalsIgnoreCase(trim(state->substr(0, state->find(';'))), "terminated");
@@ -139,17 +147,21 @@ void Layer::receiveRequest(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path
   if (transactions_.size() >= kMaxTransactions || servers_.size() >= kMaxTransactions) {
     return refuse(503, "too many transactions");
   }
+  const bool subscribes = head.method == "SUBSCRIBE";
+  // Its dialog could not be made, or there would be nobody to notify.
+  if (subscribes && head.from_tag.empty()) return refuse(400, "no From tag");
+  if (subscribes && head.to_tag.empty() && namesNoTarget(*message)) return refuse(400, "no address in Contact");
   std::shared_ptr<Dialog> dialog;
-  if (!head.to_tag.empty()) {
+  // A REGISTER belongs to no dialog (RFC 3261 10.2), whatever its To carries.
+  if (!head.to_tag.empty() && head.method != "REGISTER") {
     dialog = dialogFor(head, *message);
-    if (dialog) {
-      DialogData& data = dialog->data();
-      // RFC 3261 12.2.2.
-      if (data.remote_number && head.number < *data.remote_number) return refuse(500, "CSeq out of order");
-      data.remote_number = head.number;
-      data.last_path = path;
-    }
-  } else if (head.method == "SUBSCRIBE" && dialogs_.size() >= kMaxDialogs) {
+    // RFC 3261 12.2.2: one that has ended, or was begun before this process.
+    if (!dialog) return refuse(481, "no such dialog");
+    DialogData& data = dialog->data();
+    if (data.remote_number && head.number < *data.remote_number) return refuse(500, "CSeq out of order");
+    data.remote_number = head.number;
+    data.last_path = path;
+  } else if (subscribes && dialogs_.size() >= kMaxDialogs) {
     return refuse(503, "too many dialogs");
   }
 
@@ -392,9 +404,13 @@ SIPLIB_SIPClientConnection* Layer::keep(std::unique_ptr<ClientConnection> connec
   return kept;
 }
 
+bool Layer::ofEndedSubscription(const ClientConnection& connection) {
+  return connection.dialog_ && connection.dialog_->data().notifier && connection.dialog_->data().terminated;
+}
+
 bool Layer::inUse(const ClientConnection& connection) const {
   const std::lock_guard lock(mutex_);
-  return !connection.released_;
+  return !connection.released_ && !ofEndedSubscription(connection);
 }
 
 bool Layer::sendable(const ClientConnection& connection) const {
@@ -504,7 +520,8 @@ void Layer::release(ClientConnection& connection) {
 
 SIPLIB_SIPDialog* Layer::dialogOf(const ClientConnection& connection) const {
   const std::lock_guard lock(mutex_);
-  const bool within = !connection.released_ && connection.dialog_ && !connection.dialog_->data().remote_tag.empty();
+  const bool within = !connection.released_ && connection.dialog_ && !connection.dialog_->data().remote_tag.empty() &&
+                      !ofEndedSubscription(connection);
   return within ? connection.dialog_.get() : nullptr;
 }
 
@@ -616,14 +633,6 @@ void Layer::endDialog(const std::shared_ptr<Dialog>& dialog, bool tell) {
   ended_dialogs_.push_back(dialog);
   to_free_ = true;
   if (tell && dialog_listener_) notices_.push_back({nullptr, dialog});
-  if (data.notifier) {
-    // Nobody will ask for the answers of its NOTIFYs any more.
-    std::vector<ClientConnection*> orphans;
-    for (const auto& [name, connection] : clients_) {
-      if (connection->dialog_ == dialog) orphans.push_back(connection.get());
-    }
-    for (ClientConnection* orphan : orphans) closeLocked(*orphan);
-  }
   dialogs_.erase(Dialog::key(data.call_id, data.local_tag));
 }
 

@@ -133,6 +133,8 @@ class Layer final : public TransactionLayer {
   void closeLocked(ServerConnection& connection);
   void closeLocked(ClientConnection& connection);
   void eventHandled(ClientConnection& connection);
+  /// A NOTIFY whose dialog is over: what answers it changes nothing any more.
+  static bool ofEndedSubscription(const ClientConnection& connection);
   void wakeAt(Clock::time_point due);
   static SIPLIB_SIPMessageHandle timeoutFor(const Head& head);
 

@@ -22,8 +22,8 @@ class SIPLIB_SIPDialog {
   virtual ~SIPLIB_SIPDialog() = default;
   /// A new request within the dialog: To, From, Call-ID, the next CSeq, Route set, Max-Forwards, Via and Contact are
   /// filled in, the Request-URI is the remote target. Null when the dialog is over. After a NOTIFY with
-  /// Subscription-State "terminated" was sent, the dialog is over and answers to any of its NOTIFYs are absorbed
-  /// without notice.
+  /// Subscription-State "terminated" was sent, the dialog is over; the answers to its NOTIFYs are still told, that to
+  /// the terminating one included, but their transactions are no longer well (getTransactionStatus).
   virtual SIPLIB_SIPClientConnection* getNewClientConnection(std::string_view method) = 0;
   virtual bool isTerminated() const = 0;
 };

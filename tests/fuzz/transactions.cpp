@@ -139,7 +139,11 @@ class World : public SIPLIB_SIPServerConnectionListener,
     requests_.push_back({connection, last_, last_path_});
   }
   void notifyResponse(SIPLIB_SIPClientConnection* connection) override {
-    if (connection->getTransactionStatus() != 0 || connection->receive() != 0) return;
+    if (connection->getTransactionStatus() != 0) {
+      layer_->close(connection);
+      return;
+    }
+    if (connection->receive() != 0) return;
     PROMISE(connection->getStatusCode() > 100);
     if (connection->getStatusCode() >= 200) answered_.push_back(connection);
   }

@@ -217,35 +217,44 @@ TEST_F(DialogTest, ATerminatingNotifyEndsIt) {
   }
 }
 
-TEST_F(DialogTest, AnswersToTheTerminatingNotifyAreAbsorbed) {
-  SIPLIB_SIPDialog* dialog = subscribed();
-  notify(dialog, "terminated");
-  const auto request = last();
+TEST_F(DialogTest, TheAnswerToTheTerminatingNotifyIsToldAndSaysThatItIsOver) {
+  SIPLIB_SIPClientConnection* connection = notify(subscribed(), "terminated");
   layer->endTurn();
-  receive(answerTo(*request, 500));
-  pass(60ms);
-  EXPECT_TRUE(user.answers.empty());
+  receive(answerTo(*last(), 500));
+  ASSERT_TRUE(until([&] { return !user.answers.empty(); }));
+  EXPECT_EQ(connection, user.answers[0]);
+  EXPECT_NE(0, connection->getTransactionStatus());
+  EXPECT_EQ(nullptr, connection->getDialog());
+  EXPECT_TRUE(layer->close(connection));
+  layer->endTurn();
+  EXPECT_TRUE(layer->close(connection));  // the event's
+  layer->endTurn();
+  EXPECT_FALSE(layer->close(connection));
 }
 
-TEST_F(DialogTest, TheTimeoutOfATerminatingNotifyIsAbsorbed) {
+TEST_F(DialogTest, TheTimeoutOfATerminatingNotifyIsTold) {
   config.t1 = 1ms;
   open();
-  notify(subscribed(), "terminated");
+  SIPLIB_SIPClientConnection* connection = notify(subscribed(), "terminated");
   layer->endTurn();
-  pass(100ms);
-  EXPECT_TRUE(user.answers.empty());
+  ASSERT_TRUE(until([&] { return !user.answers.empty(); }));
   EXPECT_TRUE(logged("NOTIFY not answered"));
+  EXPECT_NE(0, connection->getTransactionStatus());
+  EXPECT_TRUE(layer->close(connection));
 }
 
-TEST_F(DialogTest, ANotifyUnderWayIsAbsorbedOnceItsDialogIsOver) {
+TEST_F(DialogTest, ANotifyUnderWayIsNoLongerWellOnceItsDialogIsOver) {
   SIPLIB_SIPDialog* dialog = subscribed();
-  notify(dialog);
+  SIPLIB_SIPClientConnection* connection = notify(dialog);
   const auto active = last();
+  EXPECT_EQ(0, connection->getTransactionStatus());
   notify(dialog, "terminated");
+  EXPECT_NE(0, connection->getTransactionStatus());
   layer->endTurn();
   receive(answerTo(*active, 200));
-  pass(10ms);
-  EXPECT_TRUE(user.answers.empty());
+  ASSERT_TRUE(until([&] { return !user.answers.empty(); }));
+  EXPECT_EQ(connection, user.answers[0]);
+  EXPECT_TRUE(layer->close(connection));
 }
 
 TEST_F(DialogTest, AnAnswerInTheQueueNeverReachesALaterSubscriber) {
@@ -262,7 +271,9 @@ TEST_F(DialogTest, AnAnswerInTheQueueNeverReachesALaterSubscriber) {
   ASSERT_NE(nullptr, subscribed(second));
   EXPECT_NE(0, connection->getTransactionStatus());
   EXPECT_EQ(nullptr, connection->getDialog());
-  EXPECT_EQ(-1, connection->receive());
+  EXPECT_TRUE(layer->close(connection));
+  layer->endTurn();
+  EXPECT_EQ(-1, connection->receive());  // the event's
   layer->endTurn();
   EXPECT_FALSE(layer->close(connection));
 }
@@ -324,11 +335,10 @@ TEST_F(DialogTest, RefreshAndUnsubscribeBelongToIt) {
   notify(dialog, "terminated");
   layer->close(connection);
   layer->endTurn();
-  // Gone: the next one belongs to nothing, and is still its user's to answer.
-  Request late = within(first, 4);
-  receive(late.text());
-  ASSERT_EQ(4u, user.requests.size());
-  EXPECT_EQ(nullptr, user.requests.back()->getDialog());
+  // Gone: the next one belongs to nothing.
+  receive(within(first, 4).text());
+  EXPECT_EQ(3u, user.requests.size());
+  EXPECT_EQ(481, udp->last()->statusCode());
 }
 
 TEST_F(DialogTest, TheTargetFollowsARefreshThatIsAccepted) {
@@ -359,31 +369,68 @@ TEST_F(DialogTest, ARequestOutOfOrderIsAnswered500) {
   EXPECT_EQ(500, udp->last()->statusCode());
 }
 
-TEST_F(DialogTest, ARequestWithForeignTagsBelongsToNoDialog) {
+TEST_F(DialogTest, ARequestWithForeignTagsIsAnswered481AndNobodyHearsOfIt) {
   const Request first = subscribe();
   SIPLIB_SIPDialog* dialog = subscribed(first);
   const std::string to(*udp->last()->header("To"));
   Request other_local = within(first, 2);
   other_local.to += "x";
-  receive(other_local.text());
-  EXPECT_EQ(nullptr, user.requests.back()->getDialog());
   Request other_remote = first;
   other_remote.to = to;
   other_remote.via += "-r";
   other_remote.from = "<sip:regua@127.0.0.1>;tag=w2";
-  receive(other_remote.text());
-  EXPECT_EQ(nullptr, user.requests.back()->getDialog());
   Request other_call = first;
   other_call.to = to;
   other_call.via += "-c";
   other_call.call_id += "x";
-  receive(other_call.text());
-  EXPECT_EQ(nullptr, user.requests.back()->getDialog());
-  EXPECT_EQ(4u, user.requests.size());
-  // An accepted answer to a stranger makes no dialog either.
-  ASSERT_EQ(0, answer(user.requests.back(), 200));
-  EXPECT_EQ(nullptr, user.requests.back()->getDialog());
+  Request options = other_call;
+  options.method = "OPTIONS";
+  options.via += "-o";
+  for (const Request& request : {other_local, other_remote, other_call, options}) {
+    const std::size_t before = udp->count();
+    receive(request.text());
+    ASSERT_EQ(before + 1, udp->count());
+    EXPECT_EQ(481, udp->last()->statusCode());
+    EXPECT_EQ(request.to, *udp->last()->header("To"));
+  }
+  EXPECT_EQ(1u, user.requests.size());
   EXPECT_FALSE(dialog->isTerminated());
+  EXPECT_TRUE(logged("SUBSCRIBE answered 481: no such dialog"));
+  // It still takes what is its own.
+  receive(within(first, 3).text());
+  EXPECT_EQ(2u, user.requests.size());
+}
+
+TEST_F(DialogTest, ARegisterBelongsToNoDialogWhateverItsTags) {
+  const Request first = subscribe();
+  subscribed(first);
+  Request request = within(first, 1);
+  request.method = "REGISTER";
+  receive(request.text());
+  Request unknown;
+  unknown.to += ";tag=old";
+  unknown.via += "2";
+  receive(unknown.text());
+  ASSERT_EQ(3u, user.requests.size());
+  EXPECT_EQ(nullptr, user.requests[1]->getDialog());
+  EXPECT_EQ(nullptr, user.requests[2]->getDialog());
+}
+
+TEST_F(DialogTest, ASubscribeThatCannotMakeADialogIsAnswered400) {
+  Request no_tag = subscribe();
+  no_tag.from = "<sip:regua@127.0.0.1>";
+  Request star = subscribe();
+  star.more = "Contact: *\r\n";
+  Request empty = subscribe();
+  empty.more = "Contact: <>\r\n";
+  for (Request request : {no_tag, star, empty}) {
+    request.via += std::to_string(udp->count());
+    receive(request.text());
+    EXPECT_EQ(400, udp->last()->statusCode());
+  }
+  EXPECT_EQ(3u, udp->count());
+  EXPECT_TRUE(user.requests.empty());
+  EXPECT_TRUE(logged("SUBSCRIBE answered 400: no From tag"));
 }
 
 TEST_F(DialogTest, AMethodThatIsNoneIsRefused) {
@@ -393,7 +440,7 @@ TEST_F(DialogTest, AMethodThatIsNoneIsRefused) {
   EXPECT_NE(nullptr, dialog->getNewClientConnection("NOTIFY"));
 }
 
-TEST_F(DialogTest, OneMadeButNotSentDiesWithItsDialog) {
+TEST_F(DialogTest, OneMadeButNotSentIsNotSentAfterTheEnd) {
   SIPLIB_SIPDialog* dialog = subscribed();
   SIPLIB_SIPClientConnection* unsent = dialog->getNewClientConnection("NOTIFY");
   notify(dialog, "terminated");
@@ -546,8 +593,8 @@ TEST_F(SubscriberTest, ASecondNotifierIsAStranger) {
   Request forked = notification(*request, "active");
   forked.from = "<sip:registrar@127.0.0.1>;tag=fork";
   receive(forked.text());
-  ASSERT_EQ(1u, user.requests.size());
-  EXPECT_EQ(nullptr, user.requests[0]->getDialog());
+  EXPECT_TRUE(user.requests.empty());
+  EXPECT_EQ(481, udp->last()->statusCode());
 }
 
 TEST_F(SubscriberTest, ARefusedSubscribeMakesNone) {
@@ -556,8 +603,8 @@ TEST_F(SubscriberTest, ARefusedSubscribeMakesNone) {
   receive(answerTo(*request, 403));
   EXPECT_EQ(nullptr, connection->getDialog());
   receive(notification(*request, "active").text());
-  ASSERT_EQ(1u, user.requests.size());
-  EXPECT_EQ(nullptr, user.requests[0]->getDialog());
+  EXPECT_TRUE(user.requests.empty());
+  EXPECT_EQ(481, udp->last()->statusCode());
   pass(2ms);
   EXPECT_TRUE(user.ended.empty());
   layer->endTurn();

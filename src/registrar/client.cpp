@@ -48,6 +48,7 @@ int IMSE_Client::process_register(SIPLIB_SIPServerConnection* request) {
   if (headers != 0) return IMSE_REGISTER_INVALID;
 
   const int expires = has_expires == 0 ? to_int(expires_text) : 0;
+  if (expires < 0) return IMSE_REGISTER_INVALID;
   if (call_id_.empty()) {
     if (expires == 0) return IMSE_REGISTER_INVALID;
     call_id_ = call_id;

@@ -65,6 +65,13 @@ class IMSE_Registrar {
   // The client's entry in the routing table.
   bool add_entry(IMSE_Client& client);
   void delete_entry(const IMSE_Client& client);
+  /// True when the table takes the new client's entry instead of the old one's; its addresses of record are then in
+  /// the old entry. False, and nothing changed, when another entry has the port or the addresses are of several
+  /// domains.
+  bool prepare_entry(IMSE_Client& new_client, IMSE_Client& old_client);
+  /// Puts the new client's entry in the place of the old one's, after prepare_entry. One that says the same stays as it
+  /// is, its key and the dialogs that carry it too.
+  void replace_entry(IMSE_Client& new_client, IMSE_Client& old_client);
   void handle_new_client_register(SIPLIB_SIPServerConnection* request, std::unique_ptr<IMSE_Client> client);
   /// The admission by the client's kind. Answers the request, whatever comes out.
   bool admit(IMSE_Client* client);

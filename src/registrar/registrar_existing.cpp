@@ -1,13 +1,27 @@
 // A REGISTER of a party that is known: one operation for each of its meanings.
 
+#include <algorithm>
+#include <tuple>
+
 #include "framework/bounds.h"
 #include "framework/log.h"
 #include "registrar/client_factory.h"
 #include "registrar/domain.h"
 #include "registrar/ext_client.h"
-#include "registrar/reg_subscriber.h"
 #include "registrar/registrar.h"
+#include "routing/routing_table_intf.h"
 #include "siplib/transaction.h"
+
+namespace {
+
+bool same(const std::vector<ClientAOR_T>& one, const std::vector<ClientAOR_T>& other) {
+  return std::equal(one.begin(), one.end(), other.begin(), other.end(), [](const auto& a, const auto& b) {
+    return std::tie(a.aor, a.feature_tags, a.events, a.methods, a.content_types) ==
+           std::tie(b.aor, b.feature_tags, b.events, b.methods, b.content_types);
+  });
+}
+
+}  // namespace
 
 bool IMSE_Registrar::handle_existing_client_register(SIPLIB_SIPServerConnection* request, IMSE_Client* client) {
   const int register_class = client->process_register(request);
@@ -47,8 +61,8 @@ bool IMSE_Registrar::handle_existing_client_registration(IMSE_Client* client) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: removing the prev client from proxy");
     delete_entry(*previous);
     take_out(previous);
-    add_entry(*client);
-    client->accept();  // answered already: this one sends nothing
+    add_entry(*client);  // prepared
+    client->accept();    // answered already: this one sends nothing
     client->set_prev_client(nullptr);
     return true;
   }
@@ -72,9 +86,37 @@ bool IMSE_Registrar::process_re_register(IMSE_Client* new_client, IMSE_Client* o
     client->reject(403);
     return false;
   }
+  // Before it is answered: what is refused leaves the old registration as it was.
+  if (!prepare_entry(*client, *old_client)) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: the routing table does not take the new entry of a known user agent");
+    client->reject(400);
+    return false;
+  }
   client->set_domain(domain);
   domain->add(client, false);
-  return client->accept() == 0;
+  if (client->accept() == 0) return true;
+  ClientTable_Entry_T entry;
+  old_client->get_client_info(entry);
+  routing_table_->replaceClientField(CT_UA_PORT, entry.ua_port, entry.aors);
+  return false;
+}
+
+bool IMSE_Registrar::prepare_entry(IMSE_Client& new_client, IMSE_Client& old_client) {
+  ClientTable_Entry_T wanted, present, other;
+  new_client.get_client_info(wanted);
+  old_client.get_client_info(present);
+  if (wanted.ua_port != present.ua_port && routing_table_->getClient(CT_UA_PORT, wanted.ua_port, other)) return false;
+  return same(wanted.aors, present.aors) ||
+         routing_table_->replaceClientField(CT_UA_PORT, present.ua_port, wanted.aors);
+}
+
+void IMSE_Registrar::replace_entry(IMSE_Client& new_client, IMSE_Client& old_client) {
+  ClientTable_Entry_T wanted, present;
+  new_client.get_client_info(wanted);
+  old_client.get_client_info(present);
+  if (wanted.ua_port == present.ua_port && wanted.uri == present.uri) return;
+  delete_entry(old_client);
+  add_entry(new_client);
 }
 
 bool IMSE_Registrar::handle_existing_client_reregistration(SIPLIB_SIPServerConnection* request, IMSE_Client* client) {
@@ -121,7 +163,7 @@ bool IMSE_Registrar::handle_existing_client_reregistration(SIPLIB_SIPServerConne
     return false;
   }
   IMS_log::loginfo(5, __func__, "IMSE_REG:");
-  // The routing table keeps the entry of the old client.
+  replace_entry(*successor, *client);
   const std::unique_ptr<IMSE_Client> old_client = take_out(client);
   auto* const old_external = static_cast<IMSE_ExtClient*>(client);
   old_external->get_domain()->remove(old_external, false);

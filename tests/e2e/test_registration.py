@@ -145,6 +145,63 @@ class KnownParties(ProxyCase):
         self.register(5071)
 
 
+class Moved(ProxyCase):
+    """A user agent that registers again from another port."""
+
+    def message(self, frm, to, port, **options):
+        return sip.request("MESSAGE", f"sip:{to}@127.0.0.1", via=f"127.0.0.1:{port}",
+                           frm=f"<sip:{frm}@127.0.0.1>;tag=1", to=f"<sip:{to}@127.0.0.1>", **options)
+
+    def test_over_udp_it_is_reached_at_its_new_port_and_another_takes_the_old_one(self):
+        old, bob, new = self.udp(5071), self.udp(5072), self.udp(5079)
+        self.register(5071)
+        self.register(5072, sip.ua_info("work", "bob@example.net"), user="bob")
+        self.register(5079, sip.ua_info(tags=["t"], events="e"), expect=403, call_id="moved")  # nothing in common
+        self.register(5071, sip.ua_info(tags=["t"]), cseq=2, expires=0)
+        self.register(5071, sip.ua_info(tags=["t"]), call_id="tagged")
+        self.register(5079, sip.ua_info(tags=["t"]), call_id="moved")
+        bob.send(self.message("bob", "alice", 5072, body="there"))
+        self.assertEqual(new.receive().body, b"there")
+        new.send(self.message("alice", "bob", 5079, body="from there"))
+        self.assertEqual(bob.receive().body, b"from there")
+        self.register(5071, sip.ua_info("work", "carol@example.net"), user="carol")
+        bob.send(self.message("bob", "carol", 5072, body="here"))
+        self.assertEqual(old.receive().body, b"here")
+        self.register(5079, cseq=2, expires=0, call_id="moved")
+        self.register(5071, cseq=2, expires=0, user="carol")
+
+    def test_over_tcp_it_is_reached_at_its_new_port_and_another_takes_the_old_one(self):
+        old, bob, new = self.tcp(5071), self.tcp(5072), self.tcp(5079)
+        self.register(5071, sip.ua_info(tags=["t"]))
+        before = self.accept(old)
+        self.register(5072, sip.ua_info("work", "bob@example.net"), user="bob")
+        to_bob = self.accept(bob)
+        self.register(5079, sip.ua_info(tags=["t"]), call_id="moved")
+        to_alice = self.accept(new)
+        from_bob, from_alice = self.connect(), self.connect()
+        from_bob.send(self.message("bob", "alice", 5072, body="there", transport="TCP"))
+        self.assertEqual(to_alice.receive().body, b"there")
+        from_alice.send(self.message("alice", "bob", 5079, body="from there", transport="TCP"))
+        self.assertEqual(to_bob.receive().body, b"from there")
+        before.close()
+        self.register(5071, sip.ua_info("work", "carol@example.net"), user="carol")
+        to_carol = self.accept(old)
+        from_bob.send(self.message("bob", "carol", 5072, body="here", transport="TCP"))
+        self.assertEqual(to_carol.receive().body, b"here")
+
+    def test_a_taken_port_is_refused_and_the_registration_stays(self):
+        alice, bob = self.udp(5071), self.udp(5072)
+        self.register(5071, sip.ua_info(tags=["t"]))
+        self.register(5072, sip.ua_info("work", "bob@example.net"), user="bob")
+        for port in (5060, 0, 65536):
+            self.register(port, sip.ua_info(tags=["t"]), call_id="moved", expect=400)
+        bob.send(self.message("bob", "alice", 5072, body="still here"))
+        self.assertEqual(alice.receive().body, b"still here")
+        self.register(5071, cseq=2, expires=0)
+        # The registrar's own entry is untouched.
+        self.register(5060, sip.ua_info("work", "x@example.net"), user="mallory", expect=400)
+
+
 class Many(ProxyCase):
     options = {"level": 4}
 

@@ -120,6 +120,7 @@ TEST_F(ClientTest, WithoutAUsableContactOrIdentityARegisterIsInvalid) {
   EXPECT_EQ(classify({.contact = "<sip:alice@127.0.0.1>"}), IMSE_REGISTER_INVALID);
   EXPECT_EQ(classify({.contact = "*"}), IMSE_REGISTER_INVALID);
   EXPECT_EQ(classify({.contact = "<sip:alice@127.0.0.1:0>"}), IMSE_REGISTER_INVALID);
+  EXPECT_EQ(classify({.contact = "<sip:alice@127.0.0.1:65536>"}), IMSE_REGISTER_INVALID);
   EXPECT_EQ(classify({.contact = "<sip:alice@127.0.0.1:70000>"}), IMSE_REGISTER_INVALID);
   Request no_call_id(sipRequest(
       "REGISTER", "sip:127.0.0.1",
@@ -137,10 +138,18 @@ TEST_F(ClientTest, NumbersOutOfRangeStayNumbers) {
                            {"Call-ID", "call-1"},
                            {"CSeq", "99999999999999999999 REGISTER"},
                            {"Contact", "<sip:127.0.0.1:5070>"},
-                           {"Expires", "-5"}}));
+                           {"Expires", "5"}}));
   EXPECT_EQ(client.process_register(&huge), IMSE_REGISTER_REFRESH);
-  EXPECT_EQ(client.get_expiry_value(), -5);
+  EXPECT_EQ(client.get_expiry_value(), 5);
   client.forget_request(&huge);
+}
+
+TEST_F(ClientTest, ATimeBelowZeroIsInvalidAndChangesNothing) {
+  EXPECT_EQ(classify({.cseq = 1, .expires = "-5"}), IMSE_REGISTER_INVALID);
+  EXPECT_EQ(classify({.cseq = 1}), IMSE_REGISTER_NEW);
+  EXPECT_EQ(classify({.cseq = 2, .expires = "-99999999999999999999"}), IMSE_REGISTER_INVALID);
+  EXPECT_EQ(client.get_expiry_value(), 3600);
+  EXPECT_EQ(classify({.cseq = 2}), IMSE_REGISTER_REFRESH) << "the number is not used up";
 }
 
 TEST_F(ClientTest, The200OfAnInternalClientCarriesExpiresAndContactOnly) {

@@ -187,12 +187,13 @@ class Dialog : public SIPLIB_SIPDialog {
   }
 };
 
-/// Only the two operations that the registrar uses do anything.
+/// Only the operations that the registrar uses do anything.
 class RoutingTable : public IMS_Proxy_RoutingTable_Intf {
  public:
   std::vector<ClientTable_Entry_T> entries;
-  std::vector<std::string> operations;  ///< "add PORT", "delete PORT", refused ones too
+  std::vector<std::string> operations;  ///< "add PORT", "delete PORT", "replace PORT", refused ones too
   bool refuse = false;
+  bool refuse_aors = false;  ///< of replaceClientField
 
   bool addClient(ClientTable_Entry_T const& entry) override {
     operations.push_back("add " + entry.ua_port);
@@ -217,8 +218,26 @@ class RoutingTable : public IMS_Proxy_RoutingTable_Intf {
   bool replaceClientField(Field const&, std::string const&, std::vector<ClientHeader_T> const&) override {
     return false;
   }
-  bool replaceClientField(Field const&, std::string const&, std::vector<ClientAOR_T> const&) override { return false; }
-  bool getClient(Field const&, std::string const&, ClientTable_Entry_T&) override { return false; }
+  bool replaceClientField(Field const& type, std::string const& value, std::vector<ClientAOR_T> const& aors) override {
+    EXPECT_EQ(type, CT_UA_PORT);
+    operations.push_back("replace " + value);
+    ClientTable_Entry_T* const known = entry(value);
+    if (refuse_aors || known == nullptr) return false;
+    known->aors = aors;
+    return true;
+  }
+  bool getClient(Field const& type, std::string const& value, ClientTable_Entry_T& result) override {
+    EXPECT_EQ(type, CT_UA_PORT);
+    const ClientTable_Entry_T* const known = entry(value);
+    if (known != nullptr) result = *known;
+    return known != nullptr;
+  }
+  /// The entry with this port; null when there is none.
+  ClientTable_Entry_T* entry(const std::string& port) {
+    for (auto& known : entries)
+      if (known.ua_port == port) return &known;
+    return nullptr;
+  }
 };
 
 class Listener : public SIPLIB_SIPClientConnectionListener {

@@ -251,10 +251,123 @@ TEST_F(RegistrarExistingTest, AnEndUnderAStrangeCallIdIsClosedWithoutAnAnswer) {
   IMSE_Registrar::destroy();
 }
 
-TEST_F(RegistrarExistingTest, AUserAgentThatMovedToAnotherPortKeepsItsTableEntry) {
+TEST_F(RegistrarExistingTest, AUserAgentThatMovedToAnotherPortIsReachedThere) {
   EXPECT_EQ(status({.port = 5070}), 200);
   EXPECT_EQ(status({.port = 5079, .call_id = "call-2"}), 200);
   EXPECT_EQ(external().get_port(), 5079);
+  EXPECT_EQ(external().get_ua_id(), 1u);
+  EXPECT_EQ(table.operations, (Texts{"add 5070", "delete 5070", "add 5079"}));
+  EXPECT_EQ(table.entries.at(0).profile_id, "1");
+  // The old port is another's to have.
+  EXPECT_EQ(status(bob(5070)), 200);
+  EXPECT_EQ(status({.port = 5079, .call_id = "call-2", .cseq = 2, .expires = "0"}), 200);
+  ASSERT_EQ(table.entries.size(), 1u);
+  EXPECT_EQ(table.entries[0].ua_port, "5070");
+}
+
+TEST_F(RegistrarExistingTest, ARegistrationThatSaysTheSameKeepsItsEntry) {
+  EXPECT_EQ(status({}), 200);
+  EXPECT_EQ(status({.call_id = "call-2"}), 200);
+  EXPECT_EQ(table.operations, Texts{"add 5070"});
+}
+
+TEST_F(RegistrarExistingTest, OtherAddressesOfRecordAreReplacedWithinTheEntry) {
+  EXPECT_EQ(status({}), 200);
+  Register again{.call_id = "call-2"};
+  again.body = fake::uaInfo("home", fake::aor("sip:new@home.net", "<events>reg</events>"));
+  EXPECT_EQ(status(again), 200);
+  EXPECT_EQ(table.operations, (Texts{"add 5070", "replace 5070"}));
+  ASSERT_EQ(table.entries.at(0).aors.size(), 1u);
+  EXPECT_EQ(table.entries[0].aors[0].aor, "sip:new@home.net");
+  // Methods alone are a difference too.
+  again.call_id = "call-3";
+  again.body = fake::uaInfo("home", fake::aor("sip:new@home.net", "<events>reg</events><methods>MESSAGE</methods>"));
+  EXPECT_EQ(status(again), 200);
+  EXPECT_EQ(table.entries[0].aors[0].methods, "MESSAGE");
+}
+
+TEST_F(RegistrarExistingTest, AnotherNameOnTheSamePortIsAnEntryOfItsOwn) {
+  EXPECT_EQ(status({}), 200);
+  EXPECT_EQ(status({.from = "sip:alice2@home.net", .call_id = "call-2"}), 200);
+  EXPECT_EQ(table.operations, (Texts{"add 5070", "delete 5070", "add 5070"}));
+  EXPECT_EQ(table.entries.at(0).uri, "sip:alice2@home.net");
+}
+
+TEST_F(RegistrarExistingTest, APortThatIsTakenIsRefusedAndEverythingStays) {
+  ClientTable_Entry_T own;
+  own.ua_port = "5060";
+  table.entries.push_back(own);  // the registrar's
+  EXPECT_EQ(status({}), 200);
+  EXPECT_EQ(status(bob()), 200);
+  subscribe();
+  answerAll();
+  for (const int port : {5060, 5071}) {
+    LogCapture log(4);
+    Register moved{.port = port, .call_id = "call-2"};
+    moved.body = fake::uaInfo("home", fake::aor("sip:alice@home.net", "<feature-tag>x</feature-tag>"));
+    const fake::Request& request = send(moved);
+    EXPECT_EQ(request.status(), 400) << port;
+    EXPECT_EQ(log.texts(), Texts{"IMSE_REG: the routing table does not take the new entry of a known user agent"});
+  }
+  EXPECT_EQ(table.operations, (Texts{"add 5070", "add 5071"}));
+  ASSERT_NE(table.entry("5070"), nullptr);
+  EXPECT_EQ(table.entry("5070")->aors.at(0).events, "reg");
+  EXPECT_EQ(clientCount(), 2u);
+  EXPECT_EQ(registrar->domains()[0]->clients().size(), 2u);
+  // It is still there to refresh and to leave, and leaves with its own entry.
+  EXPECT_EQ(status({.cseq = 2}), 200);
+  EXPECT_EQ(status({.cseq = 3, .expires = "0"}), 200);
+  EXPECT_NE(table.entry("5060"), nullptr);
+  EXPECT_EQ(table.entry("5070"), nullptr);
+}
+
+TEST_F(RegistrarExistingTest, AddressesThatTheTableDoesNotTakeAreRefusedAndEverythingStays) {
+  EXPECT_EQ(status({}), 200);
+  table.refuse_aors = true;
+  Register again{.port = 5079, .call_id = "call-2"};
+  again.body = fake::uaInfo("home", fake::aor("sip:alice@home.net", "<events>reg</events>"));
+  EXPECT_EQ(status(again), 400);
+  EXPECT_EQ(external().get_port(), 5070);
+  ASSERT_EQ(table.entries.size(), 1u);
+  EXPECT_EQ(table.entries[0].ua_port, "5070");
+  EXPECT_EQ(registrar->domains()[0]->clients(), std::vector<IMSE_ExtClient*>{&external()});
+}
+
+TEST_F(RegistrarExistingTest, AMoveThatCannotBeAnsweredDoesNotHappen) {
+  EXPECT_EQ(status({}), 200);
+  Register moved{.port = 5079, .call_id = "call-2"};
+  moved.body = fake::uaInfo("home", fake::aor("sip:new@home.net", "<events>reg</events>"));
+  last = std::make_unique<fake::Request>(moved.text());
+  last->refuse_answer = true;
+  deliver();
+  EXPECT_EQ(external().get_port(), 5070);
+  ASSERT_EQ(table.entries.size(), 1u);
+  EXPECT_EQ(table.entries[0].ua_port, "5070");
+  EXPECT_EQ(table.entries[0].aors.at(0).aor, "sip:alice@home.net");
+  EXPECT_EQ(registrar->domains()[0]->clients(), std::vector<IMSE_ExtClient*>{&external()});
+}
+
+TEST_F(RegistrarExistingTest, AChallengedSuccessorDoesNotTakeAPortThatIsTakenMeanwhile) {
+  EXPECT_EQ(status({}), 200);
+  registrar->set_authentication(false, true);
+  EXPECT_EQ(status({.port = 5079, .call_id = "call-2"}), 401);
+  registrar->set_authentication(false, false);
+  ClientTable_Entry_T other;
+  other.ua_port = "5079";
+  table.entries.push_back(other);
+  EXPECT_EQ(status({.port = 5079, .call_id = "call-2", .cseq = 2}), 400);
+  EXPECT_EQ(clientCount(), 1u);
+  EXPECT_EQ(external().get_port(), 5070);
+  EXPECT_NE(table.entry("5070"), nullptr);
+}
+
+TEST_F(RegistrarExistingTest, ATimeBelowZeroIsRefusedAndChangesNothing) {
+  EXPECT_EQ(status({.expires = "-5"}), 400);
+  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_EQ(status({}), 200);
+  EXPECT_EQ(status({.cseq = 2, .expires = "-5"}), 400);
+  EXPECT_EQ(status({.call_id = "call-2", .expires = "-1"}), 400);
+  EXPECT_EQ(external().get_expiry_value(), 3600);
   EXPECT_EQ(table.operations, Texts{"add 5070"});
 }
 

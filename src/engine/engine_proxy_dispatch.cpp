@@ -180,11 +180,6 @@ int IMS_engine_proxy::handle_registrar_response_message(void* data) {
     IMS_log::loginfo(3, __func__, "the event has no response");
     return 0;
   }
-  // An answer that was queued when its subscription ended is nobody's; handed on, it would end a later one.
-  if (response->getTransactionStatus() != 0) {
-    ua_connector->close(response);
-    return 0;
-  }
   IMS_log::loginfo(5, __func__, "Calling handle_registrar_response_message(scc)");
   handle_registrar_response_message(response);
   return 0;

@@ -11,49 +11,6 @@
 
 namespace {
 
-struct ProfileKey {
-  std::string IMSE_REG_NW_PROFILE_T::*field;
-  const char* key;
-};
-
-/// Where each setting stands in a profile document.
-constexpr ProfileKey kProfileKeys[] = {
-    {&IMSE_REG_NW_PROFILE_T::operation_mode, "//operation-mode"},
-    {&IMSE_REG_NW_PROFILE_T::reg_initial_retry_after, "//reg/initial-retry-after"},
-    {&IMSE_REG_NW_PROFILE_T::reg_refresh_retry_after, "//reg/refresh-retry-after"},
-    {&IMSE_REG_NW_PROFILE_T::reg_max_attempts, "//reg/max-attempts"},
-    {&IMSE_REG_NW_PROFILE_T::reg_ignore_retry_after, "//reg/ignore-retry-after"},
-    {&IMSE_REG_NW_PROFILE_T::link_max_attempts, "//link/max-attempts"},
-    {&IMSE_REG_NW_PROFILE_T::link_interval, "//link/interval"},
-    {&IMSE_REG_NW_PROFILE_T::reg_expiry, "//reg-expiry"},
-    {&IMSE_REG_NW_PROFILE_T::compression, "//compression"},
-    {&IMSE_REG_NW_PROFILE_T::policy, "//policy"},
-    {&IMSE_REG_NW_PROFILE_T::nw_reg_event_support, "//nw-reg-event-support"},
-    {&IMSE_REG_NW_PROFILE_T::uicc_applications, "//uicc-applications"},
-    {&IMSE_REG_NW_PROFILE_T::sa_in_algo, "//sa-in-algo"},
-    {&IMSE_REG_NW_PROFILE_T::sa_enc_algo, "//sa-enc-algo"},
-    {&IMSE_REG_NW_PROFILE_T::impi, "//impi"},
-    {&IMSE_REG_NW_PROFILE_T::impu, "//impu"},
-    {&IMSE_REG_NW_PROFILE_T::access_network, "//access-network"},
-    {&IMSE_REG_NW_PROFILE_T::authorized_ap, "//authorized-AP"},
-    {&IMSE_REG_NW_PROFILE_T::ieee_access_type, "//IEEE/access-type"},
-    {&IMSE_REG_NW_PROFILE_T::ap_id_type, "//IEEE/AP-id-type"},
-    {&IMSE_REG_NW_PROFILE_T::authorized_plmns, "//authorized-plmns"},
-    {&IMSE_REG_NW_PROFILE_T::access_type_3gpp, "//_3gpp/access-type"},
-    {&IMSE_REG_NW_PROFILE_T::ue_sip_port, "//ue-sip-port"},
-    {&IMSE_REG_NW_PROFILE_T::ue_trans_pref, "//ue-trans-pref"},
-    {&IMSE_REG_NW_PROFILE_T::ue_threshold_pref, "//ue-threshold-pref"},
-    {&IMSE_REG_NW_PROFILE_T::registrar_address, "//registrar-address"},
-    {&IMSE_REG_NW_PROFILE_T::registrar_realm, "//registrar-realm"},
-    {&IMSE_REG_NW_PROFILE_T::domain_name, "//domain-name"},
-    {&IMSE_REG_NW_PROFILE_T::disc_pref, "//disc-pref"},
-    {&IMSE_REG_NW_PROFILE_T::dns_realm, "//dns-realm"},
-    {&IMSE_REG_NW_PROFILE_T::dns_services, "//dns-services"},
-    {&IMSE_REG_NW_PROFILE_T::ip_address, "//ip-address"},
-    {&IMSE_REG_NW_PROFILE_T::napi_profile_name, "//napi-profile-name"},
-    {&IMSE_REG_NW_PROFILE_T::initial_route_set, "//initial-route-set"},
-};
-
 const void* pointer(const void* p) {
   return p;
 }
@@ -70,7 +27,7 @@ IMSE_Domain::IMSE_Domain(const std::string& profile_name, IMSE_RegSubscriber* su
 
 void IMSE_Domain::read_nw_profile(const std::string& document) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::read_nw_profile %s", document.c_str());
-  for (const ProfileKey& key : kProfileKeys)
+  for (const IMSE_NW_PROFILE_KEY_T& key : imse_nw_profile_keys())
     IMS_User_Agent::get_xml_parameter(key.key, nw_profile_.*key.field, document);
 }
 
@@ -101,23 +58,53 @@ int IMSE_Domain::add(IMSE_ExtClient* client, bool notify) {
 int IMSE_Domain::send_notify_and_add(IMSE_ExtClient* client, bool notify) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::send_notify_and_add %p %d", pointer(client), notify);
   int result = 0;
+  // A silent one counts as told, unless there are others that the watcher has never heard of.
+  bool told = clients_.empty();
   if (notify) {
     std::unique_ptr<IMSE_NotifyXmlData> document = create_document();
     if (document == nullptr) {
       IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify_and_add: memory allocation failed ");
       return 1;
     }
-    IMSE_UA_INFO_T info;
-    client->get_ua_info(info);
-    document->add_ua_info(info);
-    result = subscriber_->send_notify(std::move(document), "active");
+    told = can_be_told(*document);
+    if (told) {
+      // As a rule there are no others; those that a lost document has kept from the watcher come with this one.
+      std::vector<IMSE_ExtClient*> untold = clients_;
+      untold.push_back(client);
+      result = send_create(std::move(document), untold, false);
+    }
   }
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain:add send_notify %d", result);
   if (result == 0) {
-    notify_state_ = CREATE_SENT;
+    if (told) notify_state_ = CREATE_SENT;
     clients_.push_back(client);
   }
   return result;
+}
+
+int IMSE_Domain::send_create(std::unique_ptr<IMSE_NotifyXmlData> document, const std::vector<IMSE_ExtClient*>& clients,
+                             bool whole) {
+  document->set_whole(whole);
+  for (const IMSE_ExtClient* client : clients) {
+    IMSE_UA_INFO_T info;
+    client->get_ua_info(info);
+    if (!document->has_room_for(info)) {
+      const int result = subscriber_->send_notify(std::move(document), "active");
+      if (result != 0) return result;
+      document = update_document("add");
+      if (document == nullptr) return 1;
+      document->set_whole(whole);
+    }
+    document->add_ua_info(std::move(info));
+  }
+  return subscriber_->send_notify(std::move(document), "active");
+}
+
+bool IMSE_Domain::can_be_told(const IMSE_NotifyXmlData& document) const {
+  if (document.fits()) return true;
+  IMS_log::loginfo(4, __func__, "IMSE_REG: the settings of network profile %s are too large for a NOTIFY: %d bytes",
+                   profile_name_.c_str(), static_cast<int>(document.size()));
+  return false;
 }
 
 int IMSE_Domain::send_notify_update_add(IMSE_ExtClient* client, bool notify, const std::string& action) {
@@ -163,7 +150,7 @@ int IMSE_Domain::send_notify_update_delete(IMSE_ExtClient* client, bool notify, 
   return 0;
 }
 
-int IMSE_Domain::send_notify_delete() {
+int IMSE_Domain::send_notify_delete(bool whole) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::send_notify_delete %p.", pointer(subscriber_));
   if (subscriber_ == nullptr) return 1;
   std::unique_ptr<IMSE_NotifyXmlData> document(new (std::nothrow)
@@ -172,6 +159,8 @@ int IMSE_Domain::send_notify_delete() {
     IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify_delete: memory allocation failed");
     return 1;
   }
+  document->set_domain(this);
+  document->set_whole(whole);
   subscriber_->send_notify(std::move(document), "active");
   notify_state_ = DELETE_SENT;
   return 0;
@@ -191,18 +180,31 @@ void IMSE_Domain::set_subscriber(IMSE_RegSubscriber* subscriber) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: set_subscriber: memory allocation failed");
     return;
   }
-  for (const IMSE_ExtClient* client : clients_) {
-    IMSE_UA_INFO_T info;
-    client->get_ua_info(info);
-    document->add_ua_info(info);
-  }
-  if (subscriber_->send_notify(std::move(document), "active") == 0) notify_state_ = CREATE_SENT;
+  if (can_be_told(*document) && send_create(std::move(document), clients_, true) == 0) notify_state_ = CREATE_SENT;
 }
 
 void IMSE_Domain::unset_subscriber() {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::unset_subscriber");
   notify_state_ = NOTHING_SENT;
+  known_ = false;
   subscriber_ = nullptr;
+}
+
+void IMSE_Domain::tell_anew() {
+  if (clients_.empty() && known_) {
+    send_notify_delete(true);
+    return;
+  }
+  notify_state_ = NOTHING_SENT;
+  set_subscriber(subscriber_);
+}
+
+void IMSE_Domain::document_sent(const IMSE_NotifyXmlData& document) {
+  if (document.kind() != IMSE_NotifyXmlData::UPDATE) known_ = document.kind() == IMSE_NotifyXmlData::CREATE;
+}
+
+void IMSE_Domain::document_lost() {
+  if (notify_state_ == CREATE_SENT) notify_state_ = NOTHING_SENT;
 }
 
 void IMSE_Domain::get_profile_credentials(std::string& first, std::string& second, std::string& third) const {
@@ -216,18 +218,25 @@ void IMSE_Domain::forget(const IMSE_ExtClient* client) {
   std::erase(clients_, client);
 }
 
-std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::create_document() const {
-  return std::unique_ptr<IMSE_NotifyXmlData>(
+std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::create_document() {
+  std::unique_ptr<IMSE_NotifyXmlData> document(
       new (std::nothrow) IMSE_NotifyXmlData(profile_name_, nw_profile_, static_cast<unsigned short>(profile_id_)));
+  if (document != nullptr) document->set_domain(this);
+  return document;
 }
 
-std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::update_document(IMSE_ExtClient* client,
-                                                                 const std::string& action) const {
+std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::update_document(const std::string& action) {
   std::unique_ptr<IMSE_NotifyXmlData> document(
       new (std::nothrow) IMSE_NotifyXmlData(action, static_cast<unsigned short>(profile_id_)));
+  if (document != nullptr) document->set_domain(this);
+  return document;
+}
+
+std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::update_document(IMSE_ExtClient* client, const std::string& action) {
+  std::unique_ptr<IMSE_NotifyXmlData> document = update_document(action);
   if (document == nullptr) return nullptr;
   IMSE_UA_INFO_T info;
   client->get_ua_info(info);
-  document->add_ua_info(info);
+  document->add_ua_info(std::move(info));
   return document;
 }

@@ -1,7 +1,8 @@
 // A network profile that external user agents register into, and what watchers are told about it.
 //
 // The notify state says what the watcher knows: nothing (0), the profile and its user agents (1, updates follow), or
-// that the profile has lost its last user agent (2, the next one is told as a new profile again).
+// that the profile has lost its last user agent (2, the next one is told as a new profile again). A document that waits
+// counts as told; one that then cannot go out takes the state back to 0, and the next create document tells of all.
 //
 // Ownership: owns neither clients nor subscriber. A client leaves by itself when it is deleted (`forget`); whoever
 // deletes the subscriber calls `unset_subscriber`. Loop thread only.
@@ -42,6 +43,15 @@ class IMSE_Domain {
   /// Null changes nothing. Another one is told of the domain's clients, if it has any.
   void set_subscriber(IMSE_RegSubscriber* subscriber);
   void unset_subscriber();
+  /// Tells the watcher how things stand, whatever it was told before: everything in new create documents, or that the
+  /// profile it knows has no user agent left.
+  void tell_anew();
+
+  // What became of a document, from the subscriber.
+
+  void document_sent(const IMSE_NotifyXmlData& document);
+  /// It had to wait, and could not go out when its turn came.
+  void document_lost();
 
   /// Private identity, secret (read now, never kept) and operation mode of the profile.
   void get_profile_credentials(std::string& first, std::string& second, std::string& third) const;
@@ -62,15 +72,23 @@ class IMSE_Domain {
   int send_notify_update_add(IMSE_ExtClient* client, bool notify, const std::string& action);
   /// 0 also when the NOTIFY could not be sent: the client leaves all the same.
   int send_notify_update_delete(IMSE_ExtClient* client, bool notify, const std::string& action);
-  int send_notify_delete();
-  /// Null when there is no memory for it.
-  std::unique_ptr<IMSE_NotifyXmlData> create_document() const;
-  std::unique_ptr<IMSE_NotifyXmlData> update_document(IMSE_ExtClient* client, const std::string& action) const;
+  int send_notify_delete(bool whole = false);
+  /// Tells of these clients: as many as fit into the create document, the others in updates behind it. `whole`: these
+  /// are all that there are.
+  int send_create(std::unique_ptr<IMSE_NotifyXmlData> document, const std::vector<IMSE_ExtClient*>& clients,
+                  bool whole);
+  /// False, with a log line, when the profile's own settings are too large for any document.
+  bool can_be_told(const IMSE_NotifyXmlData& document) const;
+  // Null when there is no memory for it.
+  std::unique_ptr<IMSE_NotifyXmlData> create_document();
+  std::unique_ptr<IMSE_NotifyXmlData> update_document(const std::string& action);
+  std::unique_ptr<IMSE_NotifyXmlData> update_document(IMSE_ExtClient* client, const std::string& action);
 
   std::string profile_name_;
   IMSE_REG_NW_PROFILE_T nw_profile_;
   std::uint32_t profile_id_;
   NotifyState notify_state_ = NOTHING_SENT;
+  bool known_ = false;                    ///< to the watcher: a create document has gone out, and no delete since
   std::vector<IMSE_ExtClient*> clients_;  ///< in the order of registration
   IMSE_RegSubscriber* subscriber_;
 };

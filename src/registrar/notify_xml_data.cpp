@@ -1,6 +1,7 @@
 #include "registrar/notify_xml_data.h"
 
 #include <string_view>
+#include <utility>
 
 #include "framework/log.h"
 #include "registrar/notify_writer.h"
@@ -14,12 +15,32 @@ int result(const NotifyWriter& writer, bool written, int& step) {
   return written ? 1 : 0;
 }
 
-// An update document in pieces, as the writer lays it out, with the longest numbers and without the texts.
-constexpr std::string_view kUpdate =
+// A document in pieces, as the writer lays it out, with the longest numbers and without the texts.
+constexpr std::string_view kFrame =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<reg-info>\n <profile-info>\n  <name></name>\n"
-    "  <zel-profile-id>65535</zel-profile-id>\n </profile-info>\n <action>UPDATE</action>\n"
-    " <update-info>delete</update-info>\n <ua-info>\n  <id>-2147483648</id>\n"
-    "  <reg-expires-pref>-2147483648</reg-expires-pref>\n </ua-info>\n</reg-info>\n";
+    "  <zel-profile-id>65535</zel-profile-id>\n </profile-info>\n <action>UPDATE</action>\n</reg-info>\n";
+constexpr std::string_view kUpdate = " <update-info></update-info>\n";
+constexpr std::string_view kProfile =
+    " <network-profile-info>\n  <operation-mode></operation-mode>\n  <retry-mechanism>\n   <reg>\n"
+    "    <initial-retry-after></initial-retry-after>\n    <refresh-retry-after></refresh-retry-after>\n"
+    "    <max-attempts></max-attempts>\n    <ignore-retry-after></ignore-retry-after>\n   </reg>\n   <link>\n"
+    "    <max-attempts></max-attempts>\n    <interval></interval>\n   </link>\n  </retry-mechanism>\n"
+    "  <reg-expiry></reg-expiry>\n  <compression></compression>\n  <policy></policy>\n"
+    "  <nw-reg-event-support></nw-reg-event-support>\n  <ims-security>\n"
+    "   <uicc-applications></uicc-applications>\n   <sa-in-algo></sa-in-algo>\n   <sa-enc-algo></sa-enc-algo>\n"
+    "  </ims-security>\n  <http-digest-md5-credentials>\n   <credentials>\n    <impi></impi>\n    <impu></impu>\n"
+    "   </credentials>\n  </http-digest-md5-credentials>\n  <network-logic>\n   <access-network></access-network>\n"
+    "   <_3gpp>\n    <authorized-plmns></authorized-plmns>\n    <access-type></access-type>\n   </_3gpp>\n"
+    "   <IEEE>\n    <authorized-AP></authorized-AP>\n    <access-type></access-type>\n"
+    "    <AP-id-type></AP-id-type>\n   </IEEE>\n  </network-logic>\n  <ue-sip-port></ue-sip-port>\n"
+    "  <ue-trans-pref></ue-trans-pref>\n  <ue-threshold-pref></ue-threshold-pref>\n"
+    "  <registrar-address></registrar-address>\n  <registrar-realm></registrar-realm>\n"
+    "  <domain-name></domain-name>\n  <proxy-discovery>\n   <disc-pref></disc-pref>\n   <dns-realm></dns-realm>\n"
+    "   <dns-services></dns-services>\n   <ip-address></ip-address>\n  </proxy-discovery>\n"
+    "  <napi-profile-name></napi-profile-name>\n  <initial-route-set></initial-route-set>\n"
+    " </network-profile-info>\n";
+constexpr std::string_view kUserAgent =
+    " <ua-info>\n  <id>-2147483648</id>\n  <reg-expires-pref>-2147483648</reg-expires-pref>\n </ua-info>\n";
 constexpr std::string_view kAddress = "  <aor>   <request-routing-support/>\n  </aor>\n";
 constexpr std::string_view kTags = "\n   </request-routing-support";  ///< beyond the empty element
 constexpr std::string_view kTag = "    <feature-tag></feature-tag>\n";
@@ -32,30 +53,68 @@ std::size_t written_size(const std::string& text) {
   return size;
 }
 
+const ClientAOR_T& value(const std::unique_ptr<ClientAOR_T>& aor) {
+  return *aor;
+}
+const IMSE_UA_AOR_T& value(const IMSE_UA_AOR_T& aor) {
+  return aor;
+}
+
+/// Bytes of a user agent with these addresses and headers, whatever its numbers.
+template <class Aors>
+std::size_t user_agent_size(const Aors& aors, const std::vector<ClientHeader_T>& headers) {
+  std::size_t headers_size = 0;
+  for (const ClientHeader_T& header : headers) {
+    headers_size += kHeader.size() + written_size(header.name) + written_size(header.value);
+  }
+  std::size_t size = kUserAgent.size();
+  for (const auto& item : aors) {
+    const auto& aor = value(item);
+    size += kAddress.size() + written_size(aor.aor) + headers_size;
+    if (!aor.feature_tags.empty()) size += kTags.size();
+    for (const std::string& tag : aor.feature_tags) size += kTag.size() + written_size(tag);
+  }
+  return size;
+}
+
 }  // namespace
 
 IMSE_NotifyXmlData::IMSE_NotifyXmlData(const std::string& name, const IMSE_REG_NW_PROFILE_T& profile,
                                        unsigned short profile_id)
-    : kind_(CREATE), name_(name), profile_id_(profile_id), profile_(&profile) {
+    : kind_(CREATE),
+      name_(name),
+      profile_id_(profile_id),
+      profile_(&profile),
+      size_(kFrame.size() + kProfile.size() + written_size(name)) {
+  for (const IMSE_NW_PROFILE_KEY_T& key : imse_nw_profile_keys()) size_ += written_size(profile.*key.field);
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::IMSE_NotifyXmlData create %s %d", name_.c_str(),
                    profile_id_);
 }
 
 IMSE_NotifyXmlData::IMSE_NotifyXmlData(const std::string& update_info, unsigned short profile_id)
-    : kind_(UPDATE), profile_id_(profile_id), update_info_(update_info) {
+    : kind_(UPDATE),
+      profile_id_(profile_id),
+      update_info_(update_info),
+      size_(kFrame.size() + kUpdate.size() + written_size(update_info)) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::IMSE_NotifyXmlData update %s %d", update_info_.c_str(),
                    profile_id_);
 }
 
-IMSE_NotifyXmlData::IMSE_NotifyXmlData(unsigned short profile_id) : kind_(DELETE), profile_id_(profile_id) {
+IMSE_NotifyXmlData::IMSE_NotifyXmlData(unsigned short profile_id)
+    : kind_(DELETE), profile_id_(profile_id), size_(kFrame.size()) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::IMSE_NotifyXmlData delete %d", profile_id_);
 }
 
-int IMSE_NotifyXmlData::add_ua_info(const IMSE_UA_INFO_T& info) {
+int IMSE_NotifyXmlData::add_ua_info(IMSE_UA_INFO_T info) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_NotifyXmlData::add_ua_info %d", static_cast<int>(info.aors.size()));
   if (info.aors.empty()) return 1;
-  ua_infos_.push_back(info);
+  size_ += user_agent_size(info.aors, info.sip_headers);
+  ua_infos_.push_back(std::move(info));
   return 0;
+}
+
+bool IMSE_NotifyXmlData::has_room_for(const IMSE_UA_INFO_T& info) const {
+  return size_ + user_agent_size(info.aors, info.sip_headers) <= max_size_;
 }
 
 int IMSE_NotifyXmlData::encodeXml() {
@@ -73,17 +132,7 @@ int IMSE_NotifyXmlData::encodeXml() {
 
 std::size_t IMSE_NotifyXmlData::update_size(const std::vector<std::unique_ptr<ClientAOR_T>>& aors,
                                             const std::vector<ClientHeader_T>& headers) {
-  std::size_t headers_size = 0;
-  for (const ClientHeader_T& header : headers) {
-    headers_size += kHeader.size() + written_size(header.name) + written_size(header.value);
-  }
-  std::size_t size = kUpdate.size();
-  for (const auto& aor : aors) {
-    size += kAddress.size() + written_size(aor->aor) + headers_size;
-    if (!aor->feature_tags.empty()) size += kTags.size();
-    for (const std::string& tag : aor->feature_tags) size += kTag.size() + written_size(tag);
-  }
-  return size;
+  return kFrame.size() + kUpdate.size() + std::string_view("delete").size() + user_agent_size(aors, headers);
 }
 
 int IMSE_NotifyXmlData::encode_notify_create() {

@@ -1,6 +1,7 @@
 // A network profile as the registrar knows it: one text for each setting, as the profile document gives it.
 #pragma once
 
+#include <span>
 #include <string>
 
 struct IMSE_REG_NW_PROFILE_T {
@@ -39,3 +40,11 @@ struct IMSE_REG_NW_PROFILE_T {
   std::string napi_profile_name;
   std::string initial_route_set;
 };
+
+struct IMSE_NW_PROFILE_KEY_T {
+  std::string IMSE_REG_NW_PROFILE_T::*field;
+  const char* key;
+};
+
+/// Every setting, with where it stands in a profile document.
+std::span<const IMSE_NW_PROFILE_KEY_T> imse_nw_profile_keys();

@@ -3,8 +3,10 @@
 #include <new>
 #include <string_view>
 
+#include "framework/bounds.h"
 #include "framework/ims_address.h"
 #include "framework/log.h"
+#include "registrar/domain.h"
 #include "registrar/text_number.h"
 #include "siplib/connector.h"
 #include "siplib/transaction.h"
@@ -14,9 +16,15 @@ namespace {
 constexpr const char* kEvent = "local-reg-events";
 constexpr const char* kWatcher = "sip:regua@127.0.0.1";
 
-/// Answers a request and lets go of it.
-void answer(SIPLIB_SIPServerConnection* request, int status) {
-  if (request->initResponse(status) == 0) request->send();
+/// Bytes of waiting documents about changes; they are kept as texts, so that is about the memory they take.
+constexpr std::size_t kMaxWaiting = std::size_t{4} * 1024 * 1024;
+
+/// Answers a request and lets go of it. `expires` goes into a 200.
+void answer(SIPLIB_SIPServerConnection* request, int status, int expires = 0) {
+  if (request->initResponse(status) == 0) {
+    if (status == 200) request->setHeader("Expires", std::to_string(expires));
+    request->send();
+  }
   request->release();
 }
 
@@ -41,7 +49,7 @@ int IMSE_RegSubscriber::handle_subscribe(SIPLIB_SIPServerConnection* request) {
     return 1;
   }
   if (initial_.call_id.empty()) return handle_initial_subs(request);
-  if (request->getDialog() != dialog_) {
+  if (dialog_ == nullptr || request->getDialog() != dialog_) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: IMSE_RegSubscriber: dialog pointer doesn't match");
     return 1;
   }
@@ -50,7 +58,7 @@ int IMSE_RegSubscriber::handle_subscribe(SIPLIB_SIPServerConnection* request) {
     answer(request, 500);
     return 1;
   }
-  return expires == "0" ? handle_unsubs(request) : handle_refresh(request);
+  return expires == "0" ? handle_unsubs(request) : handle_refresh(request, registrar::to_int(expires));
 }
 
 int IMSE_RegSubscriber::handle_initial_subs(SIPLIB_SIPServerConnection* request) {
@@ -68,23 +76,25 @@ int IMSE_RegSubscriber::handle_initial_subs(SIPLIB_SIPServerConnection* request)
   }
   std::string expires_text;
   const int expires = get_expires(request, expires_text) == 1 ? registrar::to_int(expires_text) : 0;
-  if (expires == 0 || request->initResponse(200) != 0) return 1;
+  if (expires <= 0 || request->initResponse(200) != 0) return 1;
+  request->setHeader("Expires", std::to_string(expires));
   const int sent = request->send();
   initial_ = std::move(headers);
   expires_ = expires;
   dialog_ = request->getDialog();
   IMS_log::loginfo(5, __func__, "IMSE_REG: handle_initial_subs %p %d", static_cast<void*>(dialog_), sent);
   state_ = SUBSCRIBED;
-  send_notify(nullptr, "active");
-  return 0;
+  // Without a dialog there is no way to the watcher, and nothing to refresh or end: no subscription.
+  return send_notify(nullptr, "active") != 0 && dialog_ == nullptr ? 1 : 0;
 }
 
-int IMSE_RegSubscriber::handle_refresh(SIPLIB_SIPServerConnection* request) {
+int IMSE_RegSubscriber::handle_refresh(SIPLIB_SIPServerConnection* request, int expires) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_RegSubscriber::handle_refresh");
   // Read for the log only: the subscription stays as it began, its expiry included.
   Headers headers;
   get_headers(request, headers);
-  answer(request, 200);
+  // It does not end by itself, so what is asked for is granted.
+  answer(request, 200, expires > 0 ? expires : expires_);
   send_notify(nullptr, "active");
   return 0;
 }
@@ -140,13 +150,7 @@ int IMSE_RegSubscriber::send_notify(std::unique_ptr<IMSE_NotifyXmlData> document
     return 1;
   }
   if (state_ == SUBS_NOTIFY_SENT && subscription_state != "terminated") {
-    // One without body tells nothing that those before it do not.
-    if (document == nullptr && is_full()) {
-      IMS_log::loginfo(5, __func__, "IMSE_REG: send_notify queue is full, one without body left out");
-      return 0;
-    }
-    IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify Subs SUBS_NOTIFY_SENT state,Pushing to Queue");
-    pending_.push_back(std::move(document));
+    wait(std::move(document));
     return 0;
   }
   if (dialog_ == nullptr) {
@@ -174,7 +178,59 @@ int IMSE_RegSubscriber::send_notify(std::unique_ptr<IMSE_NotifyXmlData> document
   const int sent = notify->send();
   IMS_log::loginfo(5, __func__, "IMSE_REG: send_notify conn->send status %d", sent);
   state_ = SUBS_NOTIFY_SENT;
+  if (document != nullptr && document->domain() != nullptr) document->domain()->document_sent(*document);
   return 0;
+}
+
+void IMSE_RegSubscriber::wait(std::unique_ptr<IMSE_NotifyXmlData> document) {
+  if (document == nullptr && is_full()) {
+    // One without body tells nothing that those before it do not.
+    IMS_log::loginfo(5, "send_notify", "IMSE_REG: send_notify queue is full, one without body left out");
+    return;
+  }
+  if (document != nullptr && stale_) {
+    IMS_log::loginfo(5, "send_notify", "IMSE_REG: send_notify left out, the watcher is told everything anew");
+    return;
+  }
+  if (document != nullptr && !document->whole() && is_full()) {
+    IMS_log::loginfo(4, "send_notify", "IMSE_REG: %d NOTIFYs for a watcher that does not answer are dropped",
+                     static_cast<int>(pending_.size()));
+    pending_.clear();
+    changes_ = changes_size_ = 0;
+    stale_ = true;
+    return;
+  }
+  IMS_log::loginfo(4, "send_notify", "IMSE_REG: send_notify Subs SUBS_NOTIFY_SENT state,Pushing to Queue");
+  if (document == nullptr || !document->whole()) {
+    ++changes_;
+    changes_size_ += document != nullptr ? document->size() : 0;
+  }
+  pending_.push_back(std::move(document));
+}
+
+std::unique_ptr<IMSE_NotifyXmlData> IMSE_RegSubscriber::next() {
+  std::unique_ptr<IMSE_NotifyXmlData> document = std::move(pending_.front());
+  pending_.pop_front();
+  count_out(document.get());
+  return document;
+}
+
+void IMSE_RegSubscriber::count_out(const IMSE_NotifyXmlData* document) {
+  if (document != nullptr && document->whole()) return;
+  --changes_;
+  changes_size_ -= document != nullptr ? document->size() : 0;
+}
+
+void IMSE_RegSubscriber::drop_documents_of(const IMSE_Domain* domain) {
+  std::erase_if(pending_, [&](const std::unique_ptr<IMSE_NotifyXmlData>& document) {
+    if (document == nullptr || document->domain() != domain) return false;
+    count_out(document.get());
+    return true;
+  });
+}
+
+bool IMSE_RegSubscriber::is_full() const {
+  return changes_ >= framework::bounds().waiting_notifies || changes_size_ >= kMaxWaiting;
 }
 
 bool IMSE_RegSubscriber::fill_notify(SIPLIB_SIPClientConnection* notify, IMSE_NotifyXmlData* document,
@@ -193,7 +249,7 @@ bool IMSE_RegSubscriber::fill_notify(SIPLIB_SIPClientConnection* notify, IMSE_No
 }
 
 int IMSE_RegSubscriber::received_response(SIPLIB_SIPClientConnection* response) {
-  if (response->getDialog() != dialog_) {
+  if (dialog_ == nullptr || response->getDialog() != dialog_) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: received_response: dialog pointer doesn't match");
     return 1;
   }
@@ -217,9 +273,12 @@ int IMSE_RegSubscriber::received_response(SIPLIB_SIPClientConnection* response) 
   // One goes out for each answer. One that cannot go out has no answer that would let the next one go.
   while (state_ == NOTIFY_ANSWERED && !pending_.empty()) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: received response Queue is not empty");
-    std::unique_ptr<IMSE_NotifyXmlData> document = std::move(pending_.front());
-    pending_.pop_front();
-    send_notify(std::move(document), "active");
+    std::unique_ptr<IMSE_NotifyXmlData> document = next();
+    IMSE_Domain* const domain = document != nullptr ? document->domain() : nullptr;
+    const bool create = document != nullptr && document->kind() == IMSE_NotifyXmlData::CREATE;
+    if (send_notify(std::move(document), "active") == 0 || domain == nullptr) continue;
+    domain->document_lost();
+    if (create) drop_documents_of(domain);
   }
   return 0;
 }

@@ -1,7 +1,9 @@
 // The one subscription to the package "local-reg-events".
 //
 // Checks and answers SUBSCRIBEs, keeps the dialog, and sends NOTIFYs one at a time: while one is unanswered, further
-// "active" ones wait in a queue, and each 2xx lets one go. Only the terminal's registration agent may watch.
+// "active" ones wait in a queue, and each 2xx lets one go. Only the terminal's registration agent may watch. When too
+// many wait, all are dropped and the watcher is stale: what happens next is not queued either, and its next answer lets
+// the registrar tell it everything anew.
 //
 //   INITIALISED -> SUBSCRIBED -> SUBS_NOTIFY_SENT <-> NOTIFY_ANSWERED -> DELETED
 //
@@ -12,10 +14,11 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <utility>
 
-#include "framework/bounds.h"
 #include "registrar/notify_xml_data.h"
 
+class IMSE_Domain;
 class SIPLIB_SIPClientConnection;
 class SIPLIB_SIPClientConnectionListener;
 class SIPLIB_SIPConnector;
@@ -41,9 +44,10 @@ class IMSE_RegSubscriber {
   /// An answer to a NOTIFY. 1 when the subscription is over, else 0.
   int received_response(SIPLIB_SIPClientConnection* response);
   bool is_terminated() const { return state_ == DELETED; }
-  /// So many documents wait that no registration is taken that would add one. Documents that tell of a leaving user
-  /// agent are always taken: there cannot be more of them than user agents.
-  bool is_full() const { return pending_.size() >= framework::bounds().waiting_notifies; }
+  /// True once after documents had to be dropped because the watcher did not answer: it must be told everything anew.
+  /// To be asked when it has answered.
+  bool take_stale() { return std::exchange(stale_, false); }
+  bool is_stale() const { return stale_; }
   State state() const { return state_; }
 
  private:
@@ -58,7 +62,8 @@ class IMSE_RegSubscriber {
   };
 
   int handle_initial_subs(SIPLIB_SIPServerConnection* request);
-  int handle_refresh(SIPLIB_SIPServerConnection* request);
+  /// `expires`: what it asks for.
+  int handle_refresh(SIPLIB_SIPServerConnection* request, int expires);
   int handle_unsubs(SIPLIB_SIPServerConnection* request);
   /// 0, or 1 with a line that names the first missing one.
   static int get_headers(SIPLIB_SIPServerConnection* request, Headers& headers);
@@ -68,6 +73,15 @@ class IMSE_RegSubscriber {
   bool fill_notify(SIPLIB_SIPClientConnection* notify, IMSE_NotifyXmlData* document,
                    const std::string& subscription_state) const;
 
+  /// Puts the document behind those that wait; null: one without body.
+  void wait(std::unique_ptr<IMSE_NotifyXmlData> document);
+  std::unique_ptr<IMSE_NotifyXmlData> next();
+  void count_out(const IMSE_NotifyXmlData* document);
+  /// The watcher would not know the profile that they speak of.
+  void drop_documents_of(const IMSE_Domain* domain);
+  /// So much waits that what happens further is not kept document by document.
+  bool is_full() const;
+
   Headers initial_;  ///< of the SUBSCRIBE that began it; empty until it is accepted
   int expires_ = 0;  ///< seconds; of the SUBSCRIBE that began it
   SIPLIB_SIPDialog* dialog_ = nullptr;
@@ -76,4 +90,8 @@ class IMSE_RegSubscriber {
   std::string local_name_;
   SIPLIB_SIPClientConnectionListener* listener_;
   std::deque<std::unique_ptr<IMSE_NotifyXmlData>> pending_;  ///< oldest first; null: without body
+  // Of those, the ones that tell of changes: there is no end to these.
+  std::size_t changes_ = 0;
+  std::size_t changes_size_ = 0;  ///< bytes
+  bool stale_ = false;
 };

@@ -120,12 +120,6 @@ bool IMSE_Registrar::process_ext_client_new_register(IMSE_ExtClient* client) {
     client->reject(400);
     return false;
   }
-  // Refused before the routing table is touched: an entry of a refused client would stay there.
-  if (subscriber_ != nullptr && subscriber_->is_full()) {
-    IMS_log::loginfo(4, __func__, "IMSE_REG: too many NOTIFYs wait for the subscriber, no further client is taken");
-    client->reject(400);
-    return false;
-  }
   const auto found = std::find_if(domains_.begin(), domains_.end(),
                                   [&profile](const auto& domain) { return domain->is_match(profile); });
   IMSE_Domain* domain = found != domains_.end() ? found->get() : nullptr;
@@ -212,12 +206,18 @@ void IMSE_Registrar::handle_registrar_response_message(SIPLIB_SIPClientConnectio
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Registrar::handle_registrar_response_message");
   if (subscriber_ == nullptr) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: subscriber is NULL");
+  } else if (response->getTransactionStatus() != 0) {
+    // Handed on, it would end the subscription that there is now.
+    IMS_log::loginfo(4, __func__, "IMSE_REG: answer to a NOTIFY of an ended subscription absorbed");
   } else if (subscriber_->received_response(response) == 1) {
     IMS_log::loginfo(5, __func__, "IMSE_REG:deleting subscription");
     end_subscription();
   } else if (const int status = response->getStatusCode(); status >= 100 && status < 200) {
     // Closed now, the transaction would take its final answer with it, and the queue would wait for ever.
     return;
+  } else if (subscriber_->take_stale()) {
+    IMS_log::loginfo(4, __func__, "IMSE_REG: the watcher answers again and is told everything anew");
+    for (const auto& domain : domains_) domain->tell_anew();
   }
   connector_->close(response);
 }

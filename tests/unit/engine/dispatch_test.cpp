@@ -257,22 +257,6 @@ TEST_F(Dispatch, LetsGoOfOtherRequestsAtTheRegistrar) {
   EXPECT_TRUE(options.answers.empty());
 }
 
-TEST_F(Dispatch, LetsGoOfAnAnswerWhoseSubscriptionHasEnded) {
-  class EndedNotify : public SIPLIB_SIPClientConnection {
-   public:
-    void setListener(SIPLIB_SIPClientConnectionListener* /*listener*/) override {}
-    int initRequest(std::string_view, std::string_view, std::string_view, std::string_view) override { return -1; }
-    int getTransactionStatus() const override { return -1; }
-    int send() override { return -1; }
-    void release() override {}
-    SIPLIB_SIPDialog* getDialog() const override { return nullptr; }
-  } ended;
-  LogCapture log;
-  EXPECT_EQ(engine->handle_registrar_response_message(static_cast<SIPLIB_SIPConnection*>(&ended)), 0);
-  EXPECT_TRUE(connector.closed(&ended));
-  EXPECT_TRUE(log.lines().empty()) << "the registrar never hears of it";
-}
-
 TEST_F(Dispatch, PassesRefreshTextsOn) {
   const char* text = "refresh all";
   char* owned = new char[std::strlen(text) + 1];

@@ -451,3 +451,90 @@ TEST_F(DomainTest, WithoutMemoryForADocumentNothingIsSent) {
   EXPECT_TRUE(log.has(4, "IMSE_REG: set_subscriber: memory allocation failed"));
   EXPECT_EQ(domain->notify_state(), IMSE_Domain::NOTHING_SENT);
 }
+
+// --- More than one document can hold
+// ----------------------------------------------------------------------------------
+
+namespace {
+
+std::unique_ptr<IMSE_ExtClient> makeLargeClient(const std::string& user, std::uint32_t id, std::size_t size) {
+  const std::string text = uaInfo(
+      "home",
+      aor("sip:" + user + "@home.net", "<events>x</events><feature-tag>" + std::string(size, 't') + "</feature-tag>"));
+  auto body = std::make_unique<RegisterXmlData>(text.data(), static_cast<int>(text.size()));
+  EXPECT_EQ(body->parseXml(), 0);
+  return std::make_unique<IMSE_ExtClient>(std::move(body), id);
+}
+
+}  // namespace
+
+TEST_F(DomainTest, WhatOneCreateCannotHoldFollowsInUpdates) {
+  std::vector<std::unique_ptr<IMSE_ExtClient>> clients;
+  for (std::uint32_t id = 1; id <= 5; ++id) {
+    clients.push_back(makeLargeClient("u" + std::to_string(id), id, 25000));
+    EXPECT_EQ(domain->add(clients.back().get(), true), 0);
+  }
+  domain->set_subscriber(subscribe());
+  for (int more = 0; more < 3; ++more) answer();
+  EXPECT_EQ(told(), (Texts{"active CREATE", "active UPDATE add", "active UPDATE add"}));
+  std::string ids;
+  for (const auto& notify : dialog.made) {
+    const std::string body = notify->body();
+    EXPECT_LE(body.size(), IMSE_NotifyXmlData::kMaxSize);
+    for (std::size_t at = 0; (at = body.find("<id>", at)) != std::string::npos; ++at) ids += body[at + 4];
+  }
+  EXPECT_EQ(ids, "12345");
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::CREATE_SENT);
+}
+
+TEST_F(DomainTest, AUserAgentThatFillsADocumentFollowsTheProfile) {
+  const auto large = makeLargeClient("large", 7, IMSE_NotifyXmlData::kMaxSize - 600);
+  domain->set_subscriber(subscribe());
+  EXPECT_EQ(add(*large), 0);
+  EXPECT_EQ(told(), (Texts{"active CREATE", "active UPDATE add"}));
+  EXPECT_EQ(dialog.made[1]->body().find("<ua-info>"), std::string::npos);
+  EXPECT_NE(dialog.made[2]->body().find("<id>7</id>"), std::string::npos);
+}
+
+TEST_F(DomainTest, AProfileTooLargeForAnyDocumentIsNotToldAndKeepsNobodyOut) {
+  const fake::ConfigDir config;
+  config.profile("large", "<p><policy>" + std::string(61000, 'x') + "</policy></p>");
+  domain = std::make_unique<IMSE_Domain>("large", nullptr);
+  EXPECT_EQ(domain->add(alice.get(), true), 0);
+  LogCapture log(4);
+  domain->set_subscriber(subscribe());
+  EXPECT_EQ(log.texts().size(), 1u);
+  EXPECT_TRUE(log.has_part(4, "IMSE_REG: the settings of network profile large are too large for a NOTIFY: 6"));
+  EXPECT_EQ(add(*bob), 0);
+  EXPECT_EQ(domain->clients().size(), 2u);
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::NOTHING_SENT);
+  EXPECT_TRUE(told().empty());
+  EXPECT_EQ(remove(*bob), 0);
+}
+
+TEST_F(DomainTest, ACreateThatFailsWhenItsTurnComesIsSentAgainWithAllAtTheNextChance) {
+  IMSE_RegSubscriber* const watcher = subscribe();
+  domain->add(alice.get(), true);
+  domain->add(bob.get(), true);
+  watcher->send_notify(nullptr, "active");  // is out, so the others wait
+  domain->set_subscriber(watcher);
+  const auto carol = makeClient("carol", 3);
+  EXPECT_EQ(domain->add(carol.get(), true), 0);
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::CREATE_SENT);
+  dialog.refuse_headers = true;
+  answer();
+  dialog.refuse_headers = false;
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::NOTHING_SENT);
+  EXPECT_EQ(watcher->state(), IMSE_RegSubscriber::NOTIFY_ANSWERED) << "its update went with it";
+  // Silently it does not count either.
+  const auto dave = makeClient("dave", 4);
+  EXPECT_EQ(add(*dave, false), 0);
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::NOTHING_SENT);
+  const auto eve = makeClient("eve", 5);
+  EXPECT_EQ(add(*eve), 0);
+  EXPECT_EQ(told(), (Texts{"active -", "active CREATE"}));
+  const std::string body = dialog.made.back()->body();
+  for (const char* id : {"<id>1</id>", "<id>2</id>", "<id>3</id>", "<id>4</id>", "<id>5</id>"})
+    EXPECT_NE(body.find(id), std::string::npos) << id;
+  EXPECT_EQ(domain->notify_state(), IMSE_Domain::CREATE_SENT);
+}

@@ -270,6 +270,27 @@ TEST(NotifyXmlData, TheSizeOfAnUpdateIsKnownWithoutWritingIt) {
   EXPECT_TRUE(log.lines().empty());
 }
 
+TEST(NotifyXmlData, NoDocumentIsLargerThanItsCountedSize) {
+  IMSE_REG_NW_PROFILE_T p = profile();
+  p.policy = "<&>\"";
+  for (const IMSE_REG_NW_PROFILE_T& settings : {IMSE_REG_NW_PROFILE_T(), p}) {
+    IMSE_NotifyXmlData create("home&away", settings, 65535);
+    // The frame of an update is counted, which is a little more.
+    for (int count = 0; count < 3; ++count) {
+      const std::size_t written = encoded(create).size();
+      EXPECT_GE(create.size(), written);
+      EXPECT_LE(create.size(), written + 64 * static_cast<std::size_t>(count + 1));
+      EXPECT_TRUE(create.fits());
+      create.add_ua_info(twoAddressesThreeHeaders());
+    }
+    create.set_max_size(create.size());
+    EXPECT_FALSE(create.has_room_for(twoAddressesThreeHeaders()));
+  }
+  IMSE_NotifyXmlData gone(1);
+  EXPECT_GE(gone.size(), encoded(gone).size());
+  EXPECT_LE(gone.size(), encoded(gone).size() + 10);
+}
+
 // --- libxml2's allocations fail one after the other ------------------------------------------------------------------
 
 namespace {

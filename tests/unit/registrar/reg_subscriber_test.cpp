@@ -339,12 +339,41 @@ TEST_F(SubscriberTest, AFailedAttemptLeavesTheState) {
   EXPECT_EQ(dialog.notifies().size(), 1u);
 }
 
-TEST_F(SubscriberTest, WithoutADialogNothingIsSent) {
+TEST_F(SubscriberTest, WithoutADialogThereIsNoSubscription) {
   request = std::make_unique<fake::Request>(Subscribe{}.text());
   LogCapture log;
-  EXPECT_EQ(subscriber->handle_subscribe(request.get()), 0);
+  EXPECT_EQ(subscriber->handle_subscribe(request.get()), 1);
   EXPECT_TRUE(log.has(4, "IMSE_REG: send_notify: INVALID dialogptr"));
-  EXPECT_EQ(subscriber->state(), IMSE_RegSubscriber::SUBSCRIBED);
+  // No dialog is nobody's: it matches nothing.
+  fake::Request refresh(Subscribe{}.text());
+  EXPECT_EQ(subscriber->handle_subscribe(&refresh), 1);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: IMSE_RegSubscriber: dialog pointer doesn't match"));
+  fake::Notify stray(nullptr);
+  stray.answer(200);
+  EXPECT_EQ(subscriber->received_response(&stray), 1);
+  EXPECT_TRUE(log.has(4, "IMSE_REG: received_response: dialog pointer doesn't match"));
+}
+
+TEST_F(SubscriberTest, TheAnswerToASubscribeSaysForHowLong) {
+  handle({.expires = "600 "});
+  EXPECT_EQ(request->answered("Expires"), "600");
+  answer(200);
+  handle({.expires = "99"});
+  EXPECT_EQ(request->answered("Expires"), "99");
+  answer(200);
+  // What is no time leaves it as it is.
+  for (const char* odd : {"00", "-5", "x"}) {
+    handle({.expires = odd});
+    EXPECT_EQ(request->answered("Expires"), "600") << odd;
+    answer(200);
+  }
+  handle({.expires = "0"});
+  EXPECT_EQ(request->answered("Expires"), "0");
+}
+
+TEST_F(SubscriberTest, ATimeBelowZeroBeginsNoSubscription) {
+  EXPECT_EQ(handle({.expires = "-5"}), 1);
+  EXPECT_TRUE(dialog.made.empty());
 }
 
 TEST_F(SubscriberTest, ANotifyThatCouldNotBeSentWaitsForItsAnswer) {
@@ -369,12 +398,65 @@ TEST_F(SubscriberTest, AWaitingDocumentThatCannotGoDoesNotHoldUpTheNext) {
 
 TEST_F(SubscriberTest, TheQueueDoesNotGrowWithRefreshes) {
   handle({});
-  for (std::size_t i = 0; i < framework::bounds().waiting_notifies; ++i) EXPECT_EQ(handle({.expires = "99"}), 0);
-  EXPECT_TRUE(subscriber->is_full());
+  const std::size_t bound = framework::bounds().waiting_notifies;
+  for (std::size_t i = 0; i < bound; ++i) EXPECT_EQ(handle({.expires = "99"}), 0);
   LogCapture log(4);
   EXPECT_EQ(handle({.expires = "99"}), 0);
   EXPECT_EQ(request->status(), 200);
   EXPECT_TRUE(log.lines().empty());
-  // What tells something is still taken.
-  EXPECT_EQ(subscriber->send_notify(document(1), "active"), 0);
+  for (std::size_t i = 0; i < bound; ++i) answer(200);
+  EXPECT_EQ(subscriber->state(), IMSE_RegSubscriber::SUBS_NOTIFY_SENT);
+  answer(200);
+  EXPECT_EQ(subscriber->state(), IMSE_RegSubscriber::NOTIFY_ANSWERED);
+  EXPECT_EQ(dialog.made.size(), bound + 1);
+}
+
+TEST_F(SubscriberTest, WhenTooManyWaitAllAreDroppedAndTheWatcherIsStaleUntilItAnswers) {
+  handle({});
+  const std::size_t bound = framework::bounds().waiting_notifies;
+  for (std::size_t i = 0; i < bound; ++i) EXPECT_EQ(subscriber->send_notify(document(1), "active"), 0);
+  EXPECT_FALSE(subscriber->is_stale());
+  LogCapture log(4);
+  EXPECT_EQ(subscriber->send_notify(document(2), "active"), 0);
+  EXPECT_TRUE(subscriber->is_stale());
+  EXPECT_EQ(subscriber->send_notify(document(3), "active"), 0);
+  EXPECT_EQ(log.texts(), Texts{"IMSE_REG: 256 NOTIFYs for a watcher that does not answer are dropped"});
+  EXPECT_EQ(answer(200), 0);
+  EXPECT_EQ(dialog.made.size(), 1u) << "nothing of it goes out";
+  EXPECT_TRUE(subscriber->take_stale());
+  EXPECT_FALSE(subscriber->take_stale());
+  EXPECT_EQ(subscriber->send_notify(document(4), "active"), 0);
+  EXPECT_EQ(lastId(), "4");
+}
+
+TEST_F(SubscriberTest, WaitingDocumentsAreBoundedInBytesToo) {
+  handle({});
+  IMSE_UA_INFO_T info;
+  info.aors = {{std::string(50000, 'a'), {}}};
+  std::size_t waiting = 0;
+  for (; !subscriber->is_stale() && waiting < 200; ++waiting) {
+    auto large = std::make_unique<IMSE_NotifyXmlData>(std::string("add"), 1);
+    large->add_ua_info(info);
+    EXPECT_EQ(subscriber->send_notify(std::move(large), "active"), 0);
+  }
+  EXPECT_LT(waiting * 50000, 5u * 1024 * 1024);
+  EXPECT_GT(waiting * 50000, 4u * 1024 * 1024);
+}
+
+TEST_F(SubscriberTest, WhatTellsEverythingWaitsWhateverWaitsAlready) {
+  handle({});
+  const std::size_t bound = framework::bounds().waiting_notifies;
+  for (std::size_t i = 0; i < bound; ++i) subscriber->send_notify(document(1), "active");
+  for (int i = 0; i < 10; ++i) {
+    auto whole = document(2);
+    whole->set_whole(true);
+    subscriber->send_notify(std::move(whole), "active");
+  }
+  EXPECT_FALSE(subscriber->is_stale());
+  // A change that has left makes room for one.
+  answer(200);
+  subscriber->send_notify(document(3), "active");
+  EXPECT_FALSE(subscriber->is_stale());
+  subscriber->send_notify(document(3), "active");
+  EXPECT_TRUE(subscriber->is_stale());
 }

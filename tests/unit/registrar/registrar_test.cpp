@@ -338,6 +338,34 @@ TEST_F(RegistrarTest, AnAnswerWithoutASubscriberIsClosed) {
   EXPECT_TRUE(connector.closed(&stray));
 }
 
+TEST_F(RegistrarTest, AnAnswerOfAnEndedSubscriptionDoesNotEndTheOneThatThereIs) {
+  subscribe();
+  fake::Notify late(&dialog);
+  late.transaction_status = -1;
+  late.answer(481);
+  LogCapture log(4);
+  registrar->handle_registrar_response_message(&late);
+  EXPECT_EQ(log.texts(), Texts{"IMSE_REG: answer to a NOTIFY of an ended subscription absorbed"});
+  EXPECT_TRUE(connector.closed(&late));
+  EXPECT_NE(registrar->subscriber(), nullptr);
+}
+
+TEST_F(RegistrarTest, ASubscriptionWithoutADialogLeavesNothingBehind) {
+  last = std::make_unique<fake::Request>(sipRequest("SUBSCRIBE", "sip:registrar@127.0.0.1",
+                                                    {{"From", "<sip:regua@127.0.0.1>;tag=1"},
+                                                     {"To", "<sip:registrar@127.0.0.1>"},
+                                                     {"Call-ID", "s"},
+                                                     {"CSeq", "1 SUBSCRIBE"},
+                                                     {"Contact", "<sip:regua@127.0.0.1:5080>"},
+                                                     {"Event", "local-reg-events"},
+                                                     {"Expires", "600"}}));
+  registrar->handle_registrar_subscribe_message(last.get());
+  last->endTurn();
+  EXPECT_EQ(registrar->subscriber(), nullptr);
+  EXPECT_EQ(status({}), 200);
+  EXPECT_EQ(table.operations, Texts{"add 5070"});
+}
+
 TEST_F(RegistrarTest, AProvisionalAnswerDoesNotEndTheTransaction) {
   subscribe();
   fake::Notify* const notify = dialog.made.back().get();
@@ -464,26 +492,70 @@ TEST_F(RegistrarTest, KnowsNoMoreProfilesThanItsLimit) {
   EXPECT_EQ(status(known), 200);
 }
 
-TEST_F(RegistrarTest, AWatcherThatDoesNotAnswerStopsFurtherRegistrations) {
+TEST_F(RegistrarTest, AWatcherThatDoesNotAnswerKeepsNobodyOutAndIsToldTheTruthWhenItAnswers) {
+  EXPECT_EQ(status({}), 200);
   subscribe();
-  Register coming = bob();
-  Register leaving = bob();
-  leaving.expires = "0";
-  int taken = 0;
-  for (int cseq = 1; taken < 1000; cseq += 2) {
-    coming.cseq = cseq;
-    if (status(coming) != 200) break;
-    leaving.cseq = cseq + 1;
-    EXPECT_EQ(status(leaving), 200);
-    ++taken;
+  answer(200);  // the create of "home" is out
+  const auto user = [](int number) {
+    Register one = bob(10000 + number);
+    const std::string name = "u" + std::to_string(number);
+    one.from = "sip:" + name + "@home.net";
+    one.call_id = name;
+    one.body =
+        fake::uaInfo(number % 2 == 0 ? "home" : "work", fake::aor(one.from, "<feature-tag>" + name + "</feature-tag>"));
+    return one;
+  };
+  for (int number = 0; number < 200; ++number) ASSERT_EQ(status(user(number)), 200);
+  EXPECT_FALSE(registrar->subscriber()->is_stale());
+  const auto leave = [&](Register one) {
+    one.cseq = 2;
+    one.expires = "0";
+    return status(one);
+  };
+  for (int number = 0; number < 200; ++number) {
+    if (number == 6) continue;
+    ASSERT_EQ(leave(user(number)), 200);
   }
-  EXPECT_EQ(taken, static_cast<int>(framework::bounds().waiting_notifies) / 2);
-  EXPECT_EQ(last->status(), 400);
-  // Nothing is left of the one that was refused.
-  EXPECT_TRUE(table.entries.empty());
-  EXPECT_EQ(clientCount(), 0u);
+  EXPECT_TRUE(registrar->subscriber()->is_stale());
+  EXPECT_EQ(dialog.made.size(), 2u);
   answerAll();
-  EXPECT_EQ(status(coming), 200);
+  // "home" has the first one and number 6; "work" came and went unheard.
+  ASSERT_EQ(dialog.notifies(), (Texts{"active -", "active CREATE", "active CREATE"}));
+  const std::string told = dialog.made.back()->body();
+  EXPECT_NE(told.find("<name>home</name>"), std::string::npos);
+  EXPECT_NE(told.find("sip:alice@home.net"), std::string::npos);
+  EXPECT_NE(told.find("sip:u6@home.net"), std::string::npos);
+  EXPECT_EQ(told.find("sip:u8@home.net"), std::string::npos);
+  // From here on as ever.
+  EXPECT_EQ(status(user(300)), 200);
+  EXPECT_EQ(status(user(301)), 200);
+  answerAll();
+  EXPECT_EQ(dialog.notifies().size(), 5u);
+  EXPECT_EQ(dialog.notifies()[3], "active UPDATE add");
+  EXPECT_EQ(dialog.notifies()[4], "active CREATE");
+}
+
+TEST_F(RegistrarTest, AProfileThatEmptiedWhileTheWatcherWasSilentIsToldWithItsDelete) {
+  framework::Bounds few;
+  few.waiting_notifies = 1;
+  const framework::Bounds before = framework::bounds();
+  framework::setBounds(few);
+  EXPECT_EQ(status({}), 200);
+  Register other = bob();
+  other.body = fake::uaInfo("work", fake::aor("sip:bob@home.net", "<feature-tag>b</feature-tag>"));
+  EXPECT_EQ(status(other), 200);
+  subscribe();
+  answer(200);
+  answer(200);  // both creates are out, the second unanswered
+  other.cseq = 2;
+  other.expires = "0";
+  EXPECT_EQ(status({.cseq = 2, .expires = "0"}), 200);
+  EXPECT_EQ(status(other), 200);
+  EXPECT_TRUE(registrar->subscriber()->is_stale());
+  answerAll();
+  EXPECT_EQ(dialog.notifies(), (Texts{"active -", "active CREATE", "active CREATE", "active DELETE", "active DELETE"}));
+  EXPECT_FALSE(registrar->subscriber()->is_stale());
+  framework::setBounds(before);
 }
 
 TEST_F(RegistrarTest, AThousandRegistrationsOfOnePortLeaveNothingBehind) {

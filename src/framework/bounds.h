@@ -19,6 +19,24 @@ struct Bounds {
   std::size_t waiting_notifies = 256;
   /// Challenges of one network profile.
   std::size_t challenges = 32;
+
+  // What registrations bring, each and all together; a REGISTER above one of these is answered 400. With the defaults
+  // there is room for 256 user agents of 600 feature tags of 60 bytes beside as many ordinary ones. No input costs 5 ms
+  // then: what is searched for a request is linear in the texts, and hardly depends on the feature tags (see
+  // routing/client_index.h).
+
+  /// Addresses of record.
+  std::size_t client_aors = 32;
+  std::size_t aors = 2048;
+  /// Feature tags; about 200 bytes of memory each, and three times its own.
+  std::size_t client_feature_tags = 1024;
+  std::size_t feature_tags = 163840;
+  /// Bytes of one feature tag, and of all.
+  std::size_t feature_tag_size = 256;
+  std::size_t feature_tag_bytes = std::size_t{12} * 1024 * 1024;
+  /// Bytes of what else is searched: addresses, events, methods, content types, packages, URIs.
+  std::size_t client_text = 8192;
+  std::size_t text_bytes = std::size_t{512} * 1024;
 };
 
 /// The bounds in force in this process.

@@ -234,6 +234,14 @@ constexpr std::array kSettings{
     Setting{"max-routing-entries", 1, 65536, [](Settings s, long v) { s.bounds.routing_entries = count(v); }},
     Setting{"max-waiting-notifies", 1, 65536, [](Settings s, long v) { s.bounds.waiting_notifies = count(v); }},
     Setting{"max-challenges", 1, 1024, [](Settings s, long v) { s.bounds.challenges = count(v); }},
+    Setting{"max-client-aors", 1, 65536, [](Settings s, long v) { s.bounds.client_aors = count(v); }},
+    Setting{"max-aors", 1, 1048576, [](Settings s, long v) { s.bounds.aors = count(v); }},
+    Setting{"max-client-feature-tags", 1, 65536, [](Settings s, long v) { s.bounds.client_feature_tags = count(v); }},
+    Setting{"max-feature-tags", 1, 16777216, [](Settings s, long v) { s.bounds.feature_tags = count(v); }},
+    Setting{"max-feature-tag-size", 1, 65536, [](Settings s, long v) { s.bounds.feature_tag_size = count(v); }},
+    Setting{"max-feature-tag-bytes", 1, 1073741824, [](Settings s, long v) { s.bounds.feature_tag_bytes = count(v); }},
+    Setting{"max-client-text", 1, 65536, [](Settings s, long v) { s.bounds.client_text = count(v); }},
+    Setting{"max-text-bytes", 1, 1073741824, [](Settings s, long v) { s.bounds.text_bytes = count(v); }},
 };
 constexpr std::string_view kIoThread = "io-thread";
 constexpr std::string_view kControlUids = "control-uids";

@@ -1,6 +1,8 @@
 // The client side of the routing table.
 #include <algorithm>
+#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "auth/proxy_authenticate.h"
@@ -14,10 +16,6 @@
 unsigned int IMS_Proxy_RoutingTable_Impl::current_rt_tbl_key = 0;
 
 namespace {
-
-bool contains(const std::string& text, const std::string& value) {
-  return text.find(value) != std::string::npos;
-}
 
 /// One domain per AOR, runs of equal ones counted once. Not sorted first: A, B, A are three. `caller` names the
 /// operation in the log.
@@ -40,47 +38,90 @@ std::size_t count_domains(const char* caller, const std::vector<ClientAOR_T>& ao
 
 /// Sorts the keys and brings the distinct ones to the front without shortening the list; what stands behind them keeps
 /// its value. Deliberate: callers count matches, and a client that matches with two AORs counts twice.
-void sort_and_compact(std::vector<std::string>& keys, const char* caller, const char* name) {
+void sort_and_compact(std::vector<std::string>& keys) {
   std::sort(keys.begin(), keys.end());
-  IMS_log::loginfo(5, caller, "After sorting %s.size=%d", name, static_cast<int>(keys.size()));
   std::size_t last = 0;
   for (std::size_t i = 1; i < keys.size(); ++i) {
     if (keys[i] != keys[last] && ++last != i) keys[last] = keys[i];  // copied, never moved: keys[i] stays as it is
   }
-  IMS_log::loginfo(5, caller, "After unique %s.size=%d", name, static_cast<int>(keys.size()));
 }
 
 bool is_aor_filter(ClientFilter_Field_T filter) {
   return filter == CF_EVENT || filter == CF_METHOD || filter == CF_CONTENT_TYPE || filter == CF_AOR;
 }
 
-/// The text of the AOR that an AOR filter looks at.
-const std::string& search_string(const char* caller, ClientFilter_Field_T filter, const ClientAOR_T& aor) {
+/// Else with a line.
+bool is_aor_search(const char* caller, ClientFilter_Field_T filter, const std::string& value,
+                   const char* wrong_filter) {
+  if (!is_aor_filter(filter)) {
+    IMS_log::loginfo(4, caller, "%s", wrong_filter);
+    return false;
+  }
+  if (value.empty()) IMS_log::loginfo(4, caller, "Returning  : Invalid identifier Value");
+  return !value.empty();
+}
+
+// The lines about what is looked at, for the log's highest level: each client is told of there, found or not.
+
+void tell_text(const char* caller, ClientFilter_Field_T filter, const ClientAOR_T& aor) {
+  const char* const text = filtered_text(filter, aor).c_str();
   switch (filter) {
     case CF_EVENT:
-      IMS_log::loginfo(5, caller, "search string is event : %s", aor.events.c_str());
-      return aor.events;
+      IMS_log::loginfo(5, caller, "search string is event : %s", text);
+      return;
     case CF_METHOD:
-      IMS_log::loginfo(5, caller, "search string is method: %s", aor.methods.c_str());
-      return aor.methods;
+      IMS_log::loginfo(5, caller, "search string is method: %s", text);
+      return;
     case CF_CONTENT_TYPE:
-      IMS_log::loginfo(5, caller, "search string is content type :  %s", aor.content_types.c_str());
-      return aor.content_types;
+      IMS_log::loginfo(5, caller, "search string is content type :  %s", text);
+      return;
     default:
-      IMS_log::loginfo(5, caller, "search string is aor : %s", aor.aor.c_str());
-      return aor.aor;
+      IMS_log::loginfo(5, caller, "search string is aor : %s", text);
   }
 }
 
-bool matches(const RoutingTable_Entry_T& client, ClientFilter_Field_T filter, const std::string& value) {
-  switch (filter) {
-    case CF_UA_PORT:
-      return client.ua_port == value;
-    case CF_URI:
-      return contains(client.uri, value);
-    default:
-      return contains(client.packages, value);
+void tell_texts(const char* caller, ClientFilter_Field_T filter, const RoutingTable_Entry_T& client) {
+  for (const ClientAOR_T& aor : client.aors) tell_text(caller, filter, aor);
+}
+
+void tell_tags(const char* caller, const std::string& key, const RoutingTable_Entry_T& client) {
+  for (const ClientAOR_T& aor : client.aors) {
+    IMS_log::loginfo(5, caller, "client key=%s, AOR=%s", key.c_str(), aor.aor.c_str());
+    for (const std::string& tag : aor.feature_tags) {
+      IMS_log::loginfo(5, caller, "client key=%s, feature tag =%s", key.c_str(), tag.c_str());
+    }
   }
+}
+
+/// Both sizes are that of the list: compacting does not shorten it.
+void tell_sizes(const char* caller, const char* name, std::size_t size) {
+  IMS_log::loginfo(5, caller, "After sorting %s.size=%d", name, static_cast<int>(size));
+  IMS_log::loginfo(5, caller, "After unique %s.size=%d", name, static_cast<int>(size));
+}
+
+/// Whether there is anything.
+bool tell_narrowed(const char* caller, const ClientMatches& matches) {
+  tell_sizes(caller, "output", matches.size());
+  if (matches.empty()) {
+    IMS_log::loginfo(4, caller, "Could not find any Client entry in output ");
+    return false;
+  }
+  IMS_log::loginfo(5, caller, "Found Client entries");
+  return true;
+}
+
+/// In how many of the client's addresses of record the value stands.
+std::size_t matching_aors(const RoutingTable_Entry_T& client, ClientFilter_Field_T filter,
+                          const SearchedValue& searched) {
+  return static_cast<std::size_t>(std::count_if(client.aors.begin(), client.aors.end(), [&](const ClientAOR_T& aor) {
+    return searched.stands_in(filtered_text(filter, aor));
+  }));
+}
+
+ClientAmount amount_of(const std::vector<ClientAOR_T>& aors) {
+  ClientAmount amount;
+  for (const ClientAOR_T& aor : aors) amount.add(aor);
+  return amount;
 }
 
 }  // namespace
@@ -106,6 +147,9 @@ bool IMS_Proxy_RoutingTable_Impl::addClient(ClientTable_Entry_T const& entry) {
     IMS_log::loginfo(4, __func__, "ERROR: AORs have different domains for one entry. Cannot add client");
     return false;
   }
+  ClientAmount amount = amount_of(entry.aors);
+  amount.text_bytes += entry.uri.size() + entry.packages.size();
+  if (!has_room(__func__, amount, {})) return false;
 
   SIPLIB_SIPTransportConnection* connection = IMS_engine_proxy::open_client_connection(
       "TCP", IMS_engine_proxy::localhost_ip, portNumber(IMS_engine_proxy::localhost_port),
@@ -123,7 +167,8 @@ bool IMS_Proxy_RoutingTable_Impl::addClient(ClientTable_Entry_T const& entry) {
     ++domain_entry->second.client_count;
   }
 
-  clients_[std::to_string(current_rt_tbl_key)] = std::move(record);
+  const auto added = clients_.insert_or_assign(std::to_string(current_rt_tbl_key), std::move(record)).first;
+  index_.add(added->first, added->second);
   IMS_log::loginfo(5, __func__, "Successfully Added Client key=%d", static_cast<int>(current_rt_tbl_key));
   ++current_rt_tbl_key;
   return true;
@@ -151,9 +196,21 @@ bool IMS_Proxy_RoutingTable_Impl::deleteClient(ClientTable_Field_T const& type, 
     IMS_engine_proxy::ims_proxy_auth_ptr->delete_client_auth_info(record.domain_key, found->first);
     IMS_engine_proxy::ims_proxy_auth_ptr->forget_client(found->first);
   }
+  index_.remove(found->first, record);
   clients_.erase(found);
   IMS_log::loginfo(5, __func__, "Delete Client is Successful");
   return true;
+}
+
+bool IMS_Proxy_RoutingTable_Impl::has_room(const char* caller, const ClientAmount& more,
+                                           const ClientAmount& less) const {
+  ClientAmount total = index_.amount();
+  total += more;
+  total -= less;
+  const char* const bound = total.bound_exceeded();
+  if (bound == nullptr) return true;
+  IMS_log::loginfo(4, caller, "the clients in the table would go above %s", bound);
+  return false;
 }
 
 // --- Field changes --------------------------------------------------------------------------------------------------
@@ -208,7 +265,9 @@ bool IMS_Proxy_RoutingTable_Impl::appendClientField(ClientTable_Field_T const& t
       IMS_log::loginfo(4, __func__, "AOR domain mismatch");
       return false;
     }
+    if (!has_room(__func__, amount_of({aor}), {})) return false;
     stored.push_back(aor);
+    index_.add(found->first, stored.back());
   }
   return true;
 }
@@ -251,7 +310,11 @@ bool IMS_Proxy_RoutingTable_Impl::replaceClientField(ClientTable_Field_T const& 
     IMS_log::loginfo(4, __func__, "AORs have different domains for one entry. Cannot Replace");
     return false;
   }
-  found->second.aors = aors;
+  std::vector<ClientAOR_T>& stored = found->second.aors;
+  if (!has_room(__func__, amount_of(aors), amount_of(stored))) return false;
+  for (const ClientAOR_T& aor : stored) index_.remove(found->first, aor);
+  stored = aors;
+  for (const ClientAOR_T& aor : stored) index_.add(found->first, aor);
   return true;
 }
 
@@ -293,36 +356,32 @@ std::string IMS_Proxy_RoutingTable_Impl::findClient(ClientFilter_Field_T const& 
                      static_cast<int>(filter));
     return {};
   }
-  for (const auto& [key, record] : clients_) {
-    if (!matches(record, filter, value)) continue;
-    IMS_log::loginfo(5, __func__, "Found Client entry : client key is %s", key.c_str());
-    return key;
+  const std::string* const key = filter == CF_UA_PORT ? index_.with_port(value) : index_.first_with(filter, value);
+  if (key == nullptr) {
+    IMS_log::loginfo(4, __func__, "Could not find any Client entry, returning empty client key");
+    return {};
   }
-  IMS_log::loginfo(4, __func__, "Could not find any Client entry, returning empty client key");
-  return {};
+  IMS_log::loginfo(5, __func__, "Found Client entry : client key is %s", key->c_str());
+  return *key;
 }
 
 bool IMS_Proxy_RoutingTable_Impl::findClients(ClientFilter_Field_T const& filter, std::string const& value,
-                                              std::vector<std::string>& keys) const {
+                                              ClientMatches& matches) const {
   IMS_log::loginfo(5, __func__, "identifier=%d, identifier_value=%s", static_cast<int>(filter), value.c_str());
-  if (!is_aor_filter(filter)) {
-    IMS_log::loginfo(4, __func__, "Returning  : Invalid identifier");
-    return false;
-  }
-  if (value.empty()) {
-    IMS_log::loginfo(4, __func__, "Returning  : Invalid identifier Value");
-    return false;
-  }
-  keys.clear();
-  for (const auto& [key, record] : clients_) {
-    for (const ClientAOR_T& aor : record.aors) {
-      if (!contains(search_string(__func__, filter, aor), value)) continue;
-      IMS_log::loginfo(5, __func__, "Adding client key=%s", key.c_str());
-      keys.push_back(key);
+  if (!is_aor_search(__func__, filter, value, "Returning  : Invalid identifier")) return false;
+  if (IMS_log::enabled(5)) {
+    const SearchedValue searched(value);
+    for (const auto& [key, record] : clients_) {
+      for (const ClientAOR_T& aor : record.aors) {
+        tell_text(__func__, filter, aor);
+        if (!searched.stands_in(filtered_text(filter, aor))) continue;
+        IMS_log::loginfo(5, __func__, "Adding client key=%s", key.c_str());
+      }
     }
   }
-  sort_and_compact(keys, __func__, "clients");
-  if (keys.empty()) {
+  index_.with_text(filter, value, matches);
+  tell_sizes(__func__, "clients", matches.size());
+  if (matches.empty()) {
     IMS_log::loginfo(4, __func__, "Could not find any Client entry for identifier=%d", static_cast<int>(filter));
     return false;
   }
@@ -330,47 +389,71 @@ bool IMS_Proxy_RoutingTable_Impl::findClients(ClientFilter_Field_T const& filter
 }
 
 bool IMS_Proxy_RoutingTable_Impl::findClients(ClientFilter_Field_T const& filter, std::string const& value,
+                                              std::vector<std::string>& keys) const {
+  ClientMatches matches;
+  const bool found = findClients(filter, value, matches);
+  if (is_aor_filter(filter) && !value.empty()) keys = matches.list();  // a refusal leaves them as they were
+  return found;
+}
+
+bool IMS_Proxy_RoutingTable_Impl::findClients(ClientFilter_Field_T const& filter, std::string const& value,
+                                              ClientMatches const& among, ClientMatches& matches) const {
+  IMS_log::loginfo(5, __func__, "identifier=%d, identifier_value=%s", static_cast<int>(filter), value.c_str());
+  if (!is_aor_search(__func__, filter, value, "Returning: Invalid identifier")) return false;
+  if (IMS_log::enabled(5)) {
+    const char* const caller = __func__;
+    among.for_each([&](const std::string& key) { tell_texts(caller, filter, *client(key)); });
+  }
+  matches.clear();
+  const SearchedValue searched(value);
+  among.for_each_key([&](const std::string& key, std::size_t times) {
+    matches.add(key, times * matching_aors(*client(key), filter, searched));
+  });
+  return tell_narrowed(__func__, matches);
+}
+
+bool IMS_Proxy_RoutingTable_Impl::findClients(ClientFilter_Field_T const& filter, std::string const& value,
                                               std::vector<std::string> const& among,
                                               std::vector<std::string>& keys) const {
   IMS_log::loginfo(5, __func__, "identifier=%d, identifier_value=%s", static_cast<int>(filter), value.c_str());
-  if (!is_aor_filter(filter)) {
-    IMS_log::loginfo(4, __func__, "Returning: Invalid identifier");
-    return false;
-  }
-  if (value.empty()) {
-    IMS_log::loginfo(4, __func__, "Returning  : Invalid identifier Value");
-    return false;
-  }
-  std::vector<std::string> output;  // `among` and `keys` may be one list
+  if (!is_aor_search(__func__, filter, value, "Returning: Invalid identifier")) return false;
+  std::map<std::string_view, std::size_t> times;
   for (const std::string& key : among) {
-    const RoutingTable_Entry_T* record = client(key);
+    const RoutingTable_Entry_T* const record = client(key);
     if (record == nullptr) continue;
-    for (const ClientAOR_T& aor : record->aors) {
-      if (contains(search_string(__func__, filter, aor), value)) output.push_back(key);
-    }
+    ++times[key];
+    if (IMS_log::enabled(5)) tell_texts(__func__, filter, *record);
   }
-  keys = std::move(output);
-  sort_and_compact(keys, __func__, "output");
-  if (keys.empty()) {
-    IMS_log::loginfo(4, __func__, "Could not find any Client entry in output ");
-    return false;
+  ClientMatches matches;
+  const SearchedValue searched(value);
+  for (const auto& [key, count] : times) {
+    const auto found = clients_.find(std::string(key));
+    matches.add(found->first, count * matching_aors(found->second, filter, searched));
   }
-  IMS_log::loginfo(5, __func__, "Found Client entries");
-  return true;
+  keys = matches.list();
+  return tell_narrowed(__func__, matches);
+}
+
+void IMS_Proxy_RoutingTable_Impl::findClients_FtrTag(std::string const& contact, ClientMatches& matches) const {
+  search_tags(__func__, contact, matches);
+  tell_sizes(__func__, "clients", matches.size());
 }
 
 void IMS_Proxy_RoutingTable_Impl::findClients_FtrTag(std::string const& contact, std::vector<std::string>& keys) const {
-  IMS_log::loginfo(5, __func__, "contact_string=%s ", contact.c_str());
-  for (const auto& [key, record] : clients_) {
-    for (const ClientAOR_T& aor : record.aors) {
-      IMS_log::loginfo(5, __func__, "client key=%s, AOR=%s", key.c_str(), aor.aor.c_str());
-      for (const std::string& tag : aor.feature_tags) {
-        IMS_log::loginfo(5, __func__, "client key=%s, feature tag =%s", key.c_str(), tag.c_str());
-        if (contains(contact, tag)) keys.push_back(key);
-      }
-    }
+  ClientMatches matches;
+  search_tags(__func__, contact, matches);
+  matches.append_to(keys);
+  sort_and_compact(keys);
+  tell_sizes(__func__, "clients", keys.size());
+}
+
+void IMS_Proxy_RoutingTable_Impl::search_tags(const char* caller, const std::string& text,
+                                              ClientMatches& matches) const {
+  IMS_log::loginfo(5, caller, "contact_string=%s ", text.c_str());
+  if (IMS_log::enabled(5)) {
+    for (const auto& [key, record] : clients_) tell_tags(caller, key, record);
   }
-  sort_and_compact(keys, __func__, "clients");
+  index_.with_tags_in(text, matches);
 }
 
 void IMS_Proxy_RoutingTable_Impl::findClients_ProfileId(std::string const& profile_id,

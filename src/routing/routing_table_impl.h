@@ -1,15 +1,19 @@
 // The routing table: who is who. Clients (local user agents) and domains (network profiles), each under a key.
 //
 // Keys are decimal texts of two class-wide counters, never given out twice; both tables are walked in string order of
-// the keys ("0", "1", "10", "2"), and "first" means first in that order. Every search is a linear walk: there is a
-// handful of local clients. The table sends nothing; it opens and closes TCP client connections through the engine and
-// drops authentication state with its client or domain. Loop thread only, no lock.
+// the keys ("0", "1", "10", "2"), and "first" means first in that order. Searches of clients give what a walk over all
+// of them would, and cost little however much is registered (see client_index.h); domains, of which there is a handful,
+// are walked. All clients together stay within the bounds of their addresses, feature tags and texts: an operation that
+// would go above them is refused. The table sends nothing; it opens and closes TCP client connections through the
+// engine and drops authentication state with its client or domain. Loop thread only, no lock.
 #pragma once
 
 #include <map>
 #include <string>
 #include <vector>
 
+#include "routing/client_index.h"
+#include "routing/client_matches.h"
 #include "routing/client_records.h"
 #include "routing/domain_records.h"
 #include "routing/routing_table_intf.h"
@@ -52,6 +56,13 @@ class IMS_Proxy_RoutingTable_Impl : public IMS_Proxy_RoutingTable_Intf {
                    std::vector<std::string>& keys) const;
   /// Appends the keys of the clients one of whose feature tags stands in `contact`.
   void findClients_FtrTag(std::string const& contact, std::vector<std::string>& keys) const;
+  // The three again with the list counted, for callers that it would be too long for. What is found is good until the
+  // next change of the table; `among` is what such a search gave since, and may not be `matches`.
+  bool findClients(ClientFilter_Field_T const& filter, std::string const& value, ClientMatches& matches) const;
+  bool findClients(ClientFilter_Field_T const& filter, std::string const& value, ClientMatches const& among,
+                   ClientMatches& matches) const;
+  /// Replaces what was in `matches`.
+  void findClients_FtrTag(std::string const& contact, ClientMatches& matches) const;
   /// Appends the keys of the clients of the profile.
   void findClients_ProfileId(std::string const& profile_id, std::vector<std::string>& keys) const;
   /// Key of the first client with this connection, or an empty text.
@@ -85,9 +96,13 @@ class IMS_Proxy_RoutingTable_Impl : public IMS_Proxy_RoutingTable_Intf {
   bool isShared(DomainTable_Entry_T const& entry) const;
   void endConnection(DomainTable_Entry_T& entry);
   void tellProxies() const;
+  void search_tags(const char* caller, const std::string& text, ClientMatches& matches) const;
+  /// False, with a line, when the clients would go above a bound with `more` in place of `less`.
+  bool has_room(const char* caller, const ClientAmount& more, const ClientAmount& less) const;
 
   std::map<std::string, DomainTable_Entry_T> domains_;
   std::map<std::string, RoutingTable_Entry_T> clients_;
+  ClientIndex index_;  ///< of clients_
   /// Of deleted domains. All are on the one network-side address of the process, so any will do for the next domain.
   std::vector<SIPLIB_SIPTransportNotifier*> spare_notifiers_;
   IMS_User_Agent* owner_ = nullptr;

@@ -18,6 +18,14 @@ namespace {
 
 using Keys = std::vector<std::string>;
 
+/// The text in which feature tags are looked for.
+void read_feature_tag_headers(SIPLIB_SIPTransportConnection* connection, std::string& text) {
+  siplib::Scratch value;
+  for (const char* name : {"Contact", "Accept-Contact", "P-Preferred-Identity", "P-Asserted-Identity"}) {
+    if (connection->getHeader(name, value) == 0) text.append(value).append(" ");
+  }
+}
+
 void select(const std::string& key, std::string& client_key, std::string& domain_key) {
   client_key = key;
   if (const RoutingTable_Entry_T* client = IMS_engine_proxy::rt->client(key)) domain_key = client->domain_key;
@@ -26,10 +34,8 @@ void select(const std::string& key, std::string& client_key, std::string& domain
 }  // namespace
 
 void IMS_engine_proxy::get_clients_from_feature_tag_headers(SIPLIB_SIPTransportConnection* connection, Keys& keys) {
-  siplib::Scratch text, value;
-  for (const char* name : {"Contact", "Accept-Contact", "P-Preferred-Identity", "P-Asserted-Identity"}) {
-    if (connection->getHeader(name, value) == 0) text.append(value).append(" ");
-  }
+  siplib::Scratch text;
+  read_feature_tag_headers(connection, text);
   if (!text.empty()) rt->findClients_FtrTag(text, keys);
 }
 
@@ -38,7 +44,7 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
                                                                     const std::string& method, std::string& domain_key,
                                                                     std::string& client_key) {
   IMS_log::loginfo(5, __func__, "find_domain_and_client_network_to_ua_request");
-  static thread_local Keys keys;  // its room stays for the next request
+  static thread_local ClientMatches keys;  // its room stays for the next request
   keys.clear();
 
   siplib::Scratch event;
@@ -57,7 +63,9 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
   }
 
   keys.clear();
-  get_clients_from_feature_tag_headers(connection, keys);
+  siplib::Scratch feature_tags;
+  read_feature_tag_headers(connection, feature_tags);
+  if (!feature_tags.empty()) rt->findClients_FtrTag(feature_tags, keys);
   if (keys.size() == 1) {
     select(keys.front(), client_key, domain_key);
     IMS_log::loginfo(5, __func__, "Found an unique client based on feature tag");
@@ -81,7 +89,7 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
                      static_cast<int>(keys.size()), aor.c_str());
   }
 
-  Keys of_method;  // stays empty when no feature tag and no AOR matched, see below
+  ClientMatches of_method;  // stays empty when no feature tag and no AOR matched, see below
   if (keys.empty()) {
     rt->findClients(CF_METHOD, method, keys);
     if (keys.size() == 1) {
@@ -118,7 +126,7 @@ void IMS_engine_proxy::find_domain_and_client_network_to_ua_request(SIPLIB_SIPTr
     return;
   }
   IMS_log::loginfo(5, __func__, "Need to find unique client based on Content-Type=%s", content_type.c_str());
-  Keys of_type;
+  ClientMatches of_type;
   rt->findClients(CF_CONTENT_TYPE, content_type, of_method, of_type);
   if (of_type.size() == 1) {
     select(of_type.front(), client_key, domain_key);

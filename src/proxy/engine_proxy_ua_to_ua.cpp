@@ -38,7 +38,7 @@ std::string find_by_event(const char* function, const SIPLIB_SIPTransportConnect
   IMS_log::loginfo(5, function, "Routing based on EVENT(method=%s) %s", method.c_str(), event.c_str());
   std::string key;
   if (method == "NOTIFY") {
-    std::vector<std::string> keys;
+    ClientMatches keys;
     table.findClients(CF_EVENT, event, keys);
     if (keys.size() == 1) {
       key = keys.front();

@@ -20,6 +20,8 @@ int trace(const IMSE_Client::Identity& identity) {
 
 }  // namespace
 
+ClientAmount IMSE_Client::held_by_all_;
+
 IMSE_Client::IMSE_Client(std::unique_ptr<RegisterXmlData> body) : body_(std::move(body)) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Client::IMSE_Client");
 }
@@ -27,6 +29,12 @@ IMSE_Client::IMSE_Client(std::unique_ptr<RegisterXmlData> body) : body_(std::mov
 IMSE_Client::~IMSE_Client() {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Client::~IMSE_Client");
   if (request_ != nullptr) request_->release();
+  held_by_all_ -= held_;
+}
+
+void IMSE_Client::hold(const ClientAmount& amount) {
+  held_ = amount;
+  held_by_all_ += amount;
 }
 
 int IMSE_Client::get_client_info(ClientTable_Entry_T& entry) {

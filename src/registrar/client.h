@@ -13,6 +13,7 @@
 #include <string>
 
 #include "registrar/register_xml_data.h"
+#include "routing/client_amount.h"
 
 class SIPLIB_SIPServerConnection;
 
@@ -79,6 +80,11 @@ class IMSE_Client {
   /// Lets go of the request without an answer, when it is the pending one.
   void forget_request(const SIPLIB_SIPServerConnection* request);
   IMSE_CLIENT_STATE_T state() const { return state_; }
+  /// Counts so much as registered while the client lives. Once.
+  void hold(const ClientAmount& amount);
+  const ClientAmount& held() const { return held_; }
+  /// By all clients.
+  static const ClientAmount& held_by_all() { return held_by_all_; }
 
  protected:
   /// Answers the pending request. `failure` is logged when it takes no answer; `profile_id` goes into a 200 when not
@@ -99,4 +105,6 @@ class IMSE_Client {
   SIPLIB_SIPServerConnection* request_ = nullptr;
   IMSE_Client* prev_client_ = nullptr;  ///< the one that this one replaces; not owned
   std::unique_ptr<RegisterXmlData> body_;
+  ClientAmount held_;
+  static ClientAmount held_by_all_;
 };

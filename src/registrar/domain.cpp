@@ -34,8 +34,12 @@ void IMSE_Domain::read_nw_profile(const std::string& document) {
 bool IMSE_Domain::is_client_exist(IMSE_ExtClient* client) const {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::is_client_exist %p %d", pointer(client),
                    static_cast<int>(clients_.size()));
-  const bool exists = std::any_of(clients_.begin(), clients_.end(),
-                                  [client](const IMSE_ExtClient* own) { return own->match_routing_info(client) == 1; });
+  if (IMS_log::enabled(5)) {  // each comparison has its lines
+    for (const IMSE_ExtClient* own : clients_) {
+      if (own->match_routing_info(client) == 1) break;
+    }
+  }
+  const bool exists = wants_.has_any(client->aors());
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::is_client_exist returns %d", exists);
   return exists;
 }
@@ -45,13 +49,13 @@ int IMSE_Domain::add(IMSE_ExtClient* client, bool notify) {
                    notify_state_);
   if (subscriber_ == nullptr) {
     if (notify_state_ != NOTHING_SENT) return 1;
-    clients_.push_back(client);
+    take_in(client);
     return 0;
   }
   if (notify_state_ != CREATE_SENT) return send_notify_and_add(client, notify);
   const int result = send_notify_update_add(client, notify, "add");
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::add send_notify %d", result);
-  if (result == 0) clients_.push_back(client);
+  if (result == 0) take_in(client);
   return result;
 }
 
@@ -77,7 +81,7 @@ int IMSE_Domain::send_notify_and_add(IMSE_ExtClient* client, bool notify) {
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain:add send_notify %d", result);
   if (result == 0) {
     if (told) notify_state_ = CREATE_SENT;
-    clients_.push_back(client);
+    take_in(client);
   }
   return result;
 }
@@ -132,7 +136,7 @@ int IMSE_Domain::remove(IMSE_ExtClient* client, bool notify) {
     IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain::remove send_notify %d", result);
     if (result == 1) return 1;
   }
-  clients_.erase(found);
+  let_go(client);
   return 0;
 }
 
@@ -215,7 +219,16 @@ void IMSE_Domain::get_profile_credentials(std::string& first, std::string& secon
 }
 
 void IMSE_Domain::forget(const IMSE_ExtClient* client) {
-  std::erase(clients_, client);
+  let_go(client);
+}
+
+void IMSE_Domain::take_in(IMSE_ExtClient* client) {
+  clients_.push_back(client);
+  wants_.add(client->aors());
+}
+
+void IMSE_Domain::let_go(const IMSE_ExtClient* client) {
+  for (std::size_t times = std::erase(clients_, client); times > 0; --times) wants_.remove(client->aors());
 }
 
 std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::create_document() {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "registrar/nw_profile.h"
+#include "registrar/wants.h"
 
 class IMSE_ExtClient;
 class IMSE_NotifyXmlData;
@@ -67,6 +68,8 @@ class IMSE_Domain {
 
  private:
   void read_nw_profile(const std::string& document);
+  void take_in(IMSE_ExtClient* client);
+  void let_go(const IMSE_ExtClient* client);
   // The NOTIFYs; 0 or 1 as above.
   int send_notify_and_add(IMSE_ExtClient* client, bool notify);
   int send_notify_update_add(IMSE_ExtClient* client, bool notify, const std::string& action);
@@ -90,5 +93,6 @@ class IMSE_Domain {
   NotifyState notify_state_ = NOTHING_SENT;
   bool known_ = false;                    ///< to the watcher: a create document has gone out, and no delete since
   std::vector<IMSE_ExtClient*> clients_;  ///< in the order of registration
+  IMSE_Wants wants_;                      ///< of clients_
   IMSE_RegSubscriber* subscriber_;
 };

@@ -18,12 +18,6 @@ std::vector<std::string> split(const std::string& list) {
 
 IMSE_ExtClient::IMSE_ExtClient(std::unique_ptr<RegisterXmlData> xml, std::uint32_t ua_id)
     : IMSE_Client(std::move(xml)), ua_id_(ua_id) {
-  const RegisterXmlData::AorList* aors = body().aors();
-  if (aors == nullptr) return;
-  for (const auto& aor : *aors) {
-    tags_[aor->aor].insert(aor->feature_tags.begin(), aor->feature_tags.end());
-    for (std::string& event : split(aor->events)) events_.insert(std::move(event));
-  }
 }
 
 IMSE_ExtClient::~IMSE_ExtClient() {
@@ -78,9 +72,14 @@ int IMSE_ExtClient::match_routing_info(const IMSE_ExtClient* other) const {
 }
 
 int IMSE_ExtClient::match_routing_info(const ClientAOR_T* aor) const {
-  const auto tags = tags_.find(aor->aor);
-  if (tags != tags_.end() && match_lists(tags->second, aor->feature_tags) == 1) return 1;
-  return match_lists(events_, aor->events);
+  if (aors() == nullptr) return 0;
+  std::set<std::string> events;
+  const std::set<std::string> tags(aor->feature_tags.begin(), aor->feature_tags.end());
+  for (const auto& own : *aors()) {
+    if (own->aor == aor->aor && match_lists(tags, own->feature_tags) == 1) return 1;
+    for (std::string& event : split(own->events)) events.insert(std::move(event));
+  }
+  return match_lists(events, aor->events);
 }
 
 int IMSE_ExtClient::match_lists(const std::set<std::string>& own, const std::vector<std::string>& other) {

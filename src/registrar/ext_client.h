@@ -1,7 +1,6 @@
 // A user agent outside the terminal's own modules: belongs to a network profile, watchers hear of it.
 #pragma once
 
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -28,6 +27,8 @@ class IMSE_ExtClient : public IMSE_Client {
   void get_ua_aor(std::vector<IMSE_UA_AOR_T>& aors) const;
   /// Null when the body had none.
   const RegisterXmlData::AorList* get_aor() const { return body().get_aor(); }
+  /// The same without a line in the log.
+  const RegisterXmlData::AorList* aors() const { return body().aors(); }
   /// 1 when both want the same requests: an address of record in common with a feature tag in common, or an event
   /// package in common.
   int match_routing_info(const IMSE_ExtClient* other) const;
@@ -46,8 +47,4 @@ class IMSE_ExtClient : public IMSE_Client {
  private:
   std::uint32_t ua_id_;
   IMSE_Domain* domain_ = nullptr;
-  // What the client wants to be sent, gathered once: a body may hold thousands of addresses, and comparing each with
-  // each of another client would take seconds.
-  std::map<std::string, std::set<std::string>> tags_;  ///< feature tags by address of record
-  std::set<std::string> events_;
 };

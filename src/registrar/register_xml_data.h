@@ -59,8 +59,9 @@ class RegisterXmlData : public XmlData {
   /// Null for a body that is not external.
   const AorList* get_aor() const;
   std::vector<ClientHeader_T> get_sip_headers() const;
-  // What get_aor and get_sip_headers give, without a line in the log.
+  // What get_aor, get_packages and get_sip_headers give, without a line in the log.
   const AorList* aors() const { return aors_.get(); }
+  const std::string* packages() const { return packages_.get(); }
   const std::vector<ClientHeader_T>& sip_headers() const { return sip_headers_; }
 
   /// The nodes that the expression finds; null instead of an empty set. The caller frees it.

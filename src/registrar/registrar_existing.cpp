@@ -126,7 +126,7 @@ bool IMSE_Registrar::handle_existing_client_reregistration(SIPLIB_SIPServerConne
     client->reject(403);
     return false;
   }
-  std::unique_ptr<IMSE_Client> successor = IMSE_ClientFactory::create_client(request);
+  std::unique_ptr<IMSE_Client> successor = IMSE_ClientFactory::create_client(request, client);
   if (successor == nullptr) {
     IMS_log::loginfo(4, __func__, "IMSE_REG: Unable to create object for new client");
     reject(request, 400);

@@ -13,7 +13,6 @@
 class IMSE_Wants {
  public:
   IMSE_Wants() = default;
-  ~IMSE_Wants();
   IMSE_Wants(const IMSE_Wants&) = delete;
   IMSE_Wants& operator=(const IMSE_Wants&) = delete;
 
@@ -33,7 +32,10 @@ class IMSE_Wants {
   };
   class Table {
    public:
+    Table() = default;
     ~Table();
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
     void add(std::string_view text);
     void remove(std::string_view text);
     bool has(std::string_view text) const { return find(text) != nullptr; }

@@ -4,48 +4,65 @@
 
 #include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 
 namespace framework {
 
-/// `Entry` has the members `hash` (any unsigned number, not changed while it is in the table) and `next` (Entry*, the
+/// `Entry` has the members `hash` (std::uint32_t, not changed while it is in the table) and `next` (Entry*, the
 /// table's). Owns nothing. Equal entries may stand in it several times.
 template <class Entry>
 class ChainedTable {
  public:
   /// An entry with this hash for which `equal` holds, or null.
-  template <class Hash, class Equal>
-  Entry* find(Hash hash, Equal equal) const {
+  template <class Equal>
+  Entry* find(std::uint32_t hash, Equal equal) const {
     if (chains_.empty()) return nullptr;
-    Entry* entry = chains_[place(hash)];
+    const Chain& chain = chains_[place(hash)];
+    if ((chain.marks & mark(hash)) == 0) return nullptr;
+    Entry* entry = chain.first;
     while (entry != nullptr && !(entry->hash == hash && equal(*entry))) entry = entry->next;
     return entry;
   }
 
+  // For callers that look up much at once: what the next step reads is asked of the memory before others' steps are
+  // done.
+
+  void fetchChain(std::uint32_t hash) const {
+    if (!chains_.empty()) __builtin_prefetch(&chains_[place(hash)]);
+  }
+  /// The entry that `find` looks at first, asked for too; null when there is none.
+  const Entry* fetchEntry(std::uint32_t hash) const {
+    if (chains_.empty()) return nullptr;
+    const Chain& chain = chains_[place(hash)];
+    if ((chain.marks & mark(hash)) == 0) return nullptr;
+    __builtin_prefetch(&chain.first->hash);
+    return chain.first;
+  }
+
   void insert(Entry* entry) {
-    chains_.push_back(nullptr);
-    if (const std::size_t last = chains_.size() - 1; last > 0) redistribute(last - std::bit_floor(last));
+    chains_.emplace_back();
+    if (const std::size_t last = chains_.size() - 1; last > 0) distribute(chains_[last - std::bit_floor(last)]);
     push(entry);
   }
 
   /// The entry is in the table.
   void erase(Entry* entry) {
-    Entry** link = &chains_[place(entry->hash)];
+    Chain& chain = chains_[place(entry->hash)];
+    Entry** link = &chain.first;
     while (*link != entry) link = &(*link)->next;
     *link = entry->next;
-    Entry* homeless = chains_.back();
+    distribute(chain);  // its marks anew
+    Chain last = chains_.back();
     chains_.pop_back();
-    while (homeless != nullptr) {
-      Entry* const following = homeless->next;
-      push(homeless);
-      homeless = following;
-    }
+    distribute(last);
   }
 
   /// `visit` may destroy the entry that it gets.
   template <class Visit>
   void forEach(Visit visit) const {
-    for (Entry* entry : chains_) {
+    for (const Chain& chain : chains_) {
+      Entry* entry = chain.first;
       while (entry != nullptr) {
         Entry* const following = entry->next;
         visit(entry);
@@ -58,22 +75,28 @@ class ChainedTable {
   std::size_t size() const { return chains_.size(); }
 
  private:
+  struct Chain {
+    Entry* first = nullptr;
+    std::uint64_t marks = 0;  ///< of its entries' hashes: most of what is not there is told without looking at an entry
+  };
+
+  static std::uint64_t mark(std::uint32_t hash) { return std::uint64_t{1} << (hash >> 26); }
   /// As many low bits of the hash as give a place among twice the power of two that fits, one bit less when it is none.
-  template <class Hash>
-  std::size_t place(Hash hash) const {
+  std::size_t place(std::uint32_t hash) const {
     const std::size_t power = std::bit_floor(chains_.size());
-    const std::size_t wide = static_cast<std::size_t>(hash) & (2 * power - 1);
+    const std::size_t wide = hash & (2 * power - 1);
     return wide < chains_.size() ? wide : wide & (power - 1);
   }
   void push(Entry* entry) {
-    Entry*& chain = chains_[place(entry->hash)];
-    entry->next = chain;
-    chain = entry;
+    Chain& chain = chains_[place(entry->hash)];
+    entry->next = chain.first;
+    chain.first = entry;
+    chain.marks |= mark(entry->hash);
   }
-  /// Some entries of the chain belong to the newest one now.
-  void redistribute(std::size_t from) {
-    Entry* entry = chains_[from];
-    chains_[from] = nullptr;
+  /// Puts the entries of the chain where they belong now.
+  void distribute(Chain& chain) {
+    Entry* entry = chain.first;
+    chain = {};
     while (entry != nullptr) {
       Entry* const following = entry->next;
       push(entry);
@@ -81,7 +104,7 @@ class ChainedTable {
     }
   }
 
-  std::deque<Entry*> chains_;  // as many as entries
+  std::deque<Chain> chains_;  // as many as entries
 };
 
 }  // namespace framework

@@ -5,6 +5,7 @@
 #include "framework/log.h"
 #include "framework/utility.h"
 #include "registrar/domain.h"
+#include "registrar/wants.h"
 
 namespace {
 
@@ -63,10 +64,9 @@ void IMSE_ExtClient::get_ua_aor(std::vector<IMSE_UA_AOR_T>& aors) const {
 
 int IMSE_ExtClient::match_routing_info(const IMSE_ExtClient* other) const {
   IMS_log::loginfo(5, __func__, "IMSE_REG: ExtClient match_routing_info %p", static_cast<const void*>(other));
-  const RegisterXmlData::AorList* aors = other->get_aor();
-  if (aors == nullptr) return 0;
-  const bool match =
-      std::any_of(aors->begin(), aors->end(), [this](const auto& aor) { return match_routing_info(aor.get()) == 1; });
+  IMSE_Wants own;
+  own.add(aors());
+  const bool match = own.has_any(other->get_aor());
   if (match) IMS_log::loginfo(5, __func__, "IMSE_REG: ExtClient match_rout_info aor match found");
   return match ? 1 : 0;
 }

@@ -161,24 +161,52 @@ const char* TagIndex::stop_using(Node& node, std::uint32_t client) {
 // --- Searching ------------------------------------------------------------------------------------------------------
 
 TagIndex::Node* TagIndex::deepest(std::string_view text, std::size_t begin) const {
-  const char* const from = text.data() + begin;
-  std::size_t low = 0;
-  std::size_t high = std::min(text.size() - begin, longest_);
-  Node* found = &root_;
-  while (low < high) {
-    const std::size_t middle = fattest(low, high);
-    Node* const node =
-        nodes_.find(static_cast<std::uint32_t>(hashes_.of(begin, middle)), [from, middle](const Node& one) {
-          return one.handle == middle && std::memcmp(one.use.text, from, middle) == 0;
-        });
-    if (node != nullptr) {
-      found = node;
-      low = node->length;
-    } else {
-      high = middle - 1;
-    }
+  Lookup lookup{begin, 0, std::min(text.size() - begin, longest_), &root_};
+  while (lookup.low < lookup.high) {
+    aim(lookup);
+    step(text, lookup);
   }
-  return found;
+  return lookup.found;
+}
+
+void TagIndex::aim(Lookup& lookup) const {
+  lookup.middle = fattest(lookup.low, lookup.high);
+  lookup.hash = static_cast<std::uint32_t>(hashes_.of(lookup.begin, lookup.middle));
+}
+
+void TagIndex::step(std::string_view text, Lookup& lookup) const {
+  const char* const from = text.data() + lookup.begin;
+  const std::size_t middle = lookup.middle;
+  Node* const node = nodes_.find(lookup.hash, [from, middle](const Node& one) {
+    return one.handle == middle && std::memcmp(one.use.text, from, middle) == 0;
+  });
+  if (node != nullptr) {
+    lookup.found = node;
+    lookup.low = node->length;
+  } else {
+    lookup.high = middle - 1;
+  }
+}
+
+void TagIndex::deepest(std::string_view text, Lookup* begin, Lookup* end) const {
+  for (bool more = true; more;) {
+    more = false;
+    const auto each_open = [begin, end](auto act) {
+      for (Lookup* lookup = begin; lookup != end; ++lookup) {
+        if (lookup->low < lookup->high) act(*lookup);
+      }
+    };
+    each_open([&](Lookup& lookup) {
+      more = true;
+      aim(lookup);
+      nodes_.fetchChain(lookup.hash);
+    });
+    each_open([&](Lookup& lookup) { lookup.first = nodes_.fetchEntry(lookup.hash); });
+    each_open([&](Lookup& lookup) {
+      if (lookup.first != nullptr) __builtin_prefetch(lookup.first->use.text);
+    });
+    each_open([&](Lookup& lookup) { step(text, lookup); });
+  }
 }
 
 void TagIndex::visit(const Node& node, std::vector<std::size_t>& counts) const {
@@ -197,14 +225,34 @@ void TagIndex::count(std::string_view text, std::vector<std::size_t>& counts) co
   visit(root_, counts);
   if (nodes_.size() == 0) return;
   hashes_.read(text, longest_);
-  for (std::size_t begin = 0; begin < text.size(); ++begin) {
-    if (starts_[static_cast<unsigned char>(text[begin])] == 0) continue;
-    const Node* node = deepest(text, begin);
-    // Only its handle is known to stand here, and all that its parent is.
-    if (node->seen != search_ &&
-        (node->length > text.size() - begin || std::memcmp(node->use.text, text.data() + begin, node->length) != 0)) {
-      node = node->parent;
+  std::array<Lookup, kTogether> lookups;
+  for (std::size_t begin = 0; begin < text.size();) {
+    std::size_t open = 0;
+    for (; begin < text.size() && open < lookups.size(); ++begin) {
+      if (starts_[static_cast<unsigned char>(text[begin])] == 0) continue;
+      lookups[open++] = {begin, 0, std::min(text.size() - begin, longest_), &root_};
     }
-    for (; node->seen != search_; node = node->parent) visit(*node, counts);
+    deepest(text, lookups.data(), lookups.data() + open);
+    for (std::size_t i = 0; i < open; ++i) {
+      // Only its handle is known to stand here, and all that its parent is.
+      const Node*& node = lookups[i].climbs;
+      node = lookups[i].found;
+      if (node->seen != search_ && (node->length > text.size() - lookups[i].begin ||
+                                    std::memcmp(node->use.text, text.data() + lookups[i].begin, node->length) != 0)) {
+        node = node->parent;
+      }
+    }
+    for (bool more = true; more;) {
+      more = false;
+      for (std::size_t i = 0; i < open; ++i) {
+        const Node*& node = lookups[i].climbs;
+        if (node->seen == search_) continue;
+        visit(*node, counts);
+        node = node->parent;
+        __builtin_prefetch(node);
+        __builtin_prefetch(&node->seen);
+        more = true;
+      }
+    }
   }
 }

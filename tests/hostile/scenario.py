@@ -322,7 +322,8 @@ class Scene:
 class Inputs:
     """A proxy to which single inputs are sent, and what each costs it."""
 
-    def __init__(self, clients=0):
+    def __init__(self, clients=0, worst=()):
+        """Beside two user agents: so many ordinary ones, and those of `worst` (port, user, body)."""
         with on_cpu(CPUS[0]):
             self.proxy = UeProxy(level=4)
         self.number = 0
@@ -337,7 +338,20 @@ class Inputs:
             ask(sip.register(port, sip.ua_info("home", f"{user}@example.net", methods="INVITE,MESSAGE",
                                                tags=[f"+g.feature.{user}", "+g.oma.sip-im"]), user=user, via=peer.via))
         ask(sip.route_command(peer.via, sip.route_body("set-route", "1", "127.0.0.3:UDP:5060", "127.0.0.2")))
+        self.registering = []
+        for port, user, body in worst:
+            before = self.processor_ms()
+            ask(sip.register(port, body, user=user, via=peer.via))
+            self.registering.append(self.processor_ms() - before)
         self.readers = [sip.Udp(5071), sip.Udp(5072), sip.Udp(5060, "127.0.0.3"), *self.senders.values()]
+
+    def leaving_ms(self, port, user):
+        """What the de-registration of one of `worst` costs."""
+        before = self.processor_ms()
+        self.senders["local"].send(sip.register(port, "", user=user, via=self.senders["local"].via, cseq=2, expires=0))
+        if self.senders["local"].receive(10).status != 200:
+            raise AssertionError("not de-registered")
+        return self.processor_ms() - before
 
     def processor_ms(self):
         """When it has nothing more to do."""

@@ -9,6 +9,50 @@ LINES = 256
 PARAMETERS = 64
 
 
+# What registrations may bring at most, with the default settings.
+USER_AGENTS = 256
+TAGS = 600
+AORS = 8
+TEXT = 7900
+TOTAL_TEXT = 500 * 1024
+# Of this text the tags are pieces, so that a request with it has all of them in it.
+TAGGED = "".join("ab"[bin(n * 2654435769 & 0xffffff).count("1") % 2] for n in range(14000))
+
+
+def registrations():
+    """(port, user, body) of user agents that together fill the bounds with what is hard to search."""
+    text_left = TOTAL_TEXT
+    for number in range(USER_AGENTS):
+        if number % 4 == 3:  # a long chain of beginnings
+            tags = ["a" * (1 + n % 64) for n in range(TAGS)]
+        else:  # pieces of one text, each stored once, the longer ones beginning with the shorter
+            tags = [TAGGED[start:start + 14 + 4 * step] for step in range(10)
+                    for start in range(number * 54, number * 54 + TAGS // 10)]
+        events = ""
+        if text_left > TEXT:
+            events = f"{number:04d}" + "a" * 1900 + "b" + "a" * (TEXT - 2000)
+            text_left -= TEXT + 500
+        aors = "".join(f"<aor>u{number}.{n}@x</aor>" for n in range(1, AORS))
+        parts = "".join(f"<feature-tag>{tag}</feature-tag>" for tag in tags) + (
+            f"<events>{events}</events>" if events else "")
+        yield (20000 + number, f"user{number}",
+               "<ua-info><profile-info><name>home</name></profile-info>"
+               f"<aor>u{number}.0@x<ua-specific-parameters>{parts}</ua-specific-parameters></aor>{aors}</ua-info>")
+
+
+def searches():
+    """Requests of the network that are looked for in all that is registered."""
+    near_miss = "a" * 1899 + "b" + "a" * 1899 + "b"
+    for name, parts in (("all feature tags", {"lines": [f"Contact: <sip:{TAGGED}@x>"]}),
+                        ("feature tags of one letter", {"lines": ["Contact: <sip:" + "a" * 14000 + "@x>"]}),
+                        ("feature tags, some end early", {"lines": ["Contact: <sip:" + TAGGED.replace("abba", "abca")
+                                                                    + "@x>"]}),
+                        ("an event that almost all texts have", {"lines": [f"Event: {near_miss}"]}),
+                        ("an address that almost all texts have", {"to": "<sip:u@x>"}),
+                        ("a method that is long", {"method": "a" * 30})):
+        yield name, "network", "UDP", _request(**parts)
+
+
 def _request(method="INVITE", uri="sip:alice@example.net", *, via="127.0.0.3:5060", transport="UDP",
              frm="<sip:m@x>;tag=m",
              to="<sip:alice@example.net>", lines=(), body=b"", content_type=None, head=HEAD, fill=None, size=MESSAGE):
@@ -197,6 +241,7 @@ def raw():
 
 
 def all_inputs():
+    yield from searches()
     yield from messages()
     yield from responses()
     yield from bodies()

@@ -1,5 +1,7 @@
 #include "registrar/client_factory.h"
 
+#include "framework/bounds.h"
+
 #include <gtest/gtest.h>
 
 #include "fakes.h"
@@ -70,6 +72,10 @@ TEST(ClientFactory, RefusesABodyThatIsNeitherKind) {
 }
 
 TEST(ClientFactory, RefusesABodyThatNoNotifyCouldTell) {
+  const framework::Bounds before = framework::bounds();
+  framework::Bounds wide = before;
+  wide.client_aors = 4096;
+  framework::setBounds(wide);
   // Every header is told once for each address: 200 x 200 headers are megabytes.
   std::string aors, headers;
   for (int i = 0; i < 200; ++i) headers += "<header>P-Header:some value</header>";
@@ -81,6 +87,21 @@ TEST(ClientFactory, RefusesABodyThatNoNotifyCouldTell) {
   IMSE_ClientFactory::ua_id_counter = 0;
   EXPECT_EQ(create({.body = fake::uaInfo("home", aors)}), nullptr);
   EXPECT_EQ(IMSE_ClientFactory::ua_id_counter, 0u);
+  framework::setBounds(before);
+}
+
+TEST(ClientFactory, RefusesABodyAboveABoundAndSaysWhich) {
+  EXPECT_EQ(refusal({.body = fake::uaInfo("home", "<aor>a@b</aor>") }), "");
+  std::string aors;
+  for (int n = 0; n < 33; ++n) aors += "<aor>a@b</aor>";
+  EXPECT_EQ(refusal({.body = fake::uaInfo("home", aors)}).find("4 IMSE_REG: Content above max-client-aors: 33 AORs"), 0U);
+  const auto tagged = [](const std::string& tags) {
+    return fake::uaInfo("home", "<aor>a@b<ua-specific-parameters>" + tags + "</ua-specific-parameters></aor>");
+  };
+  const std::string tag = "<feature-tag>" + std::string(257, 't') + "</feature-tag>";
+  EXPECT_EQ(refusal({.body = tagged(tag)}).find("4 IMSE_REG: Content above max-feature-tag-size"), 0U);
+  const std::string events = "<events>" + std::string(9000, 'e') + "</events>";
+  EXPECT_EQ(refusal({.body = tagged(events)}).find("4 IMSE_REG: Content above max-client-text"), 0U);
 }
 
 TEST(ClientFactory, LooksAtAnExternalBodyWithoutFurtherLines) {

@@ -156,8 +156,12 @@ TEST_F(Inspection, OfAResponseLeavesTheMethod) {
 }
 
 TEST_F(Inspection, CutsAMethodAtSixteenCharacters) {
-  inspect(fromClient("ABCDEFGHIJKLMNOPQRST", "SIP/2.0/TCP 127.0.0.1:5070"));
-  EXPECT_EQ(method, "ABCDEFGHIJKLMNOP");
+  for (const char* sent : {"ABCDEFGHIJKLMNOP", "ABCDEFGHIJKLMNOPQ", "ABCDEFGHIJKLMNOPQRST"}) {
+    inspect(fromClient(sent, "SIP/2.0/TCP 127.0.0.1:5070"));
+    EXPECT_EQ(method, "ABCDEFGHIJKLMNOP");
+  }
+  inspect(fromClient("ABCDEFGHIJKLMNO", "SIP/2.0/TCP 127.0.0.1:5070"));
+  EXPECT_EQ(method, "ABCDEFGHIJKLMNO");
 }
 
 TEST_F(Inspection, MissingOrBrokenAddressesAreNullAndLogged) {

@@ -123,6 +123,15 @@ TEST(ExtClient, CompetesForACommonEventPackageUnderWhateverAddress) {
   EXPECT_EQ(own->match_routing_info(withAor("sip:z@home.net", "<events>presence.winfo</events>").get()), 0);
 }
 
+TEST(ExtClient, TheEventPackagesOfEveryAddressCount) {
+  const auto own = makeClient(uaInfo("home", aor("sip:a@home.net", "<events>reg</events>") +
+                                                 aor("sip:b@home.net", "<events>dialog,presence</events>")));
+  const auto other = makeClient(uaInfo("home", aor("sip:c@home.net", "<events>conference</events>") +
+                                                   aor("sip:d@home.net", "<events>presence</events>")));
+  EXPECT_EQ(own->match_routing_info(other.get()), 1);
+  EXPECT_EQ(other->match_routing_info(own.get()), 1);
+}
+
 TEST(ExtClient, AnyOfSeveralAddressesMayCompete) {
   const auto own = makeClient(uaInfo("home", aor("sip:a@home.net", "<feature-tag>x</feature-tag>") +
                                                  aor("sip:b@home.net", "<events>reg</events>") +

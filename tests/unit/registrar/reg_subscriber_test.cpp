@@ -239,7 +239,7 @@ TEST_F(SubscriberTest, WhatComesWhileANotifyIsOutGoesOneByOneInOrder) {
     EXPECT_EQ(lastId(), std::to_string(id));
     EXPECT_EQ(subscriber->state(), IMSE_RegSubscriber::SUBS_NOTIFY_SENT);
   }
-  EXPECT_EQ(answer(202), 0);
+  EXPECT_EQ(answer(299), 0);
   EXPECT_EQ(dialog.made.size(), 4u);
   EXPECT_EQ(subscriber->state(), IMSE_RegSubscriber::NOTIFY_ANSWERED);
   EXPECT_EQ(log.count(5, "IMSE_REG: received response Queue is not empty"), 3);
@@ -281,6 +281,18 @@ TEST_F(SubscriberTest, AnErrorAnswerEndsTheSubscription) {
     EXPECT_TRUE(subscriber->is_terminated());
     EXPECT_EQ(dialog.made[0]->releases, 1);
   }
+}
+
+TEST_F(SubscriberTest, AnAnswerThatCannotBeReadEndsTheSubscription) {
+  handle({});
+  fake::Notify& notify = *dialog.made.back();
+  LogCapture log;
+  EXPECT_EQ(subscriber->received_response(&notify), 1);
+  EXPECT_TRUE(log.has(5, "IMSE_REG: received_response -1 0"));
+  EXPECT_TRUE(log.has(4, "REGISTRAR:Subscriber Error response received"));
+  EXPECT_EQ(dialog.notifies(), (Texts{"active -", "terminated -"}));
+  EXPECT_TRUE(subscriber->is_terminated());
+  EXPECT_EQ(dialog.made[0]->releases, 1);
 }
 
 TEST_F(SubscriberTest, AnAnswerOfAnotherDialogOrABrokenTransactionIsTheEnd) {

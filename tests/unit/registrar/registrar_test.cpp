@@ -461,6 +461,9 @@ TEST_F(RegistrarTest, WhoMovesFromPortToPortLeavesNothingInTheRoutingTable) {
 }
 
 TEST_F(RegistrarTest, EntriesThatStayBehindDoNotFillTheRoutingTableWithoutEnd) {
+  // One that came and went is not counted.
+  ASSERT_EQ(status({.port = 9999}), 200);
+  ASSERT_EQ(status({.port = 9999, .cseq = 2, .expires = "0"}), 200);
   subscribe();
   answerAll();
   dialog.refuse = true;  // what cannot be told is refused, and keeps its entry
@@ -558,8 +561,8 @@ TEST_F(RegistrarTest, AProfileThatEmptiedWhileTheWatcherWasSilentIsToldWithItsDe
   framework::setBounds(before);
 }
 
-TEST_F(RegistrarTest, AThousandRegistrationsOfOnePortLeaveNothingBehind) {
-  for (int i = 0; i < 1000; ++i) {
+TEST_F(RegistrarTest, MoreRegistrationsOfOnePortThanThereAreEntriesLeaveNothingBehind) {
+  for (std::size_t i = 0; i <= IMSE_Registrar::kMaxEntries; ++i) {
     ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 1}), 200);
     ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 2, .expires = "0"}), 200);
   }

@@ -252,6 +252,15 @@ TEST_F(RoutingTable, DeletingADomainUnlinksItsClientsAndDropsItsAuthentication) 
   EXPECT_EQ(add(domain("1")), next(other_domain));  // the old key is not used again
 }
 
+TEST_F(RoutingTable, DeletingADomainUnlinksEveryClientOfIt) {
+  Keys clients;
+  for (const char* port : {"6001", "6002", "6003"}) clients.push_back(add(client(port, {}, "1")));
+  const std::string key = add(domain("1"));
+  for (const std::string& one : clients) EXPECT_EQ(table.client(one)->domain_key, key);
+  EXPECT_TRUE(table.deleteDomain(DT_PROFILE_ID, "1"));
+  for (const std::string& one : clients) EXPECT_EQ(table.client(one)->domain_key, "");
+}
+
 TEST_F(RoutingTable, ADomainIsFoundByItsExactProfileId) {
   const std::string key = add(domain("12"));
   LogCapture log;

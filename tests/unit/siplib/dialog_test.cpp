@@ -369,6 +369,18 @@ TEST_F(DialogTest, ARequestOutOfOrderIsAnswered500) {
   EXPECT_EQ(500, udp->last()->statusCode());
 }
 
+TEST_F(DialogTest, AnotherRequestWithTheLastNumberIsNotOutOfOrder) {
+  const Request first = subscribe();
+  SIPLIB_SIPDialog* dialog = subscribed(first);
+  for (const char* branch : {"-first", "-second"}) {
+    Request request = within(first, 5);
+    request.via += branch;
+    receive(request.text());
+    EXPECT_EQ(dialog, user.requests.back()->getDialog());
+  }
+  EXPECT_EQ(3u, user.requests.size());
+}
+
 TEST_F(DialogTest, ARequestWithForeignTagsIsAnswered481AndNobodyHearsOfIt) {
   const Request first = subscribe();
   SIPLIB_SIPDialog* dialog = subscribed(first);

@@ -587,9 +587,10 @@ TEST_F(RoutingTable, FeatureTagsAreSearchedInTheContactAndKeysAppended) {
   ClientTable_Entry_T entry = client("6001", {"sip:a@home.example"});
   entry.aors[0].feature_tags = {"+g.oma.sip-im", "+g.3gpp.cs-voice", "audio"};
   const std::string first = add(entry);
-  entry = client("6002", {"sip:b@home.example"});
+  entry = client("6002", {"sip:b@home.example", "sip:c@home.example"});
   entry.aors[0].feature_tags = {"video"};
-  add(entry);
+  entry.aors[1].feature_tags = {"text"};
+  const std::string second = add(entry);
   LogCapture log;
   Keys out;
   table.findClients_FtrTag("<sip:a@127.0.0.1>;+g.oma.sip-im;audio", out);
@@ -605,6 +606,10 @@ TEST_F(RoutingTable, FeatureTagsAreSearchedInTheContactAndKeysAppended) {
   EXPECT_EQ(out, (Keys{first, "zzz"}));
   table.findClients_FtrTag("nothing of theirs", out);
   EXPECT_EQ(out, (Keys{first, "zzz"}));
+
+  out.clear();
+  table.findClients_FtrTag("text", out);  // of its second address of record
+  EXPECT_EQ(out, Keys{second});
 }
 
 TEST_F(RoutingTable, FindClientsOfAProfileAppendsThem) {

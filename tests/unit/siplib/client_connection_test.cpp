@@ -176,6 +176,7 @@ TEST_F(ClientConnectionTest, NoAnswerIs408After64T1) {
   EXPECT_EQ(0, connection->getTransactionStatus());
   EXPECT_EQ(408, connection->getStatusCode());
   EXPECT_EQ("MESSAGE", connection->getMethod());
+  EXPECT_TRUE(logged("4 MESSAGE not answered, Call-ID "));
   const std::size_t before = udp->count();
   receive(answerTo(*udp->last(), 200));
   pass(50ms);
@@ -211,6 +212,21 @@ TEST_F(ClientConnectionTest, WhatCannotBeSentIs408AndNeverToldWithinSend) {
   EXPECT_EQ(408, connection->getStatusCode());
 }
 
+TEST_F(ClientConnectionTest, OnlyNonInviteTransactionsAreBegun) {
+  for (const char* method : {"INVITE", "ACK"}) {
+    user.answers.clear();
+    SIPLIB_SIPClientConnection* connection = sent(udp, method);
+    ASSERT_EQ(2u, lines.size()) << method;
+    EXPECT_EQ("4 request not sent: not one of a non-INVITE transaction", lines[0]);
+    EXPECT_TRUE(lines[1].starts_with("4 " + std::string(method) + " could not be sent, Call-ID ")) << lines[1];
+    lines.clear();
+    ASSERT_TRUE(until([&] { return user.answers.size() == 1; }));
+    ASSERT_EQ(0, connection->receive());
+    EXPECT_EQ(408, connection->getStatusCode());
+  }
+  EXPECT_EQ(0u, udp->count());
+}
+
 TEST_F(ClientConnectionTest, AWayLostLaterIs408) {
   SIPLIB_SIPClientConnection* connection = sent(udp);
   udp->open = false;
@@ -237,6 +253,7 @@ TEST_F(ClientConnectionTest, AnswersThatAreNotOursAreDropped) {
   std::string text = good;
   text.insert(text.find("Via:"), "Via: SIP/2.0/UDP 127.0.0.9;branch=z9hG4bKx\r\n");
   receive(text);
+  EXPECT_EQ("4 response dropped: response for somebody else", lines.back());
   text = good;
   text.replace(text.find("1 MESSAGE"), 9, "2 MESSAGE");
   receive(text);

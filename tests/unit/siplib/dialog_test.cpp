@@ -367,6 +367,7 @@ TEST_F(DialogTest, ARequestOutOfOrderIsAnswered500) {
   receive(within(first, 4).text());
   EXPECT_EQ(2u, user.requests.size());
   EXPECT_EQ(500, udp->last()->statusCode());
+  EXPECT_EQ("4 SUBSCRIBE answered 500: CSeq out of order", lines.back());
 }
 
 TEST_F(DialogTest, AnotherRequestWithTheLastNumberIsNotOutOfOrder) {
@@ -540,6 +541,17 @@ TEST_F(SubscriberTest, A2xxMakesADialog) {
   EXPECT_EQ(*request->header("From"), *second->header("From"));
   EXPECT_EQ("<sip:registrar@127.0.0.1>;tag=peer", *second->header("To"));
   EXPECT_EQ("<sip:127.0.0.8;lr>", second->headers("Route")[1]);
+}
+
+TEST_F(SubscriberTest, AboveTheBoundASubscriptionHasNoDialog) {
+  SIPLIB_SIPClientConnection* connection = nullptr;
+  for (int number = 0; number <= 256; ++number) {
+    connection = subscribeTo();
+    receive(answerTo(*udp->last(), 200, "peer", kContact));
+    EXPECT_EQ(number < 256, connection->getDialog() != nullptr) << number;
+    layer->close(connection);
+    layer->endTurn();
+  }
 }
 
 TEST_F(SubscriberTest, NotifiesBelongToItAndTheLastOneEndsIt) {

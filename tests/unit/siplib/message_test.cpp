@@ -116,6 +116,28 @@ TEST(Message, RefusesBadStartLines) {
   }
 }
 
+TEST(Message, SaysWhatIsWrongWithAStartLine) {
+  const auto why = [](const std::string& line) { return error(line + "\r\nVia: x\r\n\r\n"); };
+  EXPECT_EQ(why("INVITE"), "the start line has no three parts");
+  EXPECT_EQ(why("INVITE sip:a@b"), "the start line has no three parts");
+  EXPECT_EQ(why("INV<ITE sip:a@b SIP/2.0"), "the method is not a token");
+  EXPECT_EQ(why(" sip:a@b SIP/2.0"), "the method is not a token");
+  EXPECT_EQ(why("INVITE  SIP/2.0"), "the Request-URI is empty or holds white space");
+  EXPECT_EQ(why("INVITE sip:a@b\t SIP/2.0"), "the Request-URI is empty or holds white space");
+  EXPECT_EQ(why("INVITE sip:a@b\x7f SIP/2.0"), "the Request-URI is empty or holds white space");
+  EXPECT_EQ(why("INVITE sip:a@b SIP/3.0"), "the version is not SIP/2.0");
+  EXPECT_EQ(why("INVITE sip:a@b c SIP/2.0"), "the version is not SIP/2.0");
+  EXPECT_EQ(why("SIP/3.0 200 OK"), "the version is not SIP/2.0");
+  EXPECT_EQ(why("SIP/2.0 099 Low"), "the status is not 100 to 699");
+  EXPECT_EQ(why("SIP/2.0 20"), "the status is not 100 to 699");
+  EXPECT_EQ(why("SIP/2.0 2000"), "the status is not 100 to 699");
+  EXPECT_EQ(error("\r\n\r\n"), "the message is empty");
+  EXPECT_EQ(SIPLIB_message(99, "Low").parseError(), "the status is not 100 to 699");
+  EXPECT_EQ(SIPLIB_message(200, "OK\r\nVia: x").parseError(), "the reason phrase breaks the line");
+  EXPECT_EQ(SIPLIB_message("IN VITE", "sip:a").parseError(), "the method is not a token");
+  EXPECT_EQ(SIPLIB_message("INVITE", "").parseError(), "the Request-URI is empty or holds white space");
+}
+
 TEST(Message, TheVersionComparesWithoutRegardToCase) {
   EXPECT_TRUE(parse("INVITE sip:a@b sip/2.0\r\n\r\n")->valid());
   EXPECT_TRUE(parse("sip/2.0 200 OK\r\n\r\n")->isResponse());
@@ -174,6 +196,8 @@ TEST(Message, RefusesLinesThatAreNoHeaders) {
   EXPECT_EQ(error(request("T o: x\n")), "a header name is not a token");
   EXPECT_EQ(error(request("To\n : x\n")), "a header name is not a token");
   EXPECT_EQ(error(request("<To>: x\n")), "a header name is not a token");
+  EXPECT_EQ(error(request("(o: x\n")), "a header name is not a token");
+  EXPECT_EQ(error(request(":: x\n")), "a header name is not a token");
 }
 
 TEST(Message, ABlankBeforeTheColonBelongsToNoName) {

@@ -145,10 +145,19 @@ TEST_F(ServerConnectionTest, ClosedInTheTurnItIsAnsweredStaysUsable) {
 TEST_F(ServerConnectionTest, OneHeldUnansweredEndsWhenNobodyWaitsAnyMore) {
   SIPLIB_SIPServerConnection* connection = take({});
   ASSERT_NE(nullptr, connection);
-  ASSERT_TRUE(until([&] { return logged("not answered by us"); }));
+  ASSERT_TRUE(until([&] { return logged("4 REGISTER not answered by us, Call-ID call-1"); }));
   EXPECT_EQ(-1, connection->initResponse(200));
   connection->release();
   layer->endTurn();
+  EXPECT_EQ(0u, udp->count());
+}
+
+TEST_F(ServerConnectionTest, AnAnswerMadeButNotSentInTimeIsNotSent) {
+  SIPLIB_SIPServerConnection* connection = take({});
+  ASSERT_NE(nullptr, connection);
+  ASSERT_EQ(0, connection->initResponse(200));
+  ASSERT_TRUE(until([&] { return logged("not answered by us"); }));
+  EXPECT_EQ(-1, connection->send());
   EXPECT_EQ(0u, udp->count());
 }
 
@@ -156,7 +165,7 @@ TEST_F(ServerConnectionTest, OneNeverLetGoOfIsTakenBack) {
   config.t1 = 1ms;
   open();
   ASSERT_NE(nullptr, take({}));
-  ASSERT_TRUE(until([&] { return logged("taken back"); }));
+  ASSERT_TRUE(until([&] { return logged("3 requests taken back that their user never let go of"); }));
   EXPECT_TRUE(layer->close(user.requests.back()));
   layer->endTurn();
   EXPECT_FALSE(layer->close(user.requests.back()));
@@ -200,6 +209,9 @@ TEST_F(ServerConnectionTest, NoDialogWithoutContactOr2xx) {
   ASSERT_NE(nullptr, take(no_contact));
   ASSERT_EQ(0, answer(user.requests.back(), 200));
   EXPECT_EQ(nullptr, user.requests.back()->getDialog());
+  const std::string why = "4 no dialog: the SUBSCRIBE has no From tag or no Contact, Call-ID call-1";
+  EXPECT_EQ(why, lines.back());
+  lines.clear();
 
   Request refused = subscribe();
   refused.via += "3";

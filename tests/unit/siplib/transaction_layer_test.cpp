@@ -62,6 +62,19 @@ TEST_F(TransactionLayerTest, AfterTimerJARepeatedRequestIsANewOne) {
   EXPECT_EQ(2u, user.requests.size());
 }
 
+TEST_F(TransactionLayerTest, TimerJBeginsWithTheAnswer) {
+  config.t1 = 20ms;
+  open();
+  const std::string text = Request().text();
+  receive(text);
+  pass(800ms);  // of 1280
+  ASSERT_EQ(0, answer(user.requests[0], 200));
+  pass(600ms);
+  receive(text);
+  EXPECT_EQ(1u, user.requests.size());
+  EXPECT_EQ(2u, udp->count());
+}
+
 TEST_F(TransactionLayerTest, OverTcpNothingIsKeptOfAnAnsweredRequest) {
   receive(Request().text(), tcp);
   ASSERT_EQ(0, answer(user.requests[0], 200));
@@ -103,6 +116,7 @@ TEST_F(TransactionLayerTest, InviteCancelAndAckAreNotServed) {
   receive(request.text());
   ASSERT_EQ(1u, udp->count());
   EXPECT_EQ(501, udp->last()->statusCode());
+  EXPECT_EQ("4 INVITE answered 501: sessions are not served here", lines.back());
   const std::string to(*udp->last()->header("To"));
   receive(request.text());
   EXPECT_EQ(to, *udp->last()->header("To"));
@@ -114,6 +128,7 @@ TEST_F(TransactionLayerTest, InviteCancelAndAckAreNotServed) {
   receive(request.text());
   ASSERT_EQ(3u, udp->count());
   EXPECT_EQ(481, udp->last()->statusCode());
+  EXPECT_EQ("4 CANCEL answered 481: nothing to cancel", lines.back());
   EXPECT_TRUE(user.requests.empty());
 }
 
@@ -122,12 +137,14 @@ TEST_F(TransactionLayerTest, WithoutListenerRequestsAreAnswered503) {
   receive(Request().text());
   ASSERT_EQ(1u, udp->count());
   EXPECT_EQ(503, udp->last()->statusCode());
+  EXPECT_EQ("4 REGISTER answered 503: nobody listens", lines.back());
 }
 
 struct Bad {
   const char* name;
   std::string text;
   int status;  // 0: dropped
+  const char* why;
 };
 
 TEST_F(TransactionLayerTest, BadRequestsAreAnswered400OrDropped) {
@@ -140,8 +157,11 @@ TEST_F(TransactionLayerTest, BadRequestsAreAnswered400OrDropped) {
     std::string text = Request().text();
     return text.replace(text.find("1 REGISTER"), 10, cseq);
   };
-  Request twice;
-  twice.more = "From: <sip:b@127.0.0.1>;tag=b\r\n";
+  const auto twice = [](const std::string& line) {
+    Request request;
+    request.more = line + "\r\n";
+    return request.text();
+  };
   Request odd_from;
   odd_from.from = "\"alice <sip:alice@127.0.0.1>;tag=a1";
   Request odd_via;
@@ -149,36 +169,42 @@ TEST_F(TransactionLayerTest, BadRequestsAreAnswered400OrDropped) {
   Request odd_port;
   odd_port.via = "SIP/2.0/UDP 127.0.0.1:99999;branch=z9hG4bKx";
   const Bad cases[] = {
-      {"no Via", without("Via"), 0},
-      {"no From", without("From"), 400},
-      {"no To", without("To"), 400},
-      {"no Call-ID", without("Call-ID"), 400},
-      {"no CSeq", without("CSeq"), 0},
-      {"two From", twice.text(), 400},
-      {"From not closed", odd_from.text(), 400},
-      {"Via without sent-by", odd_via.text(), 0},
-      {"Via port too large", odd_port.text(), 0},
-      {"CSeq of another method", with_cseq("1 OPTIONS"), 400},
-      {"CSeq without method", with_cseq("1"), 400},
-      {"CSeq without number", with_cseq("REGISTER"), 400},
-      {"CSeq negative", with_cseq("-1 REGISTER"), 400},
-      {"CSeq 2^31", with_cseq("2147483648 REGISTER"), 400},
-      {"CSeq 2^32+1", with_cseq("4294967297 REGISTER"), 400},
-      {"CSeq very long", with_cseq(std::string(5000, '9') + " REGISTER"), 400},
-      {"does not parse", "REGISTER\r\n\r\n", 0},
-      {"empty", "", 0},
+      {"no Via", without("Via"), 0, "no Via"},
+      {"no From", without("From"), 400, "no From"},
+      {"no To", without("To"), 400, "no To"},
+      {"no Call-ID", without("Call-ID"), 400, "no Call-ID"},
+      {"no CSeq", without("CSeq"), 0, "no CSeq"},
+      {"two From", twice("From: <sip:b@127.0.0.1>;tag=b"), 400, "more than one From"},
+      {"two To", twice("To: <sip:b@127.0.0.1>"), 400, "more than one To"},
+      {"two Call-ID", twice("Call-ID: call-1"), 400, "more than one Call-ID"},
+      {"two CSeq", twice("CSeq: 1 REGISTER"), 400, "more than one CSeq"},
+      {"From not closed", odd_from.text(), 400, "From cannot be read"},
+      {"Via without sent-by", odd_via.text(), 0, "Via cannot be read"},
+      {"Via port too large", odd_port.text(), 0, "Via port out of range"},
+      {"CSeq of another method", with_cseq("1 OPTIONS"), 400, "CSeq of another method"},
+      {"CSeq without method", with_cseq("1"), 400, "CSeq is not a number and a method"},
+      {"CSeq without number", with_cseq("REGISTER"), 400, "CSeq is not a number and a method"},
+      {"CSeq negative", with_cseq("-1 REGISTER"), 400, "CSeq is not a number and a method"},
+      {"CSeq with more", with_cseq("1 REGISTER REGISTER"), 400, "CSeq is not a number and a method"},
+      {"CSeq 2^31", with_cseq("2147483648 REGISTER"), 400, "CSeq number out of range"},
+      {"CSeq 2^32+1", with_cseq("4294967297 REGISTER"), 400, "CSeq number out of range"},
+      {"CSeq very long", with_cseq(std::string(5000, '9') + " REGISTER"), 400, "CSeq number out of range"},
+      {"does not parse", "REGISTER\r\n\r\n", 0, "dropped, does not parse: the start line has no three parts"},
+      {"empty", "", 0, "dropped, does not parse: the message is empty"},
   };
   for (const Bad& bad : cases) {
     const std::size_t before = udp->count();
     const std::size_t said = lines.size();
     receive(bad.text);
     EXPECT_EQ(0u, user.requests.size()) << bad.name;
-    EXPECT_EQ(said + 1, lines.size()) << bad.name;
+    ASSERT_EQ(said + 1, lines.size()) << bad.name;
+    EXPECT_TRUE(lines.back().ends_with(bad.why)) << bad.name << ": " << lines.back();
     if (bad.status == 0) {
       EXPECT_EQ(before, udp->count()) << bad.name;
     } else {
       ASSERT_EQ(before + 1, udp->count()) << bad.name;
       EXPECT_EQ(bad.status, udp->last()->statusCode()) << bad.name;
+      EXPECT_EQ(std::string("4 REGISTER answered 400: ") + bad.why, lines.back());
     }
   }
 }
@@ -255,7 +281,9 @@ TEST_F(TransactionLayerTest, ResponsesToNothingAreAbsorbed) {
   receive(
       "SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP 127.0.0.1:5060;branch=z9hG4bKx\r\nFrom: <sip:a@b>;tag=1\r\n"
       "To: <sip:a@b>;tag=2\r\nCall-ID: c\r\nCSeq: 1 NOTIFY\r\n\r\n");
+  EXPECT_EQ("5 answer to nothing that is under way absorbed, Call-ID c", lines.back());
   receive("SIP/2.0 200 OK\r\nFrom: <sip:a@b>;tag=1\r\n\r\n");
+  EXPECT_EQ("4 response dropped: no Via", lines.back());
   pass(5ms);
   EXPECT_EQ(0u, udp->count());
   EXPECT_TRUE(user.answers.empty());
@@ -269,6 +297,16 @@ TEST_F(TransactionLayerTest, TheSourceIsNotedWhenItDiffersFromTheVia) {
   receive(request.text());
   ASSERT_EQ(0, answer(user.requests[0], 200));
   EXPECT_EQ("SIP/2.0/UDP client.example:5070;branch=z9hG4bKone;received=127.0.0.1", *udp->last()->header("Via"));
+}
+
+TEST_F(TransactionLayerTest, TheSourceIsNotedInARefusalToo) {
+  Request request;
+  request.via = "SIP/2.0/UDP client.example:5070;rport;branch=z9hG4bKone";
+  request.cseq = "none";
+  receive(request.text());
+  ASSERT_EQ(1u, udp->count());
+  EXPECT_EQ("SIP/2.0/UDP client.example:5070;rport=5070;branch=z9hG4bKone;received=127.0.0.1",
+            *udp->last()->header("Via"));
 }
 
 TEST_F(TransactionLayerTest, RportGetsTheSource) {
@@ -311,7 +349,7 @@ TEST_F(TransactionLayerTest, ALostWayIsOneLineForAnAnswer) {
   receive(Request().text(), tcp);
   tcp->open = false;
   EXPECT_EQ(0, answer(user.requests[0], 200));
-  EXPECT_TRUE(logged("the way is closed"));
+  EXPECT_EQ("4 not sent: the way is closed", lines.back());
 }
 
 // ---- bounds
@@ -328,7 +366,29 @@ TEST_F(TransactionLayerTest, TooManyUnansweredRequestsAreRefused) {
   receive(request.text());
   ASSERT_EQ(1u, udp->count());
   EXPECT_EQ(503, udp->last()->statusCode());
+  EXPECT_EQ("4 REGISTER answered 503: too many transactions", lines.back());
   EXPECT_EQ(nullptr, layer->openClient(udp));
+  EXPECT_EQ("4 refused: too many transactions", lines.back());
+}
+
+TEST_F(TransactionLayerTest, AnsweredRequestsThatNobodyLetsGoOfAreBoundedToo) {
+  for (int number = 0; number < 1024; ++number) {
+    Request request;
+    request.via += std::to_string(number);
+    receive(request.text(), tcp);
+    ASSERT_EQ(0, answer(user.requests.back(), 200)) << number;
+  }
+  Request request;
+  request.via += "last";
+  receive(request.text(), tcp);
+  EXPECT_EQ(1024u, user.requests.size());
+  EXPECT_EQ(503, tcp->last()->statusCode());
+}
+
+TEST_F(TransactionLayerTest, ConnectionsThatSendNothingAreBoundedToo) {
+  for (int number = 0; number < 1024; ++number) ASSERT_NE(nullptr, layer->openClient(udp)) << number;
+  EXPECT_EQ(nullptr, layer->openClient(udp));
+  EXPECT_EQ("4 refused: too many transactions", lines.back());
 }
 
 TEST_F(TransactionLayerTest, OfAnsweredRequestsTheOldestGivesWay) {
@@ -368,6 +428,7 @@ TEST_F(TransactionLayerTest, DialogsAreBounded) {
   }
   EXPECT_EQ(256u, user.requests.size());
   EXPECT_EQ(503, udp->last()->statusCode());
+  EXPECT_EQ("4 SUBSCRIBE answered 503: too many dialogs", lines.back());
 }
 
 TEST_F(TransactionLayerTest, TheLayerMayEndWithEverythingUnderWay) {

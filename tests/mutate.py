@@ -8,6 +8,7 @@ those that can be noticed are.
 """
 import argparse
 import collections
+import fcntl
 import json
 import os
 import queue
@@ -83,6 +84,8 @@ class Source:
 
     def __init__(self, path, text, log_lines=False):
         self.path, self.text, self.log_lines = path, text, log_lines
+        self.lines = [on_one_line(line) for line in text.split("\n")]
+        self.alike = collections.Counter(self.lines)
         self.tokens = [Token(m.lastgroup if m.lastgroup != "mark" else "text", m.group(), m.start(), m.end())
                        for m in TOKEN.finditer(text) if m.group("skip") is None]
         self.partner, self.within = {}, []
@@ -166,11 +169,15 @@ class Source:
         return on_one_line(self.text[self.tokens[begin].begin:self.tokens[end - 1].end]) if end > begin else ""
 
     def mutant(self, kind, what, *edits):
-        at = edits[0][0]
-        begin = self.text.rfind("\n", 0, at) + 1
-        end = self.text.find("\n", at)
-        source = self.text[begin:end if end >= 0 else len(self.text)].strip()
-        return Mutant(self.path, self.text.count("\n", 0, at) + 1, source, f"{kind}: {what}", edits)
+        line = self.text.count("\n", 0, edits[0][0]) + 1
+        return Mutant(self.path, line, self.named(line), f"{kind}: {what}", edits)
+
+    def named(self, line):
+        """A line's text, with the one before it where the file has others like it."""
+        text = self.lines[line - 1]
+        if self.alike[text] > 1:
+            text = next(filter(None, reversed(self.lines[:line - 1])), "") + " / " + text
+        return text
 
     def replace(self, kind, i, by):
         token = self.tokens[i]
@@ -566,7 +573,6 @@ class Results:
         self.known = known
         self.all = []
         self.lock = threading.Lock()
-        os.makedirs(WORK, exist_ok=True)
         self.file = open(os.path.join(WORK, "results.jsonl"), "w", encoding="utf-8")
 
     def add(self, mutant, verdict, by, seconds):
@@ -658,6 +664,12 @@ def main():
         if key[0] in candidates and key not in there:
             print(f"mutate: an explanation names what is no longer there: {' | '.join(key)}")
 
+    os.makedirs(WORK, exist_ok=True)
+    alone = open(os.path.join(WORK, "lock"), "w")
+    try:
+        fcntl.flock(alone, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        sys.exit("mutate: another run is at work in this tree")
     os.nice(10)
     jobs = max(1, min(arguments.jobs, len(share)))
     results = Results(known)

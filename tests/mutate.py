@@ -562,9 +562,6 @@ class Tree:
                 return "killed", noticed
         return "survived", ""
 
-    def restore(self, path):
-        self.copy(path)
-
 
 class Results:
     """The record of all mutants, written as they come."""
@@ -697,7 +694,7 @@ def main():
                 verdict, by = tree.attempt(mutant, sources[path])
                 results.add(mutant, verdict, by, time.monotonic() - started)
                 left -= verdict != "uncompiled"
-            tree.restore(path)
+            tree.write(os.path.join(tree.root, path), sources[path].encode())
 
     threads = [threading.Thread(target=work, args=(number,)) for number in range(jobs)]
     try:

@@ -488,6 +488,8 @@ class Tree:
             resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
             resource.setrlimit(resource.RLIMIT_FSIZE, (64 << 20, 64 << 20))
             resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+            # Also when nobody is left to end it.
+            resource.setrlimit(resource.RLIMIT_CPU, (int(limit) + 1, int(limit) + 1))
 
         shards = SHARDS if self.prefix and not only else 1
         scratch = os.path.join(self.build, "scratch")

@@ -562,7 +562,7 @@ TEST_F(RegistrarTest, AProfileThatEmptiedWhileTheWatcherWasSilentIsToldWithItsDe
 }
 
 TEST_F(RegistrarTest, MoreRegistrationsOfOnePortThanThereAreEntriesLeaveNothingBehind) {
-  for (std::size_t i = 0; i <= IMSE_Registrar::kMaxEntries; ++i) {
+  for (std::size_t i = 0; i <= framework::bounds().routing_entries; ++i) {
     ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 1}), 200);
     ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 2, .expires = "0"}), 200);
   }

@@ -2,9 +2,9 @@
 """Mutation testing: changes one place of src/ at a time, and looks whether a unit test notices.
 
 Works in copies of the tree below build/mutate, one a job. A mutant that does not compile is replaced by another of its
-file; one that no test notices must be explained in tests/mutants.txt, which also says what an explanation is. The sample
-is the same for the same seed and the same sources. Fails when a survivor is not explained, or when fewer than 95 % of
-those that can be noticed are.
+file; one that no test notices must be explained in tests/mutants.txt, which also says what an explanation is. The same
+seed and the same sources give the same sample. Fails when a survivor is not explained, or when fewer than 95 % of those
+that can be noticed are.
 """
 import argparse
 import collections
@@ -69,9 +69,9 @@ OTHER_CALL = {"min": "max", "front": "back", "push_back": "push_front", "pop_bac
               "lower_bound": "upper_bound"}
 OTHER_CALL |= {there: here for here, there in OTHER_CALL.items()} | {"none_of": "any_of"}
 # Warnings of a mutant that say no more than that it is one. That a function has no value to return is not among them.
-HARMLESS = """unused-variable unused-but-set-variable unused-but-set-parameter unused-parameter unused-function unused-value
-    empty-body dangling-else parentheses implicit-fallthrough uninitialized maybe-uninitialized type-limits sign-compare
-    bool-compare int-in-bool-context conversion sign-conversion""".split()
+HARMLESS = """unused-variable unused-but-set-variable unused-but-set-parameter unused-parameter unused-function
+    unused-value empty-body dangling-else parentheses implicit-fallthrough uninitialized maybe-uninitialized type-limits
+    sign-compare bool-compare int-in-bool-context conversion sign-conversion""".split()
 UNCHANGED = {"loginfo", "log", "assert", "static_assert"}  # not looked into, unless asked for
 
 
@@ -483,7 +483,7 @@ class Tree:
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
     def run(self, program, limit, only=None):
-        """What failed in a test program, or None. In several processes, each in a network of its own: tests wait a lot."""
+        """What failed in a test program, or None. In several processes, each in its own network: tests wait a lot."""
         def confine():
             resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
             resource.setrlimit(resource.RLIMIT_FSIZE, (64 << 20, 64 << 20))
@@ -604,7 +604,8 @@ class Results:
             count = counts[row]
             tried = sum(count.values()) - count["uncompiled"]
             share = 100 * count["killed"] / max(1, tried - count["equivalent"])
-            print(f"{row:<14}{tried:>9}" + "".join(f"{count[verdict]:>12}" for verdict in verdicts) + f"{share:>10.1f} %")
+            print(f"{row:<14}{tried:>9}" + "".join(f"{count[verdict]:>12}" for verdict in verdicts) +
+                  f"{share:>10.1f} %")
         print("killed of: those that are not equivalent; \"uncompiled\" were replaced by others")
         survivors = [record for record in self.all if record["verdict"] == "survived"]
         for record in survivors:

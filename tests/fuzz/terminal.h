@@ -640,10 +640,11 @@ class Terminal : public siplib::PathMaker {
     SIPLIB_message* created = nullptr;
     const bool taken = listener.handleIncomingMessage(text, static_cast<unsigned int>(length), &created);
     SIPLIB_SIPMessageHandle message(created);
+    if (message && !local) message->setFromNetwork();
     if (taken)
       deliver(std::move(message));
     else
-      core_->process(std::move(message), std::move(path), local);
+      core_->process(std::move(message), std::move(path));
   }
   /// A datagram from the local endpoint to itself.
   void receiveOwn(std::string bytes) {
@@ -703,7 +704,7 @@ class Terminal : public siplib::PathMaker {
       if (transport->peer_ip == kLocalIp && transport->peer_port == kPort) {
         for (const std::string& text : std::exchange(transport->sent, {})) {
           const SIPLIB_SIPMessageHandle message(new SIPLIB_message(text.data(), text.size()));
-          core_->process(message, std::make_shared<OwnPath>(*this), true);
+          core_->process(message, std::make_shared<OwnPath>(*this));
           any = true;
         }
       }

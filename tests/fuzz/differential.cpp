@@ -87,6 +87,11 @@ class Comparison {
     HOLDS(in);
     const auto out = strict::read(sent_.text, false);
     HOLDS(out);
+    if (in->is_request && !out->is_request) {
+      // The registrar's answer, which came the proxy's way to itself.
+      HOLDS(from_local_ && to_local_);
+      return;
+    }
     HOLDS(!strict::valuesHold(*in) || strict::valuesHold(*out));
     HOLDS(in->start_line == out->start_line);
     HOLDS(in->body == out->body);

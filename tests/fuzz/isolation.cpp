@@ -188,8 +188,8 @@ class Judge {
     for (std::size_t i = 0; i < std::size(fuzz::kSecrets); ++i) {
       const std::string profile = std::to_string(i + 1);
       HOLDS(!has(text, fuzz::kSecrets[i]));
-      // The watcher is told whose profile it is; the network only its own.
-      if (sent.to == nullptr || (sent.to->profile != profile || sent.to->local)) {
+      // The watcher is told whose profile it is; the network only its own, wherever its route leads.
+      if (unmoved() && (sent.to == nullptr || (sent.to->profile != profile || sent.to->local))) {
         HOLDS(!has(text, fuzz::kIdentities[i]) || has(terminal_.received(), fuzz::kIdentities[i]) ||
               sent.way == Way::Processing);
       }

@@ -59,6 +59,11 @@ TEST_F(TransactionLayerTest, AfterTimerJARepeatedRequestIsANewOne) {
   layer->endTurn();
   pass(90ms);
   receive(text);
+  // A busy machine is late with the timer.
+  for (int more = 0; more < 100 && user.requests.size() < 2; ++more) {
+    pass(20ms);
+    receive(text);
+  }
   EXPECT_EQ(2u, user.requests.size());
 }
 

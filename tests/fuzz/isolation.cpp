@@ -162,7 +162,7 @@ class Judge {
 
   void honest() const {
     const Party* const peer = terminal_.honestTo();
-    if (peer == nullptr || namesAnother()) return;
+    if (peer == nullptr || namesAnother(*peer)) return;
     for (const Sent& sent : terminal_.sent()) {
       if (!unmoved() || terminal_.isOwn(sent) || sent.to == nullptr || sent.to == peer) continue;
       // What a stranger began in a proxy's name ends at the proxy.
@@ -174,11 +174,13 @@ class Judge {
   /// Whether a request within a dialog carries the key of another user agent. A peer may have one in its Contact, as
   /// that of another terminal like this one has, and the tag that goes into it then counts only where it ends up in the
   /// URI: not behind a display name with a ">" in it.
-  bool namesAnother() const {
+  bool namesAnother(const Party& peer) const {
     const std::string& text = terminal_.received();
     if (text.starts_with("SIP/")) return false;
     const std::string_view uri = std::string_view(text).substr(0, text.find("\r\n"));
-    const std::string own = terminal_.who().local ? terminal_.keyOf(terminal_.who()) : std::string();
+    // The network goes on with whom the user agent's own request has named.
+    const Party& ours = terminal_.who().local ? terminal_.who() : peer;
+    const std::string own = ours.local ? terminal_.keyOf(ours) : std::string();
     const bool named = has(uri, "mok=") || has(uri, "mtk=");
     return named && !has(uri, "mok=" + own) && !has(uri, "mtk=" + own);
   }

@@ -176,8 +176,9 @@ class Judge {
   /// URI: not behind a display name with a ">" in it.
   bool namesAnother(const Party& peer) const {
     const std::string& text = terminal_.received();
-    if (text.starts_with("SIP/")) return false;
-    const std::string_view uri = std::string_view(text).substr(0, text.find("\r\n"));
+    // An answer goes by the Via, which the user agent's own request may have had another's key put into.
+    const std::size_t at = text.starts_with("SIP/") ? text.find("\r\n") + 2 : 0;
+    const std::string_view uri = std::string_view(text).substr(at, text.find("\r\n", at) - at);
     // The network goes on with whom the user agent's own request has named.
     const Party& ours = terminal_.who().local ? terminal_.who() : peer;
     const std::string own = ours.local ? terminal_.keyOf(ours) : std::string();

@@ -67,7 +67,7 @@ class Judge {
     else
       fromNetwork(received, read);
     if (terminal_.honest()) honest();
-    if (has(bytes, "uthenticate")) challenges_.push_back(terminal_.mark());
+    if (has(bytes, "uthenticate")) challenges_ += bytes;
     before_ = terminal_.tables();
   }
 
@@ -214,13 +214,11 @@ class Judge {
     HOLDS(!has(text, "\xbe\xbe\xbe\xbe") || has(terminal_.received(), "\xbe\xbe"));
   }
   /// A challenge of the network is repeated in what answers it.
-  bool fromChallenge(const std::string& mark) const {
-    return std::find(challenges_.begin(), challenges_.end(), mark) != challenges_.end();
-  }
+  bool fromChallenge(const std::string& mark) const { return has(challenges_, mark); }
   void tags(const Sent& sent) const {
     for (const Party& one : terminal_.parties()) {
       const std::string tag = terminal_.tagOf(one.accepted.get());
-      if (tag.empty() || !has(sent.text, tag) || has(terminal_.received(), tag)) continue;
+      if (tag.empty() || !has(sent.text, tag) || has(terminal_.received(), tag) || fromChallenge(tag)) continue;
       HOLDS(terminal_.way() == Way::Accepted && &one == &terminal_.who());
     }
   }
@@ -228,7 +226,7 @@ class Judge {
   Terminal& terminal_;
   const std::string first_;
   std::string before_;
-  std::vector<std::string> challenges_;
+  std::string challenges_;
 };
 
 }  // namespace

@@ -346,7 +346,7 @@ class World {
     closing_ = true;
     IMS_engine_proxy::client_list->notifyConnectionClosed(client);
     turn();
-    PROMISE(connector_.closed(client));
+    PROMISE(!connector_.lost.empty() && connector_.lost.back() == client);
     client->open = true;  // the next send opens it again
   }
   void answerNotify(std::string_view text) {

@@ -15,9 +15,10 @@ struct Bounds {
   std::size_t profiles = 64;
   /// Entries of user agents in the routing table. A further one is answered 400.
   std::size_t routing_entries = 1024;
-  /// NOTIFYs that wait for the watcher to answer the one before.
+  /// NOTIFYs that wait for the watcher to answer the one before. Above it they are dropped, and the watcher is told of
+  /// every profile anew when it answers.
   std::size_t waiting_notifies = 256;
-  /// Challenges of one network profile.
+  /// Challenges of one network profile. The one that came longest ago gives way to a further one.
   std::size_t challenges = 32;
 
   // What registrations bring, each and all together; a REGISTER above one of these is answered 400. With the defaults
@@ -26,7 +27,7 @@ struct Bounds {
   // routing/client_index.h).
 
   /// Addresses of record.
-  std::size_t client_aors = 32;
+  std::size_t client_aors = 64;
   std::size_t aors = 2048;
   /// Feature tags; about 200 bytes of memory each, and three times its own.
   std::size_t client_feature_tags = 1024;

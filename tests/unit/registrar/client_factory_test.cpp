@@ -91,8 +91,8 @@ TEST(ClientFactory, RefusesABodyThatNoNotifyCouldTell) {
 
 TEST(ClientFactory, RefusesABodyAboveABoundAndSaysWhich) {
   std::string aors;
-  for (int n = 0; n < 33; ++n) aors += "<aor>a@b</aor>";
-  EXPECT_EQ(refusal({.body = fake::uaInfo("home", aors)}).find("4 IMSE_REG: Content above max-client-aors: 33 AORs"),
+  for (int n = 0; n < 65; ++n) aors += "<aor>a@b</aor>";
+  EXPECT_EQ(refusal({.body = fake::uaInfo("home", aors)}).find("4 IMSE_REG: Content above max-client-aors: 65 AORs"),
             0U);
   const auto tagged = [](const std::string& tags) {
     return fake::uaInfo("home", "<aor>a@b<ua-specific-parameters>" + tags + "</ua-specific-parameters></aor>");

@@ -89,6 +89,7 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
   via_header->setParameter("port", localhost_port);
   via_header->getHeaderValue(via);
   via += tag;
+  if (!network_gate::admits_contact(__func__, connection, tag)) return false;
   forwarding::tag_contact(connection, tag, contact);
   return true;
 }
@@ -96,7 +97,7 @@ bool IMS_engine_proxy::update_network_to_ua_request_via_contact(SIPLIB_SIPTransp
 void IMS_engine_proxy::process_network_to_ua_tcp_request(SIPLIB_SIPTransportConnection* connection,
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
-  if (!network_gate::admits_request(__func__, connection, method, from, to)) return;
+  if (!network_gate::admits_request(__func__, connection, method, from)) return;
   siplib::Scratch via, contact;
   std::string client_key, domain_key;
   if (!update_network_to_ua_request_via_contact(connection, from, to, method, via, contact, client_key, domain_key)) {
@@ -118,7 +119,7 @@ void IMS_engine_proxy::process_network_to_ua_udp_request(SIPLIB_SIPTransportConn
                                                          const std::string& method, SIPLIB_SIPAddress* from,
                                                          SIPLIB_SIPAddress* to) {
   IMS_log::loginfo(5, __func__, "Received a request on connection=%p", static_cast<const void*>(connection));
-  if (!network_gate::admits_request(__func__, connection, method, from, to)) return;
+  if (!network_gate::admits_request(__func__, connection, method, from)) return;
   siplib::Scratch via, contact;
   std::string client_key, domain_key;
   if (!update_network_to_ua_request_via_contact(connection, from, to, method, via, contact, client_key, domain_key)) {

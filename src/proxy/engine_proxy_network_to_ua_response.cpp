@@ -72,6 +72,7 @@ bool IMS_engine_proxy::update_network_to_ua_response_via_contact(SIPLIB_SIPTrans
   via_header->setParameter("port", client->ua_port);
   via_header->getHeaderValue(via);
   forwarding::cut_from(via, tag);
+  if (!network_gate::admits_contact(__func__, connection, tag)) return false;
   siplib::Scratch contact;
   forwarding::tag_contact(connection, tag, contact);
   return true;

@@ -8,6 +8,7 @@
 #include "framework/log.h"
 #include "siplib/address.h"
 #include "siplib/connection.h"
+#include "siplib/text.h"
 
 namespace network_gate {
 
@@ -22,9 +23,21 @@ bool is_local(const SIPLIB_SIPAddress* address) {
   return address != nullptr && address->getHost() == IMS_engine_proxy::localhost_ip;
 }
 
+/// A reader more lenient than ours finds an address where we find none, or a second one behind the first.
 bool is_local(std::string_view name, std::string_view value) {
   if (!holds(value, IMS_engine_proxy::localhost_ip)) return false;
-  return is_local(std::unique_ptr<SIPLIB_SIPAddress>(SIPLIB_SIPAddress::createSIPAddressObject(name, value)).get());
+  const std::unique_ptr<SIPLIB_SIPAddress> address(SIPLIB_SIPAddress::createSIPAddressObject(name, value));
+  if (!address || is_local(address.get())) return true;
+  const std::size_t end = value.find('>');
+  return end != std::string_view::npos && holds(value.substr(end), IMS_engine_proxy::localhost_ip);
+}
+
+bool holds_key(std::string_view text) {
+  return holds(text, "mok=") || holds(text, "mtk=");
+}
+
+bool any_holds_key(const SIPLIB_message& message, std::string_view name) {
+  return message.headerLines(name, "mok=") > 0 || message.headerLines(name, "mtk=") > 0;
 }
 
 bool any_is_local(const SIPLIB_message& message, std::string_view name) {
@@ -39,16 +52,18 @@ const char* local_dialog_tag(const SIPLIB_message& message) {
   if (holds(message.requestUri(), mark)) return "Request-URI";
   if (holds(message.header("Via").value_or(""), mark)) return "Via";
   for (const char* name : {"Contact", "Record-Route"}) {
-    for (const std::string_view value : message.headers(name)) {
-      if (holds(value, mark)) return name;
-    }
+    if (message.headerLines(name, mark) > 0) return name;
   }
   return nullptr;
 }
 
+bool is_refer(const SIPLIB_message& message) {
+  return siplib::equalsIgnoreCase(message.method(), "REFER");
+}
+
 /// Asks the user agent to send a request of its own to the terminal itself: a route command, say.
 bool leads_inside(const SIPLIB_message& message) {
-  if (message.isRequest()) return message.method() == "REFER" && any_is_local(message, "Refer-To");
+  if (message.isRequest()) return is_refer(message) && any_is_local(message, "Refer-To");
   return message.statusCode() >= 300 && message.statusCode() < 400 && any_is_local(message, "Contact");
 }
 
@@ -62,23 +77,40 @@ bool drop_tagged(const char* function, const char* what, const char* where) {
   return false;
 }
 
+/// What requests and answers have in common: where a user agent's later requests would be led.
+bool admits(const char* function, const char* what, const SIPLIB_message& message) {
+  for (const char* name : {"From", "To"}) {
+    // Which of them an answer goes on with is the user agent's choice.
+    if (message.headerLines(name) > 1) return drop(function, what, "more than one From or To");
+  }
+  if (leads_inside(message)) return drop(function, what, "it refers to a local user");
+  if (const char* where = local_dialog_tag(message)) return drop_tagged(function, what, where);
+  if (message.headerLines("Record-Route", IMS_engine_proxy::localhost_ip) > 0 && any_is_local(message, "Record-Route"))
+    return drop(function, what, "a local address in its Record-Route");
+  if (any_holds_key(message, "Record-Route")) return drop(function, what, "a client key in its Record-Route");
+  return true;
+}
+
 }  // namespace
 
 bool admits_request(const char* function, const SIPLIB_SIPTransportConnection* connection, const std::string& method,
-                    const SIPLIB_SIPAddress* from, const SIPLIB_SIPAddress* to) {
+                    const SIPLIB_SIPAddress* from) {
   const SIPLIB_SIPMessageHandle message = connection->getSipMessageHandle();
   if (!message) return true;
   constexpr const char* what = "request";
   // Its answer would be taken for one to the registrar's own NOTIFY.
   if (is_local(from) && from->getUser() == "registrar") return drop(function, what, "its From is the registrar");
   // A dialog with it would go on between local user agents. A MESSAGE begins none, and its answer leads nowhere.
-  if (method != "MESSAGE" && (is_local(from) || is_local(to))) return drop(function, what, "its From or To is local");
-  if (leads_inside(*message)) return drop(function, what, "it refers to a local user");
+  if (method != "MESSAGE" &&
+      (is_local("From", connection->viewHeader("From")) || is_local("To", connection->viewHeader("To")))) {
+    return drop(function, what, "its From or To is local");
+  }
+  if (is_refer(*message) && any_holds_key(*message, "Refer-To")) {
+    return drop(function, what, "a client key in its Refer-To");
+  }
   // Its answer would be led by the key of its choice.
-  const std::string_view via = connection->viewHeader("Via");
-  if (holds(via, "mok=") || holds(via, "mtk=")) return drop(function, what, "a client key in its Via");
-  if (const char* where = local_dialog_tag(*message)) return drop_tagged(function, what, where);
-  return true;
+  if (holds_key(connection->viewHeader("Via"))) return drop(function, what, "a client key in its Via");
+  return admits(function, what, *message);
 }
 
 bool admits_response(const char* function, const SIPLIB_SIPTransportConnection* connection) {
@@ -89,9 +121,24 @@ bool admits_response(const char* function, const SIPLIB_SIPTransportConnection* 
   for (const char* name : {"From", "To"}) {
     if (is_local(name, connection->viewHeader(name))) return drop(function, what, "its From or To is local");
   }
-  if (leads_inside(*message)) return drop(function, what, "it refers to a local user");
-  if (const char* where = local_dialog_tag(*message)) return drop_tagged(function, what, where);
-  return true;
+  return admits(function, what, *message);
+}
+
+bool admits_contact(const char* function, const SIPLIB_SIPTransportConnection* connection, std::string_view tag) {
+  const SIPLIB_SIPMessageHandle message = connection->getSipMessageHandle();
+  if (!message || !any_holds_key(*message, "Contact")) return true;
+  const char* const what = message->isRequest() ? "request" : "response";
+  const auto values = message->headers("Contact");
+  const std::string_view contact = values.front();
+  const std::size_t begin = contact.find('<');
+  const std::size_t end = contact.find('>');
+  // The tag goes before the first ">": there the URI must end, and what it holds of keys stand within it.
+  const bool whole = begin != std::string_view::npos && end != std::string_view::npos && begin < end &&
+                     !holds_key(contact.substr(0, begin)) && !holds_key(contact.substr(end));
+  const bool others = std::any_of(values.begin() + 1, values.end(), holds_key);
+  // The same name again would be read first.
+  if (whole && !others && !holds(contact, tag.substr(1, tag.find('=')))) return true;
+  return drop(function, what, "a client key of another in its Contact");
 }
 
 }  // namespace network_gate

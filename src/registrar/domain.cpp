@@ -65,6 +65,8 @@ int IMSE_Domain::send_notify_and_add(IMSE_ExtClient* client, bool notify) {
   // A silent one counts as told, unless there are others that the watcher has never heard of.
   bool told = clients_.empty();
   if (notify) {
+    IMSE_UA_INFO_T info;
+    client->get_ua_info(info);
     std::unique_ptr<IMSE_NotifyXmlData> document = create_document();
     if (document == nullptr) {
       IMS_log::loginfo(4, __func__, "IMSE_REG: send_notify_and_add: memory allocation failed ");
@@ -75,7 +77,7 @@ int IMSE_Domain::send_notify_and_add(IMSE_ExtClient* client, bool notify) {
       // As a rule there are no others; those that a lost document has kept from the watcher come with this one.
       std::vector<IMSE_ExtClient*> untold = clients_;
       untold.push_back(client);
-      result = send_create(std::move(document), untold, false);
+      result = send_create(std::move(document), untold, false, &info);
     }
   }
   IMS_log::loginfo(5, __func__, "IMSE_REG: IMSE_Domain:add send_notify %d", result);
@@ -87,11 +89,14 @@ int IMSE_Domain::send_notify_and_add(IMSE_ExtClient* client, bool notify) {
 }
 
 int IMSE_Domain::send_create(std::unique_ptr<IMSE_NotifyXmlData> document, const std::vector<IMSE_ExtClient*>& clients,
-                             bool whole) {
+                             bool whole, IMSE_UA_INFO_T* last) {
   document->set_whole(whole);
   for (const IMSE_ExtClient* client : clients) {
     IMSE_UA_INFO_T info;
-    client->get_ua_info(info);
+    if (last != nullptr && client == clients.back())
+      info = std::move(*last);
+    else
+      client->get_ua_info(info);
     if (!document->has_room_for(info)) {
       const int result = subscriber_->send_notify(std::move(document), "active");
       if (result != 0) return result;
@@ -246,10 +251,10 @@ std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::update_document(const std::stri
 }
 
 std::unique_ptr<IMSE_NotifyXmlData> IMSE_Domain::update_document(IMSE_ExtClient* client, const std::string& action) {
-  std::unique_ptr<IMSE_NotifyXmlData> document = update_document(action);
-  if (document == nullptr) return nullptr;
   IMSE_UA_INFO_T info;
   client->get_ua_info(info);
+  std::unique_ptr<IMSE_NotifyXmlData> document = update_document(action);
+  if (document == nullptr) return nullptr;
   document->add_ua_info(std::move(info));
   return document;
 }

@@ -19,6 +19,7 @@
 class IMSE_ExtClient;
 class IMSE_NotifyXmlData;
 class IMSE_RegSubscriber;
+struct IMSE_UA_INFO_T;
 
 class IMSE_Domain {
  public:
@@ -77,9 +78,9 @@ class IMSE_Domain {
   int send_notify_update_delete(IMSE_ExtClient* client, bool notify, const std::string& action);
   int send_notify_delete(bool whole = false);
   /// Tells of these clients: as many as fit into the create document, the others in updates behind it. `whole`: these
-  /// are all that there are.
-  int send_create(std::unique_ptr<IMSE_NotifyXmlData> document, const std::vector<IMSE_ExtClient*>& clients,
-                  bool whole);
+  /// are all that there are. `last`: what is told of the last of them, when it has been asked already; else null.
+  int send_create(std::unique_ptr<IMSE_NotifyXmlData> document, const std::vector<IMSE_ExtClient*>& clients, bool whole,
+                  IMSE_UA_INFO_T* last = nullptr);
   /// False, with a log line, when the profile's own settings are too large for any document.
   bool can_be_told(const IMSE_NotifyXmlData& document) const;
   // Null when there is no memory for it.

@@ -25,14 +25,6 @@ constexpr std::size_t kMaxOwing = 256;
 // A request that the user holds for so many times 64*T1 is taken back.
 constexpr int kReclaimAfter = 10;
 
-/// True for a Contact that is there and gives no address to notify at.
-bool namesNoTarget(const SIPLIB_message& subscribe) {
-  const auto contact = subscribe.header("Contact");
-  if (!contact) return false;
-  const std::string uri = uriWithin(*contact);
-  return uri.empty() || uri == "*";
-}
-
 bool saysTerminated(const SIPLIB_message& notify) {
   const auto state = notify.header("Subscription-State");
   return state && equalsIgnoreCase(trim(state->substr(0, state->find(';'))), "terminated");
@@ -148,9 +140,8 @@ void Layer::receiveRequest(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path
     return refuse(503, "too many transactions");
   }
   const bool subscribes = head.method == "SUBSCRIBE";
-  // Its dialog could not be made, or there would be nobody to notify.
+  // Its dialog could not be made.
   if (subscribes && head.from_tag.empty()) return refuse(400, "no From tag");
-  if (subscribes && head.to_tag.empty() && namesNoTarget(*message)) return refuse(400, "no address in Contact");
   std::shared_ptr<Dialog> dialog;
   // A REGISTER belongs to no dialog (RFC 3261 10.2), whatever its To carries.
   if (!head.to_tag.empty() && head.method != "REGISTER") {

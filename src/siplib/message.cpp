@@ -314,6 +314,16 @@ std::vector<std::string_view> SIPLIB_message::headers(std::string_view name) con
   return values;
 }
 
+std::size_t SIPLIB_message::headerLines(std::string_view name, std::string_view text) const {
+  const HeaderId id = siplib::headerId(name);
+  std::size_t count = 0;
+  for (const Line* line = lines_; line != lines_ + line_count_; ++line) {
+    if (line->id != id || (id == siplib::kUnknownHeader && !siplib::equalsIgnoreCase(line->name(), name))) continue;
+    if (line->read().find(text) != std::string_view::npos) ++count;
+  }
+  return count;
+}
+
 bool SIPLIB_message::headHolds(std::string_view text) const {
   if (!valid_ || text.empty()) return valid_;
   // By its last character: in a parameter's name with its "=", that is the rarest.

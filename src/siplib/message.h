@@ -73,6 +73,8 @@ class SIPLIB_message final : public siplib::Recycled<SIPLIB_message> {
   std::size_t headerCount(std::string_view name) const;
   /// Every value of the name, topmost first.
   std::vector<std::string_view> headers(std::string_view name) const;
+  /// How many lines of the name hold the text, lists and all; every one when the text is empty. Allocates nothing.
+  std::size_t headerLines(std::string_view name, std::string_view text = {}) const;
   /// True when the text stands anywhere in the start line or the header lines: one search, before a closer look.
   bool headHolds(std::string_view text) const;
 

@@ -140,6 +140,54 @@ TEST_F(NetworkGate, OnlyAMessageMayNameALocalAddress) {
   EXPECT_TRUE(admits("INVITE", {.from = "<sip:bob@127.0.0.10>;tag=1"}));
 }
 
+TEST_F(NetworkGate, WhatOnlyALenientReaderTakesForALocalAddressIsOne) {
+  for (const char* from : {"<sip:bob@127.0.0.1:>;tag=1", "<sip:bob@127.0.0.1:99999>;tag=1", "<sip:x@b@127.0.0.1>",
+                           "\"bob <sip:bob@127.0.0.1>", "<sip:m@x>;tag=m,<sip:bob@127.0.0.1>"}) {
+    const auto said = dropped("INVITE", {.from = from});
+    ASSERT_FALSE(said.empty()) << from;
+    EXPECT_EQ(said.back(), "request from the network dropped: its From or To is local") << from;
+  }
+  const auto more = twice("request from the network dropped: more than one From or To");
+  EXPECT_EQ(dropped("INVITE", {.more = {{"From", "<sip:bob@127.0.0.1>;tag=2"}}}), more);
+  EXPECT_EQ(dropped("INVITE", {.more = {{"t", "<sip:bob@127.0.0.1>"}}}), more);
+  const auto refers = twice("request from the network dropped: it refers to a local user");
+  EXPECT_EQ(dropped("REFER", {.more = {{"Refer-To", "<sip:127.0.0.1:;method=MESSAGE?body=x>"}}}), refers);
+  EXPECT_EQ(dropped("REFER", {.more = {{"Refer-To", "<sip:x@y>, <sip:bob@127.0.0.1>"}}}), refers);
+  EXPECT_EQ(dropped("refer", {.more = {{"Refer-To", "<sip:bob@127.0.0.1>"}}}), refers);
+}
+
+TEST_F(NetworkGate, NobodyOutsideNamesInWhoseNameAUserAgentGoesOn) {
+  const auto in_contact = twice("request from the network dropped: a client key of another in its Contact");
+  for (const std::string contact :
+       {"<sip:m@192.0.2.10;mtk=2>", "<sip:mtk=2;@x>", "<sip:m@x?y=mtk=2>", "sip:m@x;mok=2", "\"a>b\" <sip:m@x;mok=2>",
+        "\"<x>\" <sip:m@x;mok=2>", "<sip:m@x>;mok=2", "<sip:m@x;mtk=99>", "<sip:m@x;xmtk=2>"}) {
+    const auto said = dropped("INVITE", {.more = {{"Contact", contact}}});
+    ASSERT_FALSE(said.empty()) << contact;
+    EXPECT_EQ(said.front(), in_contact.front()) << contact;
+  }
+  for (const FakeHeaders& more : {FakeHeaders{{"Contact", "<sip:m@x>, <sip:n@x;mok=2>"}},
+                                  FakeHeaders{{"Contact", "<sip:m@x>"}, {"m", "<sip:n@x;mtk=2>"}}}) {
+    const auto said = dropped("INVITE", {.more = more});
+    ASSERT_FALSE(said.empty());
+    EXPECT_EQ(said.front(), in_contact.front());
+  }
+  for (const std::string contact : {"<sip:m@x;mok=2>", "\"a>b\" <sip:m@x;mtk=2>", "sip:m@x;mtk=2"}) {
+    const auto said = droppedAnswer({.via = answerVia(), .more = {{"Contact", contact}}});
+    ASSERT_FALSE(said.empty()) << contact;
+    EXPECT_EQ(said.front(), "response from the network dropped: a client key of another in its Contact") << contact;
+  }
+  EXPECT_EQ(dropped("INVITE", {.more = {{"Record-Route", "<sip:192.0.2.10;lr;mtk=2>"}}}),
+            twice("request from the network dropped: a client key in its Record-Route"));
+  EXPECT_EQ(dropped("INVITE", {.more = {{"Record-Route", "<sip:127.0.0.1:5072;lr>"}}}),
+            twice("request from the network dropped: a local address in its Record-Route"));
+  EXPECT_EQ(dropped("REFER", {.more = {{"Refer-To", "<sip:+900@work.net;mtk=2>"}}}),
+            twice("request from the network dropped: a client key in its Refer-To"));
+  // Another terminal's proxy has put in the key of its own side.
+  EXPECT_TRUE(admits("INVITE", {.more = {{"Contact", "<sip:192.0.2.9:5060;mok=2>"}}}));
+  EXPECT_TRUE(admits("INVITE", {.more = {{"Contact", "\"a>b\" <sip:m@x>"}}}));
+  EXPECT_TRUE(admitsAnswer({.via = answerVia(), .more = {{"Contact", "<sip:192.0.2.9:5060;mtk=2>"}}}));
+}
+
 TEST_F(NetworkGate, NobodyIsReferredToALocalUser) {
   const auto line = twice("request from the network dropped: it refers to a local user");
   for (const char* target :

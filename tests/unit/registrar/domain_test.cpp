@@ -279,6 +279,32 @@ TEST_F(DomainTest, TracesEveryChange) {
                    "IMSE_REG: IMSE_Domain::send_notify_delete " + w + ".", "IMSE_REG: IMSE_Domain::unset_subscriber"}));
 }
 
+TEST_F(DomainTest, AsksWhatIsToldBeforeItMakesTheDocument) {
+  domain->set_subscriber(subscribe());
+  const auto order = [](const LogCapture& log) {
+    Texts said;
+    for (const auto& line : log.lines()) {
+      for (const char* word : {"get_nw_expiry_value", "IMSE_NotifyXmlData create", "IMSE_NotifyXmlData update"}) {
+        if (line.text.find(word) != std::string::npos) said.emplace_back(word);
+      }
+    }
+    return said;
+  };
+  {
+    LogCapture log;
+    add(*alice);
+    EXPECT_EQ(order(log), (Texts{"get_nw_expiry_value", "IMSE_NotifyXmlData create"}));
+  }
+  {
+    LogCapture log;
+    add(*bob);
+    EXPECT_EQ(order(log), (Texts{"get_nw_expiry_value", "IMSE_NotifyXmlData update"}));
+  }
+  LogCapture log;
+  remove(*bob);
+  EXPECT_EQ(order(log), (Texts{"get_nw_expiry_value", "IMSE_NotifyXmlData update"}));
+}
+
 TEST_F(DomainTest, TheFirstClientIsACreateTheSecondAnUpdate) {
   domain->set_subscriber(subscribe());
   EXPECT_TRUE(told().empty());

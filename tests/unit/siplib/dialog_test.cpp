@@ -429,19 +429,12 @@ TEST_F(DialogTest, ARegisterBelongsToNoDialogWhateverItsTags) {
   EXPECT_EQ(nullptr, user.requests[2]->getDialog());
 }
 
-TEST_F(DialogTest, ASubscribeThatCannotMakeADialogIsAnswered400) {
-  Request no_tag = subscribe();
-  no_tag.from = "<sip:regua@127.0.0.1>";
-  Request star = subscribe();
-  star.more = "Contact: *\r\n";
-  Request empty = subscribe();
-  empty.more = "Contact: <>\r\n";
-  for (Request request : {no_tag, star, empty}) {
-    request.via += std::to_string(udp->count());
-    receive(request.text());
-    EXPECT_EQ(400, udp->last()->statusCode());
-  }
-  EXPECT_EQ(3u, udp->count());
+TEST_F(DialogTest, ASubscribeWithoutFromTagIsAnswered400) {
+  Request request = subscribe();
+  request.from = "<sip:regua@127.0.0.1>";
+  receive(request.text());
+  ASSERT_EQ(1u, udp->count());
+  EXPECT_EQ(400, udp->last()->statusCode());
   EXPECT_TRUE(user.requests.empty());
   EXPECT_TRUE(logged("SUBSCRIBE answered 400: no From tag"));
 }

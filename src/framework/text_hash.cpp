@@ -14,13 +14,19 @@ constexpr std::uint64_t reduced(std::uint64_t value) {
   return value >= kPrime ? value - kPrime : value;
 }
 
-/// Both below the prime. In halves, because not every machine has words of 128 bits.
+/// Both below the prime.
 constexpr std::uint64_t product(std::uint64_t a, std::uint64_t b) {
+#ifdef __SIZEOF_INT128__
+  __extension__ using Wide = unsigned __int128;
+  const Wide whole = Wide{a} * b;
+  return reduced((static_cast<std::uint64_t>(whole) & kPrime) + static_cast<std::uint64_t>(whole >> 61));
+#else  // in halves
   constexpr std::uint64_t kLow31 = (std::uint64_t{1} << 31) - 1;
   constexpr std::uint64_t kLow30 = (std::uint64_t{1} << 30) - 1;
   const std::uint64_t a_high = a >> 31, a_low = a & kLow31, b_high = b >> 31, b_low = b & kLow31;
   const std::uint64_t middle = a_low * b_high + a_high * b_low;
   return reduced(a_high * b_high * 2 + (middle >> 30) + ((middle & kLow30) << 31) + a_low * b_low);
+#endif
 }
 static_assert(product(kPrime - 1, kPrime - 1) == 1 && product(std::uint64_t{1} << 60, 4) == 2);
 

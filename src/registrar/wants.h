@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "framework/chained_table.h"
+#include "framework/bucket_table.h"
 #include "registrar/register_xml_data.h"
 
 /// Loop thread only.
@@ -28,7 +28,6 @@ class IMSE_Wants {
     std::string text;
     std::uint32_t hash;
     std::uint32_t times = 0;
-    Want* next = nullptr;
   };
   class Table {
    public:
@@ -42,7 +41,7 @@ class IMSE_Wants {
 
    private:
     Want* find(std::string_view text) const;
-    framework::ChainedTable<Want> wants_;
+    framework::BucketTable<Want> wants_;
   };
 
   Table tags_;  ///< each behind its address and a NUL, which no text from a document contains

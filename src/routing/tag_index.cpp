@@ -19,10 +19,6 @@ std::size_t common(const char* a, const char* b, std::size_t from, std::size_t s
 
 }  // namespace
 
-TagIndex::~TagIndex() {
-  nodes_.forEach([](Node* node) { delete node; });
-}
-
 // --- Changing -------------------------------------------------------------------------------------------------------
 
 void TagIndex::add(std::string_view tag, std::uint32_t client) {
@@ -78,7 +74,7 @@ void TagIndex::set_handle(Node& node) {
 }
 
 TagIndex::Node* TagIndex::add_leaf(Node& parent, std::string_view tag) {
-  Node* const leaf = new Node;
+  Node* const leaf = slabs_.make();
   leaf->use.text = tag.data();
   leaf->length = static_cast<std::uint32_t>(tag.size());
   leaf->parent = &parent;
@@ -89,7 +85,7 @@ TagIndex::Node* TagIndex::add_leaf(Node& parent, std::string_view tag) {
 }
 
 TagIndex::Node* TagIndex::split(Node& node, std::size_t length) {
-  Node* const middle = new Node;
+  Node* const middle = slabs_.make();
   middle->use.text = node.use.text;
   middle->length = static_cast<std::uint32_t>(length);
   middle->parent = node.parent;
@@ -112,7 +108,7 @@ TagIndex::Node* TagIndex::dissolve(Node& node) {
     child->parent = &parent;
     set_handle(*child);
   }
-  delete &node;
+  slabs_.destroy(&node);
   return &parent;
 }
 
@@ -132,89 +128,128 @@ void TagIndex::use(Node& node, std::string_view tag, std::uint32_t client) {
     ++node.use.times;
     return;
   }
-  if (node.more == nullptr) node.more = std::make_unique<std::vector<Use>>();
+  if (node.more == 0) {
+    if (free_more_.empty()) {
+      free_more_.push_back(static_cast<std::uint32_t>(more_.size()));
+      more_.emplace_back();
+    }
+    node.more = free_more_.back();
+    free_more_.pop_back();
+  }
+  std::vector<Use>& more = more_[node.more];
   const auto known =
-      std::find_if(node.more->rbegin(), node.more->rend(), [client](const Use& use) { return use.client == client; });
-  if (known != node.more->rend()) {
+      std::find_if(more.rbegin(), more.rend(), [client](const Use& use) { return use.client == client; });
+  if (known != more.rend()) {
     ++known->times;
   } else {
-    node.more->push_back({tag.data(), client, 1});
+    more.push_back({tag.data(), client, 1});
   }
 }
 
 const char* TagIndex::stop_using(Node& node, std::uint32_t client) {
   Use* use = &node.use;
   if (use->client != client) {
-    use =
-        &*std::find_if(node.more->begin(), node.more->end(), [client](const Use& one) { return one.client == client; });
+    std::vector<Use>& more = more_[node.more];
+    use = &*std::find_if(more.begin(), more.end(), [client](const Use& one) { return one.client == client; });
   }
   if (--use->times > 0) return nullptr;
   const char* const gone = use->text;
-  if (node.more != nullptr) {
-    *use = node.more->back();
-    node.more->pop_back();
-    if (node.more->empty()) node.more.reset();
+  if (node.more != 0) {
+    std::vector<Use>& more = more_[node.more];
+    *use = more.back();
+    more.pop_back();
+    if (more.empty()) {
+      more.shrink_to_fit();
+      free_more_.push_back(node.more);
+      node.more = 0;
+    }
+    if (free_more_.size() == more_.size() - 1) {  // all but nobody's
+      more_.resize(1);
+      free_more_ = {};
+    }
   }
   return gone;
 }
 
 // --- Searching ------------------------------------------------------------------------------------------------------
 
-TagIndex::Node* TagIndex::deepest(std::string_view text, std::size_t begin) const {
-  Lookup lookup{begin, 0, std::min(text.size() - begin, longest_), &root_};
-  while (lookup.low < lookup.high) {
-    aim(lookup);
-    step(text, lookup);
-  }
-  return lookup.found;
-}
-
 void TagIndex::aim(Lookup& lookup) const {
   lookup.middle = fattest(lookup.low, lookup.high);
   lookup.hash = static_cast<std::uint32_t>(hashes_.of(lookup.begin, lookup.middle));
 }
 
-void TagIndex::step(std::string_view text, Lookup& lookup) const {
-  const char* const from = text.data() + lookup.begin;
-  const std::size_t middle = lookup.middle;
-  Node* const node = nodes_.find(lookup.hash, [from, middle](const Node& one) {
-    return one.handle == middle && std::memcmp(one.use.text, from, middle) == 0;
-  });
-  if (node != nullptr) {
-    lookup.found = node;
-    lookup.low = node->length;
-  } else {
-    lookup.high = middle - 1;
+TagIndex::Node* TagIndex::deepest(std::string_view text, std::size_t begin) const {
+  Lookup lookup{begin, 0, std::min(text.size() - begin, longest_)};
+  Node* found = &root_;
+  while (lookup.low < lookup.high) {
+    aim(lookup);
+    Node* const node = nodes_.find(lookup.hash, [&](const Node& one) {
+      return one.handle == lookup.middle && std::memcmp(one.use.text, text.data() + begin, lookup.middle) == 0;
+    });
+    if (node != nullptr) {
+      found = node;
+      lookup.low = node->length;
+    } else {
+      lookup.high = lookup.middle - 1;
+    }
   }
+  return found;
 }
 
-void TagIndex::deepest(std::string_view text, Lookup* begin, Lookup* end) const {
+void TagIndex::find_together(std::string_view text, Lookup* begin, Lookup* end) const {
+  const auto each_open = [begin, end](auto act) {
+    for (Lookup* lookup = begin; lookup != end; ++lookup) {
+      if (lookup->low < lookup->high) act(*lookup);
+    }
+  };
   for (bool more = true; more;) {
     more = false;
-    const auto each_open = [begin, end](auto act) {
-      for (Lookup* lookup = begin; lookup != end; ++lookup) {
-        if (lookup->low < lookup->high) act(*lookup);
-      }
-    };
     each_open([&](Lookup& lookup) {
       more = true;
       aim(lookup);
-      nodes_.fetchChain(lookup.hash);
+      nodes_.fetchBucket(lookup.hash);
     });
     each_open([&](Lookup& lookup) { lookup.first = nodes_.fetchEntry(lookup.hash); });
     each_open([&](Lookup& lookup) {
-      if (lookup.first != nullptr) __builtin_prefetch(lookup.first->use.text);
+      const Node* node = lookup.first;
+      if (node != nullptr && node->handle != lookup.middle) {
+        node = nodes_.find(lookup.hash, [&lookup](const Node& one) { return one.handle == lookup.middle; });
+      }
+      if (node == nullptr) {
+        lookup.high = lookup.middle - 1;
+        return;
+      }
+      __builtin_prefetch(node->use.text);
+      assert(lookup.hit_count < lookup.hits.size());
+      lookup.hits[lookup.hit_count++] = node;
+      lookup.low = node->length;
     });
-    each_open([&](Lookup& lookup) { step(text, lookup); });
   }
+  for (Lookup* lookup = begin; lookup != end; ++lookup) lookup->found = matching(text, *lookup);
+}
+
+const TagIndex::Node* TagIndex::matching(std::string_view text, const Lookup& lookup) const {
+  if (lookup.hit_count == 0) return &root_;
+  const char* const from = text.data() + lookup.begin;
+  const std::size_t left = text.size() - lookup.begin;
+  const Node* node = lookup.hits[lookup.hit_count - 1];
+  // Until here only hashes were compared; with a wrong hit all that came after it may be wrong.
+  const bool right = std::all_of(lookup.hits.begin(), lookup.hits.begin() + lookup.hit_count, [from](const Node* hit) {
+    return std::memcmp(hit->use.text, from, hit->handle) == 0;
+  });
+  if (!right) node = deepest(text, lookup.begin);
+  // Only its handle is known to stand here, and all that its parent is.
+  if (node != &root_ && (node->length > left || std::memcmp(node->use.text, from, node->length) != 0))
+    node = node->parent;
+  return node;
 }
 
 void TagIndex::visit(const Node& node, std::vector<std::size_t>& counts) const {
   node.seen = search_;
   if (node.use.times == 0) return;
   counts[node.use.client] += node.use.times;
-  if (node.more == nullptr) return;
-  for (const Use& use : *node.more) counts[use.client] += use.times;
+  if (node.more == 0) return;
+  for (const Use& use : more_[node.more]) counts[use.client] += use.times;
 }
 
 void TagIndex::count(std::string_view text, std::vector<std::size_t>& counts) const {
@@ -230,27 +265,21 @@ void TagIndex::count(std::string_view text, std::vector<std::size_t>& counts) co
     std::size_t open = 0;
     for (; begin < text.size() && open < lookups.size(); ++begin) {
       if (starts_[static_cast<unsigned char>(text[begin])] == 0) continue;
-      lookups[open++] = {begin, 0, std::min(text.size() - begin, longest_), &root_};
+      Lookup& lookup = lookups[open++];
+      lookup.begin = begin;
+      lookup.low = 0;
+      lookup.high = std::min(text.size() - begin, longest_);
+      lookup.hit_count = 0;
     }
-    deepest(text, lookups.data(), lookups.data() + open);
-    for (std::size_t i = 0; i < open; ++i) {
-      // Only its handle is known to stand here, and all that its parent is.
-      const Node*& node = lookups[i].climbs;
-      node = lookups[i].found;
-      if (node->seen != search_ && (node->length > text.size() - lookups[i].begin ||
-                                    std::memcmp(node->use.text, text.data() + lookups[i].begin, node->length) != 0)) {
-        node = node->parent;
-      }
-    }
+    find_together(text, lookups.data(), lookups.data() + open);
     for (bool more = true; more;) {
       more = false;
       for (std::size_t i = 0; i < open; ++i) {
-        const Node*& node = lookups[i].climbs;
+        const Node*& node = lookups[i].found;
         if (node->seen == search_) continue;
         visit(*node, counts);
         node = node->parent;
         __builtin_prefetch(node);
-        __builtin_prefetch(&node->seen);
         more = true;
       }
     }

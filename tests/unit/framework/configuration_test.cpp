@@ -168,6 +168,10 @@ TEST_F(Configuration, StackSettingsAreTaken) {
             "<t1-ms>50</t1-ms><t2-ms>400</t2-ms><t4-ms>500</t4-ms>"
             "<max-clients>8</max-clients><max-profiles>3</max-profiles><max-routing-entries>9</max-routing-entries>"
             "<max-waiting-notifies>4</max-waiting-notifies><max-challenges>5</max-challenges>"
+            "<max-client-aors>11</max-client-aors><max-aors>12</max-aors>"
+            "<max-client-feature-tags>13</max-client-feature-tags><max-feature-tags>14</max-feature-tags>"
+            "<max-feature-tag-size>15</max-feature-tag-size><max-feature-tag-bytes>16</max-feature-tag-bytes>"
+            "<max-client-text>17</max-client-text><max-text-bytes>18</max-text-bytes>"
             "<io-thread>yes</io-thread></ue-proxy></sipstackinit>");
   SIPLIB_SIPStackConfig config;
   framework::Bounds bounds;
@@ -187,6 +191,14 @@ TEST_F(Configuration, StackSettingsAreTaken) {
   EXPECT_EQ(bounds.routing_entries, 9u);
   EXPECT_EQ(bounds.waiting_notifies, 4u);
   EXPECT_EQ(bounds.challenges, 5u);
+  EXPECT_EQ(bounds.client_aors, 11u);
+  EXPECT_EQ(bounds.aors, 12u);
+  EXPECT_EQ(bounds.client_feature_tags, 13u);
+  EXPECT_EQ(bounds.feature_tags, 14u);
+  EXPECT_EQ(bounds.feature_tag_size, 15u);
+  EXPECT_EQ(bounds.feature_tag_bytes, 16u);
+  EXPECT_EQ(bounds.client_text, 17u);
+  EXPECT_EQ(bounds.text_bytes, 18u);
   EXPECT_TRUE(io_thread);
   EXPECT_EQ(log.text(), "");
 }

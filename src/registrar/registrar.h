@@ -66,8 +66,8 @@ class IMSE_Registrar {
   bool add_entry(IMSE_Client& client);
   void delete_entry(const IMSE_Client& client);
   /// True when the table takes the new client's entry instead of the old one's; its addresses of record are then in
-  /// the old entry. False, and nothing changed, when another entry has the port or the addresses are of several
-  /// domains.
+  /// the old entry. False, and nothing changed, when another entry has the port, the addresses are of several domains,
+  /// or the entry is above what all together may bring.
   bool prepare_entry(IMSE_Client& new_client, IMSE_Client& old_client);
   /// Puts the new client's entry in the place of the old one's, after prepare_entry. One that says the same stays as it
   /// is, its key and the dialogs that carry it too.

@@ -106,6 +106,7 @@ bool IMSE_Registrar::prepare_entry(IMSE_Client& new_client, IMSE_Client& old_cli
   new_client.get_client_info(wanted);
   old_client.get_client_info(present);
   if (wanted.ua_port != present.ua_port && routing_table_->getClient(CT_UA_PORT, wanted.ua_port, other)) return false;
+  if (!routing_table_->hasRoomFor(wanted, present.ua_port)) return false;
   return same(wanted.aors, present.aors) ||
          routing_table_->replaceClientField(CT_UA_PORT, present.ua_port, wanted.aors);
 }

@@ -124,6 +124,12 @@ ClientAmount amount_of(const std::vector<ClientAOR_T>& aors) {
   return amount;
 }
 
+ClientAmount amount_of(const ClientTable_Entry_T& entry) {
+  ClientAmount amount = amount_of(entry.aors);
+  amount.text_bytes += entry.uri.size() + entry.packages.size();
+  return amount;
+}
+
 }  // namespace
 
 // --- Adding and deleting --------------------------------------------------------------------------------------------
@@ -147,9 +153,7 @@ bool IMS_Proxy_RoutingTable_Impl::addClient(ClientTable_Entry_T const& entry) {
     IMS_log::loginfo(4, __func__, "ERROR: AORs have different domains for one entry. Cannot add client");
     return false;
   }
-  ClientAmount amount = amount_of(entry.aors);
-  amount.text_bytes += entry.uri.size() + entry.packages.size();
-  if (!has_room(__func__, amount, {})) return false;
+  if (!has_room(__func__, amount_of(entry), {})) return false;
 
   SIPLIB_SIPTransportConnection* connection = IMS_engine_proxy::open_client_connection(
       "TCP", IMS_engine_proxy::localhost_ip, portNumber(IMS_engine_proxy::localhost_port),
@@ -172,6 +176,11 @@ bool IMS_Proxy_RoutingTable_Impl::addClient(ClientTable_Entry_T const& entry) {
   IMS_log::loginfo(5, __func__, "Successfully Added Client key=%d", static_cast<int>(current_rt_tbl_key));
   ++current_rt_tbl_key;
   return true;
+}
+
+bool IMS_Proxy_RoutingTable_Impl::hasRoomFor(ClientTable_Entry_T const& entry, std::string const& replaced_port) {
+  const std::string* const replaced = index_.with_port(replaced_port);
+  return has_room(__func__, amount_of(entry), replaced != nullptr ? amount_of(*client(*replaced)) : ClientAmount());
 }
 
 bool IMS_Proxy_RoutingTable_Impl::deleteClient(ClientTable_Field_T const& type, std::string const& value) {
@@ -265,7 +274,7 @@ bool IMS_Proxy_RoutingTable_Impl::appendClientField(ClientTable_Field_T const& t
       IMS_log::loginfo(4, __func__, "AOR domain mismatch");
       return false;
     }
-    if (!has_room(__func__, amount_of({aor}), {})) return false;
+    if (!has_room(__func__, amount_of(std::vector{aor}), {})) return false;
     stored.push_back(aor);
     index_.add(found->first, stored.back());
   }

@@ -29,6 +29,7 @@ class IMS_Proxy_RoutingTable_Impl : public IMS_Proxy_RoutingTable_Intf {
   // --- Clients ------------------------------------------------------------------------------------------------------
 
   bool addClient(ClientTable_Entry_T const& entry) override;
+  bool hasRoomFor(ClientTable_Entry_T const& entry, std::string const& replaced_port) override;
   bool deleteClient(ClientTable_Field_T const& type, std::string const& value) override;
   bool appendClientField(ClientTable_Field_T const& type, std::string const& value, ClientTable_Field_T const& field,
                          std::string const& text) override;

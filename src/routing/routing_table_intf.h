@@ -11,6 +11,8 @@ class IMS_Proxy_RoutingTable_Intf {
  public:
   virtual ~IMS_Proxy_RoutingTable_Intf() = default;
   virtual bool addClient(ClientTable_Entry_T const& entry) = 0;
+  /// Whether the bounds would take the entry in the place of the one that the user agent with this port has now.
+  virtual bool hasRoomFor(ClientTable_Entry_T const& entry, std::string const& replaced_port) = 0;
   virtual bool deleteClient(ClientTable_Field_T const& type, std::string const& value) = 0;
   virtual bool appendClientField(ClientTable_Field_T const& type, std::string const& value,
                                  ClientTable_Field_T const& field, std::string const& text) = 0;

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <new>
+#include <random>
 
 #include "fakes.h"
 #include "registrar/ext_client.h"
@@ -476,6 +479,67 @@ TEST_F(DomainTest, WithoutMemoryForADocumentNothingIsSent) {
   no_memory = false;
   EXPECT_TRUE(log.has(4, "IMSE_REG: set_subscriber: memory allocation failed"));
   EXPECT_EQ(domain->notify_state(), IMSE_Domain::NOTHING_SENT);
+}
+
+// --- Who competes with whom
+
+TEST_F(DomainTest, WantsWhatAComparisonOfEachClientWithTheNewOneFinds) {
+  constexpr int kSteps = 4000;
+  constexpr unsigned kSeed = 20261121;
+  std::printf("%d random clients, seed %u\n", kSteps, kSeed);
+  IMS_log::set_level(3);
+  std::mt19937 engine(kSeed);
+  const auto below = [&engine](int limit) { return std::uniform_int_distribution<int>(0, limit - 1)(engine); };
+  const auto word = [&below](const std::string& kind, int many) { return kind + std::to_string(below(many)); };
+  // Tags and events of the same texts, addresses that begin or end like others.
+  const auto random_client = [&](std::uint32_t id) {
+    std::string aors;
+    for (int left = below(4); left > 0; --left) {
+      std::string capabilities;
+      for (int tags = below(4); tags > 0; --tags) {
+        capabilities += "<feature-tag>" + word(below(4) == 0 ? "e" : "t", 30) + "</feature-tag>";
+      }
+      std::string events;
+      for (int more = std::max(0, below(5) - 2); more > 0; --more) {
+        events += (events.empty() ? "" : below(4) == 0 ? ",," : ",") + word("e", 60);
+      }
+      if (!events.empty()) capabilities += "<events>" + events + "</events>";
+      aors += aor(word("a", 12), capabilities);
+    }
+    const std::string text = uaInfo("home", aors);
+    auto body = std::make_unique<RegisterXmlData>(text.data(), static_cast<int>(text.size()));
+    EXPECT_EQ(body->parseXml(), 0);
+    return std::make_unique<IMSE_ExtClient>(std::move(body), id);
+  };
+  const auto compete = [](const IMSE_ExtClient& own, const IMSE_ExtClient& other) {
+    return other.get_aor() != nullptr &&
+           std::any_of(other.get_aor()->begin(), other.get_aor()->end(),
+                       [&own](const auto& one) { return own.match_routing_info(one.get()) == 1; });
+  };
+  std::vector<std::unique_ptr<IMSE_ExtClient>> present;
+  int found = 0;
+  for (int step = 0; step < kSteps && !HasFailure(); ++step) {
+    SCOPED_TRACE("step " + std::to_string(step));
+    auto one = random_client(static_cast<std::uint32_t>(step));
+    const bool expected =
+        std::any_of(present.begin(), present.end(), [&](const auto& own) { return compete(*own, *one); });
+    EXPECT_EQ(domain->is_client_exist(one.get()), expected);
+    found += expected;
+    // A re-registration is taken in although it competes. Grows to about ten and falls back to none.
+    if (present.size() < 10 && below(2) == 0) {
+      EXPECT_EQ(domain->add(one.get(), false), 0);
+      present.push_back(std::move(one));
+    }
+    for (int leaving = step % 200 == 199 ? 10 : below(8) == 0 ? 1 : 0; leaving > 0 && !present.empty(); --leaving) {
+      const auto gone = present.begin() + below(static_cast<int>(present.size()));
+      EXPECT_EQ(domain->remove(gone->get(), false), 0);
+      present.erase(gone);
+    }
+  }
+  for (const auto& one : present) domain->forget(one.get());
+  // Neither always nor never, or nothing was compared.
+  EXPECT_GT(found, kSteps / 10);
+  EXPECT_LT(found, kSteps * 9 / 10);
 }
 
 // --- More than one document can hold

@@ -194,6 +194,7 @@ class RoutingTable : public IMS_Proxy_RoutingTable_Intf {
   std::vector<std::string> operations;  ///< "add PORT", "delete PORT", "replace PORT", refused ones too
   bool refuse = false;
   bool refuse_aors = false;  ///< of replaceClientField
+  bool full = false;         ///< nothing may take the place of anything
 
   bool addClient(ClientTable_Entry_T const& entry) override {
     operations.push_back("add " + entry.ua_port);
@@ -202,6 +203,10 @@ class RoutingTable : public IMS_Proxy_RoutingTable_Intf {
       if (known.ua_port == entry.ua_port) return false;
     entries.push_back(entry);
     return true;
+  }
+  bool hasRoomFor(ClientTable_Entry_T const&, std::string const& replaced_port) override {
+    EXPECT_NE(entry(replaced_port), nullptr);
+    return !full;
   }
   bool deleteClient(ClientTable_Field_T const& type, std::string const& value) override {
     EXPECT_EQ(type, CT_UA_PORT);

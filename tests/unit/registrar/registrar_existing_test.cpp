@@ -333,6 +333,20 @@ TEST_F(RegistrarExistingTest, AddressesThatTheTableDoesNotTakeAreRefusedAndEvery
   EXPECT_EQ(registrar->domains()[0]->clients(), std::vector<IMSE_ExtClient*>{&external()});
 }
 
+TEST_F(RegistrarExistingTest, AnEntryThatTheTableHasNoRoomForIsRefusedAndEverythingStays) {
+  EXPECT_EQ(status({}), 200);
+  table.full = true;
+  EXPECT_EQ(status({.from = "sip:alice-with-a-longer-name@home.net", .call_id = "call-2"}), 400);
+  EXPECT_EQ(status({.port = 5079, .call_id = "call-3"}), 400);
+  EXPECT_EQ(table.operations, Texts{"add 5070"});
+  ASSERT_EQ(table.entries.size(), 1u);
+  EXPECT_EQ(table.entries[0].uri, "sip:alice@home.net");
+  EXPECT_EQ(clientCount(), 1u);
+  EXPECT_EQ(registrar->domains()[0]->clients(), std::vector<IMSE_ExtClient*>{&external()});
+  EXPECT_EQ(status({.cseq = 2, .expires = "0"}), 200);
+  EXPECT_TRUE(table.entries.empty());
+}
+
 TEST_F(RegistrarExistingTest, AMoveThatCannotBeAnsweredDoesNotHappen) {
   EXPECT_EQ(status({}), 200);
   Register moved{.port = 5079, .call_id = "call-2"};

@@ -561,6 +561,104 @@ TEST_F(RegistrarTest, AProfileThatEmptiedWhileTheWatcherWasSilentIsToldWithItsDe
   framework::setBounds(before);
 }
 
+namespace {
+
+/// Room for two user agents as number() makes them, and for no third: one bound, the others are far.
+struct Total {
+  const char* setting;
+  std::size_t framework::Bounds::*bound;
+  std::size_t value;
+};
+const Total kTotals[] = {{"max-aors", &framework::Bounds::aors, 4},
+                         {"max-feature-tags", &framework::Bounds::feature_tags, 6},
+                         {"max-feature-tag-bytes", &framework::Bounds::feature_tag_bytes, 30},
+                         {"max-text-bytes", &framework::Bounds::text_bytes, 80}};
+
+/// An external user agent with 2 addresses, 3 feature tags of 15 bytes in all, and 40 bytes of other texts.
+fake::Register number(int n, const std::string& call = "call") {
+  const std::string name = std::to_string(n);
+  fake::Register one{.port = 7000 + n, .from = "sip:u" + name + "@home.net", .call_id = call + name};
+  one.body = fake::uaInfo(
+      "home", fake::aor("a" + name + "@h.net", "<feature-tag>one-" + name + "</feature-tag><feature-tag>two-" + name +
+                                                   "</feature-tag>" + "<feature-tag>six-" + name +
+                                                   "</feature-tag><events>ev" + name + "</events>") +
+                  fake::aor("b" + name + "@h.net", "<methods>BYE</methods><events>x" + name + "..</events>"));
+  return one;
+}
+
+}  // namespace
+
+class RegistrarTotals : public RegistrarTest, public ::testing::WithParamInterface<Total> {
+ protected:
+  RegistrarTotals() {
+    framework::Bounds few;
+    few.*GetParam().bound = GetParam().value;
+    framework::setBounds(few);
+  }
+  ~RegistrarTotals() override { framework::setBounds(before_); }
+
+  /// Registers and gives the setting that kept it out, nothing when none did.
+  std::string refused(const Register& message) {
+    const LogCapture log(4);
+    const int code = status(message);
+    if (code == 200) return {};
+    EXPECT_EQ(code, 400);
+    const std::string begin = "IMSE_REG: Content above ";
+    for (const std::string& line : log.texts()) {
+      if (line.starts_with(begin)) return line.substr(begin.size(), line.find(':', begin.size()) - begin.size());
+    }
+    return "another reason";
+  }
+
+ private:
+  const framework::Bounds before_ = framework::bounds();
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, RegistrarTotals, ::testing::ValuesIn(kTotals));
+
+TEST_P(RegistrarTotals, WhatAllTogetherMayBringIsKeptAndWhatIsAboveIsAnswered400) {
+  EXPECT_EQ(refused(number(1)), "");
+  EXPECT_EQ(refused(number(2)), "");
+  EXPECT_EQ(refused(number(3)), GetParam().setting);
+  EXPECT_EQ(clientCount(), 2u);
+  EXPECT_EQ(table.entries.size(), 2u);
+}
+
+TEST_P(RegistrarTotals, WhoLeavesOrIsRefusedGivesItsShareBack) {
+  EXPECT_EQ(refused(number(1)), "");
+  // Refused for its event, with a body that counted until then.
+  Register same = number(2);
+  const std::size_t at = same.body.find("<events>ev2");
+  same.body.replace(at, 11, "<events>ev1");
+  EXPECT_EQ(status(same), 403);
+  EXPECT_EQ(refused(number(2)), "");
+  Register gone = number(1);
+  gone.cseq = 2;
+  gone.expires = "0";
+  gone.body.clear();
+  EXPECT_EQ(status(gone), 200);
+  EXPECT_EQ(refused(number(3)), "");
+  EXPECT_EQ(refused(number(4)), GetParam().setting);
+}
+
+TEST_P(RegistrarTotals, WhoRegistersAnewCountsOnce) {
+  EXPECT_EQ(refused(number(1)), "");
+  EXPECT_EQ(refused(number(2)), "");
+  for (int again = 0; again < 3; ++again) {
+    EXPECT_EQ(refused(number(1, "again" + std::to_string(again) + "-")), "");
+  }
+  EXPECT_EQ(clientCount(), 2u);
+  EXPECT_EQ(refused(number(3)), GetParam().setting);
+  // With more than before it would be above: what was there stays.
+  Register more = number(1, "more-");
+  more.from += "/abc";
+  const std::size_t at = more.body.find("</ua-info>");
+  more.body.insert(at, fake::aor("c@h.net", "<feature-tag>further</feature-tag>"));
+  EXPECT_EQ(refused(more), GetParam().setting);
+  ASSERT_NE(table.entry("7001"), nullptr);
+  EXPECT_EQ(table.entry("7001")->aors.size(), 2u);
+}
+
 TEST_F(RegistrarTest, MoreRegistrationsOfOnePortThanThereAreEntriesLeaveNothingBehind) {
   for (std::size_t i = 0; i <= framework::bounds().routing_entries; ++i) {
     ASSERT_EQ(status({.call_id = "c" + std::to_string(i), .cseq = 1}), 200);

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "framework/bounds.h"
 #include "routing_fixture.h"
 
 namespace {
@@ -640,6 +641,35 @@ TEST_F(RoutingTable, AClientIsFoundByItsConnection) {
   add(client("6003"));
   EXPECT_EQ(table.findClient_Connection(nullptr), "");
   EXPECT_TRUE(log.has(4, "Returning: Empty client key as conn=NULL"));
+}
+
+TEST_F(RoutingTable, SaysBeforehandWhetherAnEntryHasRoomInThePlaceOfAnother) {
+  const framework::Bounds before = framework::bounds();
+  framework::Bounds few;
+  few.text_bytes = 20;
+  framework::setBounds(few);
+  ClientTable_Entry_T one = client("6001", {"ab@x"}), other = client("6002", {"cd@x"});
+  one.uri = "sip:a";
+  other.uri = "sip:b";
+  add(one);
+  add(other);  // 2 bytes are left
+  one.uri = "sip:abc";
+  EXPECT_TRUE(table.hasRoomFor(one, "6001"));
+  EXPECT_FALSE(table.hasRoomFor(one, "6003"));  // in nobody's place
+  EXPECT_FALSE(table.addClient([&one] {
+    ClientTable_Entry_T third = one;
+    third.ua_port = "6003";
+    return third;
+  }()));
+  one.uri = "sip:abcd";
+  LogCapture log(4);
+  EXPECT_FALSE(table.hasRoomFor(one, "6001"));
+  EXPECT_EQ(log.texts(), std::vector<std::string>{"the clients in the table would go above max-text-bytes"});
+  // What it says holds: asked first, nothing is lost.
+  one.uri = "sip:abc";
+  EXPECT_TRUE(table.deleteClient(CT_UA_PORT, "6001"));
+  EXPECT_TRUE(table.addClient(one));
+  framework::setBounds(before);
 }
 
 }  // namespace

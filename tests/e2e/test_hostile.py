@@ -1,5 +1,6 @@
 """The hostile load of `./dev hostile` in small, for what must hold at any speed: every call of the good client goes
 through, and the proxy is afterwards what it was before."""
+import itertools
 import os
 import sys
 import unittest
@@ -52,9 +53,15 @@ class Hostile(unittest.TestCase):
             scene.close()
 
     def test_inputs_that_are_hard_to_read_are_read(self):
-        inputs = scenario.Inputs()
+        self.read_all(scenario.Inputs(), worst_case.all_inputs())
+
+    def test_they_are_read_while_much_is_registered_that_is_hard_to_search(self):
+        inputs = scenario.Inputs(worst=itertools.islice(worst_case.registrations(), 64))
+        self.read_all(inputs, [*worst_case.searches(), *itertools.islice(worst_case.all_inputs(), 0, None, 3)])
+
+    def read_all(self, inputs, list_of):
         try:
-            for number, (name, side, transport, data) in enumerate(worst_case.all_inputs()):
+            for number, (name, side, transport, data) in enumerate(list_of):
                 stream = inputs.send(side, transport, data)
                 if stream:
                     stream.close()

@@ -50,22 +50,34 @@ def many_connections(scene, quick):
     yield "2,000 slow connections, 2,200 allowed", lambda: scene.slow(2000, 3 if quick else 30)
 
 
-def single_inputs(results):
+def single_inputs(results, memory):
     import scenario
     import worst_case
-    for clients in (0, 98):
-        inputs = scenario.Inputs(clients)
+    worst = list(worst_case.registrations())
+    for name, clients, registered in (("2 user agents", 0, []), ("100 user agents", 98, []),
+                                      (f"{len(worst) + 2} user agents with all that they may bring", 0, worst)):
+        inputs = scenario.Inputs(clients, registered)
         found = []
         try:
-            for name, side, transport, data in worst_case.all_inputs():
+            for title, side, transport, data in worst_case.all_inputs():
                 cost = inputs.cost_ms(side, transport, data)
                 # What looks expensive may have been disturbed: the machine does other work too.
                 if cost > INPUT_MS / 2:
                     cost = min(cost, inputs.cost_ms(side, transport, data, 7))
-                found.append({"input": name, "side": side, "transport": transport, "bytes": len(data), "ms": cost})
+                found.append({"input": title, "side": side, "transport": transport, "bytes": len(data), "ms": cost})
+            full = inputs.proxy.resident_kib()
+            for coming, (port, user, body) in zip(inputs.registering, registered):
+                leaving = inputs.leaving_ms(port, user)
+                if max(coming, leaving) > INPUT_MS / 2:
+                    coming = min(coming, inputs.coming_ms(port, user, body))
+                    leaving = min(leaving, inputs.leaving_ms(port, user))
+                for title, size, cost in (("registers", len(body), coming), ("leaves", 0, leaving)):
+                    found.append({"input": f"{user} {title}", "side": "local", "transport": "UDP", "bytes": size,
+                                  "ms": cost})
+            memory[name] = [full, inputs.proxy.resident_kib()]
         finally:
             inputs.close()
-        results[f"{clients + 2} user agents"] = sorted(found, key=lambda one: -one["ms"])
+        results[name] = sorted(found, key=lambda one: -one["ms"])
 
 
 def judge(results):
@@ -132,6 +144,8 @@ def tables(results):
         rows += [[f"{one['input']} ({clients})", one["side"], one["transport"], f"{one['bytes']}", f"{one['ms']:.2f}"]
                  for one in found[:5]]
     parts.append(report.grid(rows))
+    parts.append("\n".join(f"{name}: {full / 1024:.1f} MiB resident, {after / 1024:.1f} when those of the list have left"
+                           for name, (full, after) in results["memory_kib"].items()))
     rows = [["promise", "found", "limit", ""]]
     rows += [[what, found, limit, "kept" if kept else "BROKEN"] for what, found, limit, kept in judge(results)]
     parts.append(report.grid(rows))
@@ -149,11 +163,11 @@ def machine():
 def inside(arguments):
     import scenario
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
-    results = {"machine": machine(), "inputs": {}, "attacks": []}
+    results = {"machine": machine(), "inputs": {}, "memory_kib": {}, "attacks": []}
     quiet = 3 if arguments.quick else 10
     if not arguments.only:
         progress("single inputs")
-        single_inputs(results["inputs"])
+        single_inputs(results["inputs"], results["memory_kib"])
     for list_of, settings, cap in ((attacks, "", PEAK_MIB),
                                    (many_connections, "<max-connections>2200</max-connections>"
                                     "<head-timeout-s>3600</head-timeout-s>", PEAK_MANY_MIB)):

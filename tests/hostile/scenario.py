@@ -338,20 +338,22 @@ class Inputs:
             ask(sip.register(port, sip.ua_info("home", f"{user}@example.net", methods="INVITE,MESSAGE",
                                                tags=[f"+g.feature.{user}", "+g.oma.sip-im"]), user=user, via=peer.via))
         ask(sip.route_command(peer.via, sip.route_body("set-route", "1", "127.0.0.3:UDP:5060", "127.0.0.2")))
-        self.registering = []
-        for port, user, body in worst:
-            before = self.processor_ms()
-            ask(sip.register(port, body, user=user, via=peer.via))
-            self.registering.append(self.processor_ms() - before)
+        self.registering = [self.coming_ms(*one) for one in worst]
         self.readers = [sip.Udp(5071), sip.Udp(5072), sip.Udp(5060, "127.0.0.3"), *self.senders.values()]
+
+    def coming_ms(self, port, user, body, cseq=1, expires=3600):
+        """What a registration costs."""
+        peer = self.senders["local"]
+        before = self.processor_ms()
+        peer.send(sip.register(port, body, user=user, via=peer.via, cseq=cseq, expires=expires))
+        answer = peer.receive(10)
+        if answer.status != 200:
+            raise AssertionError(f"refused: {answer.raw}")
+        return self.processor_ms() - before
 
     def leaving_ms(self, port, user):
         """What the de-registration of one of `worst` costs."""
-        before = self.processor_ms()
-        self.senders["local"].send(sip.register(port, "", user=user, via=self.senders["local"].via, cseq=2, expires=0))
-        if self.senders["local"].receive(10).status != 200:
-            raise AssertionError("not de-registered")
-        return self.processor_ms() - before
+        return self.coming_ms(port, user, "", 2, 0)
 
     def processor_ms(self):
         """When it has nothing more to do."""

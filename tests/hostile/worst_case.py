@@ -10,8 +10,9 @@ PARAMETERS = 64
 
 
 # What registrations may bring at most, with the default settings.
-USER_AGENTS = 256
+USER_AGENTS = 254  # beside the two that are always there
 TAGS = 600
+TAG = 256  # bytes of the longest
 AORS = 8
 TEXT = 7900
 TOTAL_TEXT = 500 * 1024
@@ -24,7 +25,7 @@ def registrations():
     text_left = TOTAL_TEXT
     for number in range(USER_AGENTS):
         if number % 4 == 3:  # a long chain of beginnings
-            tags = ["a" * (1 + n % 64) for n in range(TAGS)]
+            tags = ["a" * (1 + n % 64) for n in range(TAGS - 1)] + ["a" * TAG]
         else:  # pieces of one text, each stored once, the longer ones beginning with the shorter
             tags = [TAGGED[start:start + 14 + 4 * step] for step in range(10)
                     for start in range(number * 54, number * 54 + TAGS // 10)]

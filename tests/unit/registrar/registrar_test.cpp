@@ -572,9 +572,9 @@ struct Total {
 const Total kTotals[] = {{"max-aors", &framework::Bounds::aors, 4},
                          {"max-feature-tags", &framework::Bounds::feature_tags, 6},
                          {"max-feature-tag-bytes", &framework::Bounds::feature_tag_bytes, 30},
-                         {"max-text-bytes", &framework::Bounds::text_bytes, 80}};
+                         {"max-text-bytes", &framework::Bounds::text_bytes, 82}};
 
-/// An external user agent with 2 addresses, 3 feature tags of 15 bytes in all, and 40 bytes of other texts.
+/// An external user agent with 2 addresses, 3 feature tags of 15 bytes in all, and 41 bytes of other texts.
 fake::Register number(int n, const std::string& call = "call") {
   const std::string name = std::to_string(n);
   fake::Register one{.port = 7000 + n, .from = "sip:u" + name + "@home.net", .call_id = call + name};

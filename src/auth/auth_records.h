@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-/// What is kept of one domain's challenges, in bytes of header text together; how many is a setting (bounds.h). The
-/// oldest give way to a new one; one that is larger by itself is refused. A network has a handful of realms and some
-/// hundred bytes each. Measured at 70 us per KiB of challenge, the bytes keep a hostile network's answers under 3 ms a
-/// request.
-constexpr std::size_t kMaxChallengeBytes = std::size_t{32} * 1024;
+/// The largest challenge that is kept, in bytes of header text; how many are kept is a setting (bounds.h). A digest
+/// challenge has some hundred bytes. What strangers make up cannot be larger, and an answer is little longer than its
+/// challenge (twice where all of it must be escaped): with kMaxCredentials that is what one request can grow by. At
+/// 70 us per KiB of challenge, as measured, the answers to one request take little more than 1 ms.
+constexpr std::size_t kMaxChallengeSize = std::size_t{2} * 1024;
 
 /// The most credentials that are added to one request. Strangers can make the store full of challenges; the youngest
 /// are the ones that the network still asks for.

@@ -30,8 +30,8 @@ class IMS_Proxy_Authenticate {
   // one that does not exist does no harm.
 
   /// Appends a challenge; whether there is one of its kind and realm is not looked at. The domain's first takes its
-  /// user name and password from the routing table, for good. Where the domain has as many as it may, the oldest give
-  /// way, with one line each. Refused with one line when the table has no such domain or the challenge is too large.
+  /// user name and password from the routing table, for good. Where the domain has as many as it may, the oldest
+  /// gives way, with one line. Refused with one line when the table has no such domain or the challenge is too large.
   void create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type, std::string realm,
                         std::string nonce);
   /// The first challenge of that kind and realm (the realm with its quotes).
@@ -118,8 +118,8 @@ class IMS_Proxy_Authenticate {
   Client_Info_T* client_at(const std::string& domain_key, int client_index);
   Auth_Hdrs_T* challenge_at(const std::string& domain_key, int auth_index);
   std::size_t challenge_count(const std::string& domain_key) const;
-  /// The challenge of that position has come (again) with this text, of at most kMaxChallengeBytes: it is the youngest
-  /// now, and the oldest give way to it where the domain has more than it may. Positions change.
+  /// The challenge of that position has come (again) with this text, of at most kMaxChallengeSize: it is the youngest
+  /// now, and the oldest gives way to it where the domain has more than it may. Positions change then.
   void keep_challenge(const std::string& domain_key, std::size_t position, const std::string& auth_hdr);
 
   std::map<std::string, Auth_Info_T> store_;

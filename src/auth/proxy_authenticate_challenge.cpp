@@ -166,7 +166,7 @@ bool IMS_Proxy_Authenticate::update_auth_info_for_response(SIPLIB_SIPTransportCo
   if (check_if_auth_hdr_present(domain_key, type, realm, index)) {
     IMS_log::loginfo(5, __func__, "Auth Header is already present in Proxy - auth index %d", index);
     update_nonce(domain_key, index, nonce);
-    if (auth_hdr.size() > kMaxChallengeBytes) {
+    if (auth_hdr.size() > kMaxChallengeSize) {
       IMS_log::loginfo(4, __func__, "New challenge of %zu bytes is not kept, domain %s realm %s", auth_hdr.size(),
                        domain_key.c_str(), realm.c_str());
       return false;
@@ -253,15 +253,13 @@ bool IMS_Proxy_Authenticate::update_proxy_auth_info(SIPLIB_SIPTransportConnectio
   // The client answered as many challenges as are known: each of its answers is made again where possible. Not without
   // end: all of them may name one nonce, that of the largest challenge.
   std::size_t made = 0;
-  std::size_t bytes = 0;
   const auto answer_again = [&](Auth_T kind, std::vector<std::string>& values) {
     for (std::string& value : values) {
       IMS_log::loginfo(5, "update_proxy_auth_info", "Headers to be replaced is %s", value.c_str());
-      if (made == kMaxCredentials || bytes >= kMaxChallengeBytes) continue;
+      if (made == kMaxCredentials) continue;
       std::string answer;
       if (!replace_auth_hdrs(request, domain_key, kind, value.c_str(), answer, client_index)) continue;
       ++made;
-      bytes += answer.size();
       value = std::move(answer);
     }
   };

@@ -69,7 +69,7 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
   IMS_log::loginfo(5, __func__, "Create Auth entry for domain %s,auth hdr %s,type %d,realm %s nonce %s",
                    domain_key.c_str(), auth_hdr.c_str(), static_cast<int>(type), realm.c_str(), nonce.c_str());
   // Refused before an entry is made: of a domain with an entry but no challenge, clients' own credentials would go.
-  if (auth_hdr.size() > kMaxChallengeBytes) {
+  if (auth_hdr.size() > kMaxChallengeSize) {
     IMS_log::loginfo(4, __func__, "Domain %s has %zu challenges already - one of %zu bytes is not kept, realm %s",
                      domain_key.c_str(), challenge_count(domain_key), auth_hdr.size(), realm.c_str());
     return;
@@ -273,17 +273,13 @@ void IMS_Proxy_Authenticate::keep_challenge(const std::string& domain_key, std::
   std::vector<Auth_Hdrs_T>& stored = store_[domain_key].auth_hdrs;
   stored[position].auth_hdr = auth_hdr;
   stored[position].last_seen = ++challenges_seen_;
-  std::size_t bytes = 0;
-  for (const Auth_Hdrs_T& challenge : stored) bytes += challenge.auth_hdr.size();
   // Anybody can make the network's side of the store full. What the network asks for again and again is young, and what
   // a stranger planted gives way to it.
-  while (stored.size() > framework::bounds().challenges || bytes > kMaxChallengeBytes) {
-    const auto oldest = std::min_element(stored.begin(), stored.end(), [](const Auth_Hdrs_T& a, const Auth_Hdrs_T& b) {
-      return a.last_seen < b.last_seen;
-    });
-    IMS_log::loginfo(4, __func__, "Domain %s has too many challenges - the oldest gives way, realm %s",
-                     domain_key.c_str(), oldest->realm.c_str());
-    bytes -= oldest->auth_hdr.size();
-    stored.erase(oldest);
-  }
+  if (stored.size() <= framework::bounds().challenges) return;
+  const auto oldest = std::min_element(stored.begin(), stored.end(), [](const Auth_Hdrs_T& a, const Auth_Hdrs_T& b) {
+    return a.last_seen < b.last_seen;
+  });
+  IMS_log::loginfo(4, __func__, "Domain %s has too many challenges - the oldest gives way, realm %s",
+                   domain_key.c_str(), oldest->realm.c_str());
+  stored.erase(oldest);
 }

@@ -1,5 +1,6 @@
 """Challenges of the network, answered on behalf of the user agents: scripted bytes, and kamailio as the judge."""
 import hashlib
+import itertools
 import re
 import unittest
 
@@ -85,11 +86,12 @@ class Scripted(ProxyCase):
         self.assertEqual(len(values), 2)
         self.assertTrue(all("nonce=\"own\"" not in value for value in values), values)
 
-    def stray(self, seen, number, status=401):
-        """A challenge that nobody asked for, from an address that is no network proxy's."""
+    def stray(self, seen, number, status=401, size=140):
+        """A challenge of so many bytes that nobody asked for, from an address that is no network proxy's."""
         name = "WWW-Authenticate" if status == 401 else "Proxy-Authenticate"
-        self.stranger.send(sip.response(seen, status, "Stray", headers=[
-            (name, f'Digest realm="stray {number}", nonce="{"s" * 100}"')]), ("127.0.0.2", 5060))
+        value = f'Digest realm="stray {number}", nonce="'
+        value += "s" * (size - len(value) - 1) + '"'
+        self.stranger.send(sip.response(seen, status, "Stray", headers=[(name, value)]), ("127.0.0.2", 5060))
         self.assertEqual(self.alice.receive().status, status)
 
     def realms(self, seen):
@@ -127,6 +129,36 @@ class Scripted(ProxyCase):
             self.assertLess(len(answered.raw) - plain, 8 * 512)
             self.challenge(seen, f'Digest realm="example.net", nonce="again{after}"')
             self.assertIn("example.net", self.realms(self.ask()))
+
+    def test_large_stray_challenges_neither_displace_the_real_one_nor_make_a_request_large(self):
+        self.stranger = self.udp(0, "127.0.0.9")
+        seen = self.ask()
+        plain = len(seen.raw)
+        numbers = itertools.count()
+
+        def strays(count, size):
+            for number in itertools.islice(numbers, count):
+                self.stray(seen, number, 407 if number % 3 == 0 else 401, size)
+
+        def real(nonce):
+            self.challenge(seen, f'Digest realm="example.net", nonce="{nonce}"')
+
+        def check(nonce, answers):
+            answered = self.ask()
+            values = [strict(value)[1] for value in answered.all("Authorization")]
+            found = [value["response"] for value in values if value["realm"] == "example.net"]
+            ha1 = md5("alice@example.net:example.net:wonderland")
+            self.assertEqual(found, [md5(f"{ha1}:{nonce}:{md5('MESSAGE:sip:x@example.net')}")], nonce)
+            self.assertEqual(len(self.realms(answered)), answers, nonce)
+            self.assertLess(len(answered.raw) - plain, 8 * 2560, nonce)
+
+        for count, size, answers in ((3, 15000, 1), (40, 15000, 1), (40, 2049, 1), (7, 2048, 8)):
+            real(f"before{count}x{size}")
+            strays(count, size)
+            check(f"before{count}x{size}", answers)
+        strays(100, 2048)
+        real("after")
+        check("after", 8)
 
     def test_a_clients_own_answers_to_other_realms_stay(self):
         seen = self.ask()
@@ -276,6 +308,7 @@ class OtherMode(Scripted):
     test_a_new_nonce_replaces_the_challenge_text = None
     test_a_clients_own_answer_to_an_unknown_nonce_stays = None
     test_stray_challenges_never_keep_the_real_one_from_being_answered = None
+    test_large_stray_challenges_neither_displace_the_real_one_nor_make_a_request_large = None
     test_whatever_the_request_uri_is_the_answer_is_whole = None
     test_a_clients_own_answers_to_other_realms_stay = None
 

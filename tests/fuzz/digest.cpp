@@ -208,10 +208,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   if (const Auth_Info_T* info = auth.auth_info(domain)) {
-    std::size_t bytes = 0;
-    for (const Auth_Hdrs_T& challenge : info->auth_hdrs) bytes += challenge.auth_hdr.size();
-    PROMISE(info->auth_hdrs.size() <= framework::bounds().challenges && bytes <= kMaxChallengeBytes &&
-            info->clients.size() <= 1);
+    for (const Auth_Hdrs_T& challenge : info->auth_hdrs) PROMISE(challenge.auth_hdr.size() <= kMaxChallengeSize);
+    PROMISE(info->auth_hdrs.size() <= framework::bounds().challenges && info->clients.size() <= 1);
   }
   IMS_Proxy_Authenticate::rt_ptr = nullptr;
   IMS_User_Agent::ua_connector = nullptr;

@@ -21,9 +21,18 @@ std::string own(const std::string& nonce, const std::string& nc = "") {
   return value + R"(, response="0")";
 }
 
+/// The challenge made as long as said.
+std::string sized(const std::string& challenge, std::size_t size) {
+  const std::string padded = challenge + ", opaque=\"";
+  return padded + std::string(size - padded.size() - 1, 'o') + "\"";
+}
+
 /// A challenge that somebody else made up.
 std::string stray(int number) {
   return "Digest realm=\"stray " + std::to_string(number) + "\", nonce=\"s\"";
+}
+std::string stray(int number, std::size_t size) {
+  return sized(stray(number), size);
 }
 
 // --- Responses
@@ -287,56 +296,50 @@ TEST_F(Authenticate, OfOneRealmInSeveralSpellingsTheYoungestIsAnswered) {
   EXPECT_EQ(values("Proxy-Authorization"), Texts{kPlainAnswer});
 }
 
-TEST_F(Authenticate, TheTextOfADomainsChallengesIsBounded) {
-  const auto sized = [](const std::string& realm, std::size_t bytes) {
-    return "Digest realm=\"" + realm + "\", nonce=\"" + std::string(bytes, 'n') + "\"";
-  };
-  const auto realms = [&] {
-    Texts result;
-    std::size_t bytes = 0;
-    for (const Auth_Hdrs_T& stored : auth.auth_info(home)->auth_hdrs) {
-      result.push_back(stored.realm);
-      bytes += stored.auth_hdr.size();
-    }
-    EXPECT_LE(bytes, kMaxChallengeBytes);
-    return result;
-  };
-  const struct LargeHeads {
-    LargeHeads() {
-      siplib::Limits large = usual;
-      large.max_head = 2 * kMaxChallengeBytes;
-      siplib::setLimits(large);
-    }
-    ~LargeHeads() { siplib::setLimits(usual); }
-    siplib::Limits usual = siplib::limits();
-  } large_heads;
+TEST_F(Authenticate, AStrangersLargeChallengesDisplaceNothingAndMakeNoRequestLarge) {
+  ASSERT_TRUE(challenge(401, kPlain));
+  const Auth_Info_T* const stored = auth.auth_info(home);
   LogCapture log(4);
-  EXPECT_TRUE(challenge(401, sized("a", 15000)));
-  EXPECT_TRUE(challenge(401, sized("b", 15000)));
-  EXPECT_TRUE(challenge(401, sized("c", 1000)));
-  EXPECT_TRUE(challenge(401, sized("a", 15001)));  // what it replaces does not count
-  EXPECT_EQ(log.count(4), 0);
-  EXPECT_TRUE(challenge(401, sized("d", 15000)));
-  EXPECT_EQ(log.count(4), 1);
-  EXPECT_EQ(realms(), (Texts{"\"a\"", "\"c\"", "\"d\""}));
-  EXPECT_TRUE(challenge(401, sized("c", 15000)));  // a known realm's text may grow at the cost of older ones
-  EXPECT_EQ(realms(), (Texts{"\"c\"", "\"d\""}));
-  EXPECT_EQ(log.count(4), 2);
-  EXPECT_FALSE(challenge(401, sized("c", kMaxChallengeBytes)));
-  EXPECT_FALSE(challenge(401, sized("e", kMaxChallengeBytes)));
-  EXPECT_EQ(realms(), (Texts{"\"c\"", "\"d\""}));
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].auth_hdr, sized("c", 15000));
-  EXPECT_TRUE(log.has(4, "New challenge of " + std::to_string(sized("c", kMaxChallengeBytes).size()) +
-                             " bytes is not kept, domain " + home + " realm \"c\""));
-  EXPECT_EQ(log.count(4), 4);
+  for (const std::size_t size : {kMaxChallengeSize + 1, std::size_t{15000}}) {
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(challenge(401, stray(i, size)));
+    EXPECT_FALSE(challenge(401, sized(kPlain, size)));  // nor does one of a known realm take its place
+    EXPECT_TRUE(log.has(4, "Domain " + home + " has 1 challenges already - one of " + std::to_string(size) +
+                               " bytes is not kept, realm \"stray 2\""));
+    EXPECT_TRUE(log.has(4, "New challenge of " + std::to_string(size) + " bytes is not kept, domain " + home +
+                               " realm \"home.example\""));
+    set_request(request);
+    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+    EXPECT_EQ(values("Authorization"), Texts{kPlainAnswer});
+  }
+  EXPECT_EQ(log.count(4), 8);
+  // The largest that are kept: as many as others, and the eight answers are little larger than they.
+  for (std::size_t i = 1; i < framework::bounds().challenges; ++i) {
+    EXPECT_TRUE(challenge(401, stray(static_cast<int>(i), kMaxChallengeSize)));
+  }
+  EXPECT_TRUE(challenge(401, sized(kPlain, kMaxChallengeSize)));
+  EXPECT_EQ(log.count(4), 8);
+  EXPECT_EQ(stored->auth_hdrs.size(), framework::bounds().challenges);
+  EXPECT_EQ(stored->auth_hdrs[0].auth_hdr, sized(kPlain, kMaxChallengeSize));
+  set_request(request);
+  const std::size_t plain = request.current().size();
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+  EXPECT_EQ(values("Authorization").size(), kMaxCredentials);
+  EXPECT_LT(request.current().size() - plain, kMaxCredentials * (kMaxChallengeSize + 512));
+}
+
+TEST_F(Authenticate, AnAnswerIsAtMostTwiceAsLargeAsItsChallenge) {
+  const std::string nonce = "Digest realm=\"r\", nonce=";
+  ASSERT_TRUE(challenge(401, nonce + std::string(kMaxChallengeSize - nonce.size(), '\\')));  // all to be escaped
   set_request(request);
   EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
-  EXPECT_EQ(values("Authorization").size(), 2U);
+  ASSERT_EQ(values("Authorization").size(), 1U);
+  EXPECT_GT(values("Authorization")[0].size(), 2 * kMaxChallengeSize - 64);
+  EXPECT_LT(values("Authorization")[0].size(), 2 * kMaxChallengeSize + 256);
 }
 
 TEST_F(Authenticate, AFirstChallengeThatIsNotKeptLeavesClientsTheirOwnCredentials) {
   LogCapture log(4);
-  auth.create_auth_info(home, "Digest realm=\"r\", nonce=\"" + std::string(kMaxChallengeBytes, 'n') + "\"", AUTH_WWW,
+  auth.create_auth_info(home, "Digest realm=\"r\", nonce=\"" + std::string(kMaxChallengeSize, 'n') + "\"", AUTH_WWW,
                         "\"r\"", "\"n\"");
   EXPECT_EQ(log.count(4), 1);
   EXPECT_EQ(auth.auth_info(home), nullptr);
@@ -527,10 +530,9 @@ TEST_F(Authenticate, AnAnswerOfTheClientsOwnToAKnownNonceIsMadeAgain) {
 }
 
 TEST_F(Authenticate, NoMoreThanEightAnswersOfTheClientsOwnAreMadeAgain) {
-  for (const std::size_t padding : {0U, 12000U}) {
-    SCOPED_TRACE(padding);
-    const std::string large = kPlain + ", opaque=\"" + std::string(padding, 'o') + "\"";
-    ASSERT_TRUE(challenge(401, large));
+  for (const std::string& known : {kPlain, sized(kPlain, kMaxChallengeSize)}) {
+    SCOPED_TRACE(known.size());
+    ASSERT_TRUE(challenge(401, known));
     FakeHeaders headers = {{"Authorization", own("n1")}};
     for (int i = 0; headers.size() < 20; ++i) {
       ASSERT_TRUE(challenge(407, stray(i)));
@@ -541,7 +543,7 @@ TEST_F(Authenticate, NoMoreThanEightAnswersOfTheClientsOwnAreMadeAgain) {
     const Texts all = values("Authorization");
     EXPECT_EQ(all.size(), 20U);
     const auto kept = static_cast<std::size_t>(std::count(all.begin(), all.end(), own("n1")));
-    EXPECT_EQ(20U - kept, padding == 0 ? kMaxCredentials : 3U);
+    EXPECT_EQ(20U - kept, kMaxCredentials);
     auth.delete_auth_info(home);
   }
 }

@@ -116,18 +116,19 @@ TEST_F(Authenticate, DeletingADomainOfTheTableDropsItsChallenges) {
   EXPECT_EQ(auth.auth_info(home), nullptr);
 }
 
-TEST_F(Authenticate, AChallengeBeyondAllRoomMakesNoOtherGiveWay) {
+TEST_F(Authenticate, AChallengeThatIsTooLargeIsRefused) {
   auth.create_auth_info(home, kChallenge, AUTH_WWW, "r", "n");
   LogCapture log(4);
-  const std::string huge(kMaxChallengeBytes + 1, 'x');
-  auth.create_auth_info(home, huge, AUTH_WWW, "huge", "n");
-  EXPECT_TRUE(log.has(4, "Domain " + home + " has 1 challenges already - one of " + std::to_string(huge.size()) +
-                             " bytes is not kept, realm huge"));
+  const std::string large(kMaxChallengeSize + 1, 'x');
+  auth.create_auth_info(home, large, AUTH_WWW, "large", "n");
+  EXPECT_TRUE(log.has(4, "Domain " + home + " has 1 challenges already - one of " + std::to_string(large.size()) +
+                             " bytes is not kept, realm large"));
   ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
   EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].realm, "r");
-  auth.create_auth_info(home, huge.substr(1), AUTH_WWW, "whole", "n");
-  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 1U);
-  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[0].realm, "whole");
+  auth.create_auth_info(home, large.substr(1), AUTH_WWW, "whole", "n");
+  ASSERT_EQ(auth.auth_info(home)->auth_hdrs.size(), 2U);
+  EXPECT_EQ(auth.auth_info(home)->auth_hdrs[1].realm, "whole");
+  EXPECT_EQ(log.count(4), 1);
 }
 
 // --- Clients

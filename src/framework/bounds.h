@@ -15,6 +15,9 @@ struct Bounds {
   std::size_t profiles = 64;
   /// Entries of user agents in the routing table. A further one is answered 400.
   std::size_t routing_entries = 1024;
+  /// Routes: domains of the routing table. They are walked for each route command and each message that names a
+  /// profile. A further one is not set.
+  std::size_t routes = 256;
   /// NOTIFYs that wait for the watcher to answer the one before. Above it they are dropped, and the watcher is told of
   /// every profile anew when it answers.
   std::size_t waiting_notifies = 256;

@@ -232,6 +232,7 @@ constexpr std::array kSettings{
     Setting{"max-clients", 1, 65536, [](Settings s, long v) { s.bounds.clients = count(v); }},
     Setting{"max-profiles", 1, 65535, [](Settings s, long v) { s.bounds.profiles = count(v); }},
     Setting{"max-routing-entries", 1, 65536, [](Settings s, long v) { s.bounds.routing_entries = count(v); }},
+    Setting{"max-routes", 1, 65536, [](Settings s, long v) { s.bounds.routes = count(v); }},
     Setting{"max-waiting-notifies", 1, 65536, [](Settings s, long v) { s.bounds.waiting_notifies = count(v); }},
     Setting{"max-challenges", 1, 1024, [](Settings s, long v) { s.bounds.challenges = count(v); }},
     Setting{"max-client-aors", 1, 65536, [](Settings s, long v) { s.bounds.client_aors = count(v); }},

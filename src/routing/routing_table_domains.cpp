@@ -6,6 +6,7 @@
 #include "auth/proxy_authenticate.h"
 #include "engine/engine_proxy.h"
 #include "engine/port_number.h"
+#include "framework/bounds.h"
 #include "framework/log.h"
 #include "framework/utility.h"
 #include "routing/routing_table_impl.h"
@@ -19,6 +20,11 @@ bool IMS_Proxy_RoutingTable_Impl::addDomain(Domain_Entry_T const& entry) {
   IMS_log::loginfo(5, __func__, "findDomain returning Domain key=%s", existing.c_str());
   if (!existing.empty()) {
     IMS_log::loginfo(4, __func__, "Domain already exists");
+    return false;
+  }
+  if (domains_.size() >= framework::bounds().routes) {
+    IMS_log::loginfo(4, __func__, "There are %zu routes already - one of profile %s is not set (max-routes)",
+                     domains_.size(), entry.profile_id.c_str());
     return false;
   }
   const std::string key = std::to_string(current_dom_tbl_key);

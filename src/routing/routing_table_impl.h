@@ -3,9 +3,9 @@
 // Keys are decimal texts of two class-wide counters, never given out twice; both tables are walked in string order of
 // the keys ("0", "1", "10", "2"), and "first" means first in that order. Searches of clients give what a walk over all
 // of them would, and cost little however much is registered (see client_index.h); domains, of which there is a handful,
-// are walked. All clients together stay within the bounds of their addresses, feature tags and texts: an operation that
-// would go above them is refused. The table sends nothing; it opens and closes TCP client connections through the
-// engine and drops authentication state with its client or domain. Loop thread only, no lock.
+// are walked. All clients together stay within the bounds of their addresses, feature tags and texts, domains within
+// that of routes; an operation that would go above is refused. The table sends nothing; it opens and closes TCP client
+// connections through the engine and drops authentication state with its client or domain. Loop thread only, no lock.
 #pragma once
 
 #include <map>

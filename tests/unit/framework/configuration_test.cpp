@@ -167,6 +167,7 @@ TEST_F(Configuration, StackSettingsAreTaken) {
             "<idle-timeout-s>0</idle-timeout-s><head-timeout-s>3</head-timeout-s>"
             "<t1-ms>50</t1-ms><t2-ms>400</t2-ms><t4-ms>500</t4-ms>"
             "<max-clients>8</max-clients><max-profiles>3</max-profiles><max-routing-entries>9</max-routing-entries>"
+            "<max-routes>6</max-routes>"
             "<max-waiting-notifies>4</max-waiting-notifies><max-challenges>5</max-challenges>"
             "<max-client-aors>11</max-client-aors><max-aors>12</max-aors>"
             "<max-client-feature-tags>13</max-client-feature-tags><max-feature-tags>14</max-feature-tags>"
@@ -189,6 +190,7 @@ TEST_F(Configuration, StackSettingsAreTaken) {
   EXPECT_EQ(bounds.clients, 8u);
   EXPECT_EQ(bounds.profiles, 3u);
   EXPECT_EQ(bounds.routing_entries, 9u);
+  EXPECT_EQ(bounds.routes, 6u);
   EXPECT_EQ(bounds.waiting_notifies, 4u);
   EXPECT_EQ(bounds.challenges, 5u);
   EXPECT_EQ(bounds.client_aors, 11u);

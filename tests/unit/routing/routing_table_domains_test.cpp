@@ -1,4 +1,5 @@
 #include "engine/engine_proxy.h"
+#include "framework/bounds.h"
 #include "routing_fixture.h"
 
 namespace {
@@ -65,6 +66,34 @@ TEST_F(RoutingTable, AKnownProfileIsNotAddedAgain) {
   EXPECT_EQ(table.domain(key)->domain.proxy_ip, "127.0.0.3");
   EXPECT_EQ(engine.notifiers.size(), 1U);
   EXPECT_EQ(add(domain("2")), next(key));
+}
+
+TEST_F(RoutingTable, AboveTheBoundADomainIsRefusedAndChangesNothing) {
+  const std::size_t most = framework::bounds().routes;
+  EXPECT_EQ(most, 256U);
+  std::string last;
+  for (std::size_t i = 0; i < most; ++i) last = add(domain("route " + std::to_string(i), "UDP"));
+  const std::string orphan = add(client("6001", {}, "one more"));
+  const std::size_t opened = engine.opened.size();
+  const std::size_t notifiers = engine.notifiers.size();
+  {
+    LogCapture log(4);
+    EXPECT_FALSE(table.addDomain(domain("one more")));
+    EXPECT_EQ(log.texts(), (Keys{"Returning empty domain key",
+                                 "There are 256 routes already - one of profile one more is not set (max-routes)"}));
+  }
+  EXPECT_EQ(table.findDomain(DT_PROFILE_ID, "one more"), "");
+  EXPECT_EQ(table.client(orphan)->domain_key, "");
+  EXPECT_EQ(engine.opened.size(), opened);
+  EXPECT_EQ(engine.notifiers.size(), notifiers);
+  EXPECT_EQ(engine.proxies.size(), most);
+
+  EXPECT_TRUE(table.deleteDomain(DT_PROFILE_ID, "route 7"));
+  const std::string key = add(domain("one more"));
+  EXPECT_EQ(key, next(last));  // the refused one took no key
+  EXPECT_EQ(table.client(orphan)->domain_key, key);
+  EXPECT_EQ(table.domain(key)->client_count, 1U);
+  EXPECT_FALSE(table.addDomain(domain("route 7")));
 }
 
 TEST_F(RoutingTable, ADomainLinksTheClientsOfItsProfileAndCountsThem) {

@@ -184,6 +184,19 @@ TEST_F(ClientConnectionTest, NoAnswerIs408After64T1) {
   EXPECT_EQ(before, udp->count());
 }
 
+TEST_F(ClientConnectionTest, A408OfOursNamesItsRequest) {
+  config.t1 = 1ms;
+  open();
+  SIPLIB_SIPClientConnection* connection = sent(udp);
+  ASSERT_TRUE(until([&] { return user.answers.size() == 1; }));
+  ASSERT_EQ(0, connection->receive());
+  const auto answer = connection->getSipMessageHandle();
+  ASSERT_TRUE(answer);
+  for (const char* name : {"Via", "From", "To", "Call-ID", "CSeq"}) {
+    EXPECT_EQ(udp->last()->header(name), answer->header(name)) << name;
+  }
+}
+
 TEST_F(ClientConnectionTest, NoAnswerOverTcpIs408Too) {
   config.t1 = 1ms;
   open();

@@ -1,5 +1,7 @@
 #include "siplib/client_tcp_transport.h"
 
+#include <sys/resource.h>
+
 #include "siplib/socket_fakes.h"
 
 namespace {
@@ -91,6 +93,36 @@ TEST_F(ClientTcpTransportTest, RefusedIsNullAndThePairUsableLater) {
   auto* transport = connect(destination);
   ASSERT_NE(nullptr, transport);
   EXPECT_TRUE(server.accept());
+}
+
+TEST_F(ClientTcpTransportTest, AllThatATurnOpensWithoutAListenerAreReadFromItsEnd) {
+  start();
+  Peer other = Peer::listening(at("127.0.0.1", 0));
+  std::vector<Peer> peers;
+  for (const Peer* each : {&server, &other}) {
+    const SocketAddress to = each->address();
+    ASSERT_NE(nullptr, stack->openClient("TCP", source.ip(), source.port(), to.ip(), to.port()));
+    peers.push_back(each->accept());
+    ASSERT_TRUE(peers.back().send(request("OPTIONS", "early")));
+  }
+  settle();
+  EXPECT_EQ(0u, layer->received.size());
+  stack->endTurn();
+  EXPECT_TRUE(until([&] { return layer->received.size() == 2; }));
+}
+
+TEST_F(ClientTcpTransportTest, WithoutDescriptorsAnOpeningFailsWithALineThatSaysSo) {
+  start();
+  rlimit before{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  auto* const refused = connect(destination);
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+  EXPECT_EQ(nullptr, refused);
+  EXPECT_EQ(1u,
+            log.count("4 connecting " + source.text() + " to " + destination.text() + " failed: Too many open files"));
+  EXPECT_NE(nullptr, connect(destination));
 }
 
 TEST_F(ClientTcpTransportTest, WhatIsNoEndpointIsNoSource) {
@@ -308,6 +340,21 @@ TEST_F(ClientTcpTransportTest, WhatWaitsWhileLostIsBoundedAndDroppedWhenThePeerI
   stack->closeLost(transport);
   EXPECT_FALSE(transport->isOpen());
   EXPECT_EQ(1u, log.count("that waited for the connection to"));
+}
+
+TEST_F(ClientTcpTransportTest, WhatWasDroppedDoesNotReachARestartedPeer) {
+  start();
+  auto* transport = connect(destination);
+  server.accept().close();
+  server.close();
+  EXPECT_EQ(transport, next<SIPLIB_SIPClientTcpTransport>("lost"));
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "dropped")));
+  stack->closeLost(transport);
+  EXPECT_EQ(1u, log.count("that waited for the connection to"));
+  serveAgain();
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "later")));
+  peer = server.accept();
+  EXPECT_TRUE(reads(peer, request("OPTIONS", "later")));
 }
 
 TEST_F(ClientTcpTransportTest, TheLossThatASendFindsIsToldAndTheMessageReachesTheRestartedPeer) {
@@ -532,13 +579,15 @@ TEST_F(ClientTcpTransportTest, WhatTheLocalEndpointSendsIsDroppedWhenTooMuchWait
   start();
   auto* transport = connect(source);
   // Nobody can be told to wait here: it is this process that sends.
-  layer->on_receive = [](const SIPLIB_message& message, siplib::Path& path) {
+  bool all_came = false;
+  layer->on_receive = [&](const SIPLIB_message& message, siplib::Path& path) {
     if (!message.isRequest()) return;
     for (std::size_t i = 0; i < 2 * siplib::ClientTcpTransport::kMostReceived; ++i)
       EXPECT_TRUE(path.send(answer(200, std::to_string(i))));
+    reactor.post([&] { all_came = true; });
   };
   EXPECT_EQ(0, sendText(transport, request("SUBSCRIBE", "mine")));
-  settle(50ms);
+  EXPECT_TRUE(until([&] { return all_came; }));
   EXPECT_EQ(siplib::ClientTcpTransport::kMostReceived, listener.count("response"));
   EXPECT_EQ(1u, log.count("message from the local endpoint dropped: too many wait already"));
   for (std::size_t i = 0; i < siplib::ClientTcpTransport::kMostReceived; ++i) {

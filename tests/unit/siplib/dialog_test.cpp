@@ -359,6 +359,21 @@ TEST_F(DialogTest, TheTargetFollowsARefreshThatIsAccepted) {
   EXPECT_EQ("sip:regua@127.0.0.1:5072", last("UDP 127.0.0.1:5072")->requestUri());
 }
 
+TEST_F(DialogTest, ARefreshThatNamesNoAddressLeavesTheTarget) {
+  const Request first = subscribe();
+  SIPLIB_SIPDialog* dialog = subscribed(first);
+  int cseq = 1;
+  for (const char* contact : {"", "Contact: <>\r\n", "Contact: *\r\n"}) {
+    Request refresh = within(first, ++cseq);
+    refresh.more = contact;
+    receive(refresh.text());
+    ASSERT_EQ(0, answer(user.requests.back(), 200));
+    notify(dialog);
+    EXPECT_EQ("sip:regua@127.0.0.1:5070", last()->requestUri()) << contact;
+    EXPECT_EQ(std::to_string(cseq - 1) + " NOTIFY", *last()->header("CSeq")) << contact;
+  }
+}
+
 TEST_F(DialogTest, ARequestOutOfOrderIsAnswered500) {
   const Request first = subscribe();
   subscribed(first);

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "siplib/socket_fakes.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -127,6 +129,32 @@ TEST_F(ReactorTest, ACallbackThatThrowsIsCalledAgain) {
   reactor.runOnce();
   EXPECT_EQ(2, calls);
   EXPECT_FALSE(readOne());
+}
+
+TEST_F(ReactorTest, AWatchThatWaitsAgainTakesNoMemoryForIt) {
+  constexpr std::size_t many = 100;
+  std::vector<siplib::FileDescriptor> ends;
+  std::vector<std::unique_ptr<Reactor::Watch>> watches(many);
+  std::size_t calls = 0;
+  for (std::size_t i = 0; i < many; ++i) {
+    ends.emplace_back(dup(pipe_[0]));
+    watches[i] = reactor.watch(
+        ends.back().get(),
+        [&, i] {
+          ++calls;
+          watches[i]->wantRead(false);
+        },
+        [] {});
+    ASSERT_TRUE(watches[i]);
+    watches[i]->wantRead(true);
+  }
+  reactor.poll();
+  const std::size_t before = socket_fakes::allocatedBytes();
+  write("a");
+  pollUntil([&] { return calls == many; });
+  ASSERT_TRUE(readOne());
+  for (const auto& watch : watches) watch->wantRead(true);
+  EXPECT_LT(socket_fakes::allocatedBytes(), before + 10 * many);
 }
 
 TEST_F(ReactorTest, AnEndedWatchIsNeverCalled) {

@@ -48,6 +48,24 @@ TEST(Scratch, ManyAtOnceDoNotDisturbEachOther) {
   for (int i = 0; i < 100; ++i) EXPECT_EQ(std::to_string(i), *texts[static_cast<std::size_t>(i)]);
 }
 
+TEST(Scratch, HasRoomOfItsOwnAfterItsThreadHasGivenUpWhatItKept) {
+  static bool own_room = false;
+  struct Late {
+    ~Late() {
+      std::string other;
+      other.reserve(512);
+      const Scratch text("late");
+      own_room = text == "late" && text.data() != other.data();
+    }
+  };
+  std::thread([] {
+    static thread_local const Late ends_last;
+    static_cast<void>(&ends_last);
+    const Scratch first_use;
+  }).join();
+  EXPECT_TRUE(own_room);
+}
+
 TEST(Scratch, IsAStringToEveryone) {
   Scratch text;
   text = "one";

@@ -164,8 +164,10 @@ TEST_F(ServerConnectionTest, AnAnswerMadeButNotSentInTimeIsNotSent) {
 TEST_F(ServerConnectionTest, OneNeverLetGoOfIsTakenBack) {
   config.t1 = 1ms;
   open();
+  const auto begin = std::chrono::steady_clock::now();
   ASSERT_NE(nullptr, take({}));
   ASSERT_TRUE(until([&] { return logged("3 requests taken back that their user never let go of"); }));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 640ms);
   EXPECT_TRUE(layer->close(user.requests.back()));
   layer->endTurn();
   EXPECT_FALSE(layer->close(user.requests.back()));

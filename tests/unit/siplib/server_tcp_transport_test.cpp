@@ -313,6 +313,24 @@ TEST_F(ServerTcpTransportTest, OrdinaryMessagesReachTheLayerOnlyFromTheLocalEndp
   EXPECT_EQ(1u, layer->received.size()) << "nobody in the network was asked anything by it";
 }
 
+TEST_F(ServerTcpTransportTest, AMessageThatFindsNoMemoryEndsItsConnectionAloneWithALine) {
+  open();
+  const SocketAddress local = openLocal();
+  layer->on_receive = [](const SIPLIB_message& message, siplib::Path&) {
+    if (message.header("Call-ID") == "ordinary dear") throw std::bad_alloc();
+  };
+  peer = Peer::connected(local);
+  const auto* transport = next<SIPLIB_SIPServerTcpTransport>("created");
+  const Peer other = Peer::connected(local);
+  EXPECT_NE(nullptr, next<SIPLIB_SIPServerTcpTransport>("created"));
+  ASSERT_TRUE(peer.send(request("OPTIONS", "ordinary dear")));
+  EXPECT_EQ(transport, next<SIPLIB_SIPServerTcpTransport>("closed"));
+  EXPECT_TRUE(until([&] { return peer.ended(); }));
+  EXPECT_EQ(1u, log.count("3 connection of " + peer.address().text() + " to " + local.text() + " ended: no memory"));
+  ASSERT_TRUE(other.send(request("OPTIONS", "ordinary")));
+  EXPECT_TRUE(until([&] { return layer->received.size() == 1; }));
+}
+
 TEST_F(ServerTcpTransportTest, EveryViaIsCopiedToARefusalInItsOrder) {
   start();
   accepted(peer);

@@ -49,6 +49,14 @@ TEST(SocketAddress, ComparesAddressAndPort) {
   EXPECT_FALSE(one == SocketAddress());
   EXPECT_EQ(SocketAddress(), SocketAddress());
   EXPECT_EQ(one, SocketAddress::parse("127.0.0.1", 9)->withPort(1));
+  const auto six = *SocketAddress::parse("fe80::1%lo", 1);
+  EXPECT_EQ(six, *SocketAddress::parse("fe80::1%lo", 1));
+  EXPECT_EQ(six.hash(), SocketAddress::parse("fe80::1%lo", 1)->hash());
+  EXPECT_FALSE(six == *SocketAddress::parse("fe80::1%lo", 2));
+  EXPECT_FALSE(six == *SocketAddress::parse("fe80::2%lo", 1));
+  EXPECT_FALSE(six == *SocketAddress::parse("fe80::1", 1)) << "another link";
+  EXPECT_FALSE(six == one);
+  EXPECT_EQ(six, SocketAddress::parse("fe80::1%lo", 9)->withPort(1));
 }
 
 TEST(SocketAddress, AnUnknownOneGivesNothingOut) {

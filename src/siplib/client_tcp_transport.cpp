@@ -134,7 +134,6 @@ void ClientTcpTransport::watchConnect(std::shared_ptr<Attempt> attempt) {
 void ClientTcpTransport::connectEnded(int error) {
   const auto self = shared_from_this();
   const auto attempt = std::move(watched_);
-  watched_.reset();
   attempt->watch.reset();
   attempt->timer.reset();
   const std::lock_guard<std::mutex> lock(mutex_);

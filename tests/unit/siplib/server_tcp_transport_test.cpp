@@ -185,6 +185,7 @@ TEST_F(ServerTcpTransportTest, TheUsersCloseRaisesNoEvent) {
   EXPECT_TRUE(until([&] { return peer.ended(); }));
   settle();
   EXPECT_EQ(0u, listener.size());
+  EXPECT_EQ(0u, log.count("unsent")) << "nothing was";
   stack->endTurn();
 }
 
@@ -311,6 +312,18 @@ TEST_F(ServerTcpTransportTest, OrdinaryMessagesReachTheLayerOnlyFromTheLocalEndp
   EXPECT_TRUE(until([&] { return log.count("3 response 200 from " + far.address().text() + " dropped") == 1; }));
   EXPECT_EQ("", far.read()) << "neither has an answer";
   EXPECT_EQ(1u, layer->received.size()) << "nobody in the network was asked anything by it";
+}
+
+TEST_F(ServerTcpTransportTest, AnOrdinaryMessageThatDoesNotParseIsDroppedWithALineThatNamesItsSender) {
+  open();
+  peer = Peer::connected(openLocal());
+  EXPECT_NE(nullptr, next<SIPLIB_SIPServerTcpTransport>("created"));
+  const std::string broken = "ordinary nonsense\r\nContent-Length: 0\r\n\r\n";
+  ASSERT_TRUE(peer.send(broken + request("OPTIONS", "ordinary")));
+  EXPECT_TRUE(until([&] { return layer->received.size() == 1; }));
+  const std::string line = "4 message from " + peer.address().text() + " dropped: ";
+  EXPECT_EQ(1u, log.count(line + std::string(parsed(broken)->parseError()))) << log.all();
+  EXPECT_TRUE(peer.read().empty());
 }
 
 TEST_F(ServerTcpTransportTest, AMessageThatFindsNoMemoryEndsItsConnectionAloneWithALine) {

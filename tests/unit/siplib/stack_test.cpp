@@ -17,9 +17,17 @@ SIPLIB_SIPStackConfig working(siplib::Reactor& reactor) {
 TEST(Stack, AConfigurationThatCannotWorkIsRefusedWithALine) {
   siplib::Reactor reactor;
   const std::vector<std::function<void(SIPLIB_SIPStackConfig&)>> faults{
-      [](auto& config) { config.reactor = nullptr; },      [](auto& config) { config.max_connections = 0; },
-      [](auto& config) { config.limits.max_message = 0; }, [](auto& config) { config.connect_timeout = 0ms; },
-      [](auto& config) { config.idle_timeout = -1s; },     [](auto& config) { config.t1 = 0ms; },
+      [](auto& config) { config.reactor = nullptr; },
+      [](auto& config) { config.max_connections = 0; },
+      [](auto& config) { config.limits.max_message = 0; },
+      [](auto& config) { config.connect_timeout = 0ms; },
+      [](auto& config) { config.idle_timeout = -1s; },
+      [](auto& config) { config.t1 = 0ms; },
+      [](auto& config) { config.limits.max_head = 0; },
+      [](auto& config) { config.limits.max_header_lines = 0; },
+      [](auto& config) { config.head_timeout = 0s; },
+      [](auto& config) { config.t2 = 0ms; },
+      [](auto& config) { config.t4 = 0ms; },
   };
   for (const auto& fault : faults) {
     SIPLIB_SIPStackConfig config = working(reactor);
@@ -102,6 +110,19 @@ TEST_F(RealStackTest, EndsWithEverythingOpen) {
   stack.reset();
   reactor.poll();  // what was posted finds the end
   EXPECT_TRUE(peer.ended() || peer.read().empty());
+}
+
+TEST_F(RealStackTest, WhatWasClosedInItsLastTurnGoesWithIt) {
+  std::size_t before = 0;
+  for (int i = 0; i < 60; ++i) {
+    if (i == 10) before = allocatedBytes();
+    open();
+    EXPECT_EQ(0, stack->close(listenAt("127.0.0.2")));
+    reactor.poll();
+    stack.reset();
+    reactor.poll();
+  }
+  EXPECT_LT(allocatedBytes(), before + 5000) << "less than 100 bytes a stack";
 }
 
 // The user on one thread, the sockets on another, peers that come, talk and go: every message is answered once, every

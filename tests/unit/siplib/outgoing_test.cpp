@@ -96,6 +96,18 @@ TEST_F(OutgoingTest, AMessageThatIsChangedAfterItsSendLeavesAsItWas) {
   EXPECT_EQ(std::vector<std::string>{"before"}, idsOf(udp, 1));
 }
 
+TEST_F(OutgoingTest, WhatAnEndpointWasToSendBeforeItsCloseStillLeaves) {
+  SIPLIB_SIPTransportNotifier* notifier = listenAt("127.0.0.2");
+  const Peer udp = Peer::udp(at("127.0.0.1", 0));
+  auto* transport = datagramsTo(udp.address(), addressOf(notifier));
+  stack->holdSending();
+  EXPECT_EQ(0, sendText(transport, request("OPTIONS", "one")));
+  EXPECT_EQ(0, stack->close(notifier));
+  settle(5ms);
+  stack->releaseSending();
+  EXPECT_EQ(std::vector<std::string>{"one"}, idsOf(udp, 1));
+}
+
 TEST_F(OutgoingTest, AFaultOfOneDatagramIsToldAndTheOthersLeave) {
   const Peer udp = Peer::udp(at("127.0.0.1", 0));
   auto* good = datagramsTo(udp.address(), source);

@@ -7,14 +7,21 @@
 
 namespace {
 std::atomic<std::size_t> g_sent{0};
-}
+std::atomic<std::size_t> g_accepts{0};
+}  // namespace
 
-// In the place of the system's, which it calls: what a stream sends is counted.
+// In the place of the system's, which they call: what a stream sends, and what an endpoint accepts, is counted.
 extern "C" ssize_t sendmsg(int descriptor, const msghdr* message, int flags) {
   using Function = ssize_t (*)(int, const msghdr*, int);
   static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "sendmsg"));
   ++g_sent;
   return next(descriptor, message, flags);
+}
+extern "C" int accept4(int descriptor, sockaddr* address, socklen_t* size, int flags) {
+  using Function = int (*)(int, sockaddr*, socklen_t*, int);
+  static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "accept4"));
+  ++g_accepts;
+  return next(descriptor, address, size, flags);
 }
 
 namespace {
@@ -603,8 +610,10 @@ TEST_F(ServerTcpTransportTest, WithoutDescriptorsAcceptingPausesAndGoesOn) {
   std::vector<Peer> fill;
   for (int one = dup(peer.get()); one >= 0; one = dup(peer.get())) fill.emplace_back(one);
   EXPECT_EQ(0, ::connect(peer.get(), address.data(), address.size()));
+  const std::size_t before = g_accepts;
   settle(350ms);
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
+  EXPECT_LT(g_accepts - before, 10u) << "ten times a second";
   EXPECT_EQ(1u, log.count("cannot accept on " + address.text() + ": Too many open files"));
   EXPECT_EQ(0u, listener.size());
   EXPECT_NE(nullptr, next<SIPLIB_SIPServerTcpTransport>("created"));

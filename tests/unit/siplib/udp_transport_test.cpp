@@ -234,6 +234,16 @@ TEST_F(UdpTransportTest, ToTheLocalEndpointADatagramReachesTheLayerAndTheAnswerT
   EXPECT_TRUE(until([&] { return layer->received.size() == 2; }));
 }
 
+TEST_F(UdpTransportTest, TheWayBackToItselfMayOutliveTheStack) {
+  EXPECT_EQ(0, sendText(client(openLocal()), request("SUBSCRIBE", "mine")));
+  EXPECT_TRUE(until([&] { return layer->received.size() == 1; }));
+  const auto path = layer->received[0].path;
+  EXPECT_TRUE(path->send(answer(200, "in time")));
+  stack.reset();
+  reactor.poll();
+  EXPECT_FALSE(path->send(answer(200, "late")));
+}
+
 TEST_F(UdpTransportTest, WhatCameFromTheNetworkNeverGoesTheWayToItself) {
   const SocketAddress local = openLocal();
   auto* way = client(local);

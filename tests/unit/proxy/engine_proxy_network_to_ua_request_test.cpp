@@ -193,6 +193,16 @@ TEST_F(NetworkToUaRequest, SubsequentRequestGoesByTheEarlierTag) {
   EXPECT_EQ(toClient(5071).sent.size(), 3U);
 }
 
+TEST_F(NetworkToUaRequest, ATagThatStandsTwiceStandsWhereItsFirstDoes) {
+  const std::string second = addAlice(5071, "1", "x@home.net");
+  forward(kTcp, network,
+          fromNetwork("BYE", kVia, {}, "sip:127.0.0.2:5060;mok=" + key + ";mtk=" + second + ";mok=" + second));
+  ASSERT_EQ(toClient(5070).sent.size(), 1U);
+  EXPECT_EQ(value(toClient(5070).sent[0], "Via"),
+            "SIP/2.0/TCP 127.0.0.1:5060;branch=z9hG4bK-n1;mok=" + key + ";st=" + tag);
+  EXPECT_TRUE(toClient(5071).sent.empty());
+}
+
 TEST_F(NetworkToUaRequest, AProfileInTheRequestUriNamesTheDomain) {
   const std::string named = addDomain("2", "127.0.0.5", 5090, "UDP");
   LogCapture log;

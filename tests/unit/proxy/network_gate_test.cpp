@@ -258,4 +258,12 @@ TEST_F(NetworkGate, AnswersAreNeitherOfNorForNorToALocalAddress) {
   EXPECT_TRUE(admitsAnswer({.via = answerVia(), .from = "\"127.0.0.1\" <sip:alice@home.net>;tag=1"}));
 }
 
+TEST_F(NetworkGate, WithoutAMessageThereIsNothingToRefuse) {
+  const FakeServerTcp empty;
+  LogCapture log(3);
+  EXPECT_TRUE(network_gate::admits_request("f", &empty, "INVITE", nullptr, nullptr));
+  EXPECT_TRUE(network_gate::admits_response("f", &empty));
+  EXPECT_EQ(log.count(3), 0);
+}
+
 }  // namespace

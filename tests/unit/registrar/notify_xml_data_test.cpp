@@ -16,6 +16,7 @@
 #endif
 
 #include "framework/xml_document.h"
+#include "registrar/notify_writer.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -241,6 +242,19 @@ TEST(NotifyXmlData, EveryStepThatFailsTellsItsOwnNumber) {
     kind.document->set_max_size(IMSE_NotifyXmlData::kMaxSize);
     EXPECT_EQ(encoded(*kind.document), whole);
   }
+}
+
+TEST(NotifyXmlData, APieceSaysOneWhenItIsWrittenElseZeroAndTheStep) {
+  IMSE_NotifyXmlData document(1);
+  NotifyWriter writer(IMSE_NotifyXmlData::kMaxSize);
+  ASSERT_TRUE(writer.begin());
+  int step = -1;
+  EXPECT_EQ(document.write_generic_notify(writer, "DELETE", step), 1);
+  EXPECT_EQ(document.write_ua_info(writer, step), 1);
+  EXPECT_EQ(step, -1);
+  NotifyWriter full(0);
+  EXPECT_EQ(document.write_generic_notify(full, "DELETE", step), 0);
+  EXPECT_EQ(step, full.step());
 }
 
 TEST(NotifyXmlData, TooLargeADocumentIsRefused) {

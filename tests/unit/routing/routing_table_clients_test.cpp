@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <iostream>
 
@@ -363,6 +364,105 @@ TEST_F(RoutingTable, AorsAreReplacedWithinOneDomainOnly) {
   LogCapture log;
   EXPECT_FALSE(table.replaceClientField(CT_UA_PORT, "6001", std::vector<ClientAOR_T>{{"sip:a@b", {}, {}, {}, {}}}));
   EXPECT_TRUE(log.has(4, "Client Entry does not exist "));
+}
+
+// --- What all clients bring together
+
+/// Other bounds while it lives.
+struct OtherBounds {
+  explicit OtherBounds(std::size_t framework::Bounds::*bound, std::size_t value) {
+    framework::Bounds other = usual;
+    other.*bound = value;
+    framework::setBounds(other);
+  }
+  ~OtherBounds() { framework::setBounds(usual); }
+  framework::Bounds usual = framework::bounds();
+};
+
+struct Bounded {
+  const char* setting;
+  std::size_t framework::Bounds::*bound;
+  std::size_t amount;  ///< of it, that each `laden` client brings
+};
+constexpr Bounded kBounded[] = {{"max-aors", &framework::Bounds::aors, 2},
+                                {"max-feature-tags", &framework::Bounds::feature_tags, 3},
+                                {"max-feature-tag-bytes", &framework::Bounds::feature_tag_bytes, 6},
+                                {"max-text-bytes", &framework::Bounds::text_bytes, 28}};
+
+ClientTable_Entry_T laden(const std::string& port) {
+  ClientTable_Entry_T entry;
+  entry.ua_port = port;
+  entry.uri = "sip:u";
+  entry.packages = "reg";
+  entry.aors = {{"a@h", {"t", "ta"}, "ev", "met", "type"}, {"b@h", {"tag"}, "e", "me", "ty"}};
+  return entry;
+}
+std::string above(const Bounded& row) {
+  return std::string("the clients in the table would go above ") + row.setting;
+}
+
+TEST_F(RoutingTable, ClientsAreAddedUpToWhatAllMayBringTogether) {
+  for (const Bounded& row : kBounded) {
+    SCOPED_TRACE(row.setting);
+    IMS_Proxy_RoutingTable_Impl other;
+    const OtherBounds bounds(row.bound, 2 * row.amount);
+    LogCapture log(4);
+    EXPECT_TRUE(other.addClient(laden("6001")));
+    EXPECT_TRUE(other.addClient(laden("6002")));
+    EXPECT_FALSE(log.has(4, above(row)));
+    const std::size_t opened = engine.opened.size();
+    EXPECT_FALSE(other.addClient(laden("6003")));
+    EXPECT_TRUE(log.has(4, above(row)));
+    EXPECT_EQ(engine.opened.size(), opened) << "no connection for it";
+    EXPECT_EQ(other.findKey(CT_UA_PORT, "6003"), "");
+    EXPECT_TRUE(other.deleteClient(CT_UA_PORT, "6001"));
+    EXPECT_TRUE(other.addClient(laden("6003"))) << "in place of one that left";
+  }
+}
+
+TEST_F(RoutingTable, OneClientAboveWhatAllMayBringIsRefused) {
+  for (const Bounded& row : kBounded) {
+    SCOPED_TRACE(row.setting);
+    IMS_Proxy_RoutingTable_Impl other;
+    const OtherBounds bounds(row.bound, row.amount - 1);
+    LogCapture log(4);
+    EXPECT_FALSE(other.addClient(laden("6001")));
+    EXPECT_TRUE(log.has(4, above(row)));
+  }
+}
+
+TEST_F(RoutingTable, ReplacedAorsMakeRoomForThoseThatReplaceThem) {
+  for (const Bounded& row : kBounded) {
+    SCOPED_TRACE(row.setting);
+    IMS_Proxy_RoutingTable_Impl other;
+    const OtherBounds bounds(row.bound, row.amount);
+    ASSERT_TRUE(other.addClient(laden("6001")));
+    LogCapture log(4);
+    std::vector<ClientAOR_T> aors = laden("6001").aors;
+    EXPECT_TRUE(other.replaceClientField(CT_UA_PORT, "6001", aors));
+    EXPECT_EQ(log.count(4), 0);
+    aors.push_back({"c@h", {"x"}, "events", "", ""});
+    EXPECT_FALSE(other.replaceClientField(CT_UA_PORT, "6001", aors));
+    EXPECT_EQ(log.texts(), Keys{above(row)});
+    EXPECT_EQ(other.client(other.findKey(CT_UA_PORT, "6001"))->aors.size(), 2U);
+    aors = {{"a@h", {}, "", "", ""}};
+    EXPECT_TRUE(other.replaceClientField(CT_UA_PORT, "6001", aors));
+    EXPECT_TRUE(other.replaceClientField(CT_UA_PORT, "6001", laden("6001").aors)) << "and back";
+  }
+}
+
+TEST_F(RoutingTable, AorsAreAppendedUpToWhatAllClientsMayBring) {
+  for (const Bounded& row : kBounded) {
+    SCOPED_TRACE(row.setting);
+    IMS_Proxy_RoutingTable_Impl other;
+    const OtherBounds bounds(row.bound, 2 * row.amount - 1);
+    ASSERT_TRUE(other.addClient(laden("6001")));
+    LogCapture log(4);
+    const ClientAOR_T same{"a@h", {"ta", "tag"}, "events", "methods", "types"};
+    EXPECT_FALSE(other.appendClientField(CT_UA_PORT, "6001", std::vector<ClientAOR_T>{same, same}));
+    EXPECT_TRUE(log.has(4, above(row)));
+    EXPECT_EQ(other.client(other.findKey(CT_UA_PORT, "6001"))->aors.size(), 3U) << "what fitted stays";
+  }
 }
 
 // --- Reading

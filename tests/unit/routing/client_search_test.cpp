@@ -274,4 +274,25 @@ TEST_F(ClientSearch, TheLinesOfASearchAreThoseOfTheWalk) {
           "client key=" + key + ", AOR=b@x", "After sorting clients.size=2", "After unique clients.size=2"}));
 }
 
+TEST_F(ClientSearch, TheLinesOfASearchTellOfEveryClientFoundOrNot) {
+  ClientTable_Entry_T entry = client("6001", {"a@x"});
+  entry.aors[0].methods = "INVITE";
+  entry.aors[0].feature_tags = {"+one"};
+  const std::string first = add(entry);
+  entry.ua_port = "6002";
+  entry.aors[0].methods = "MESSAGE";
+  entry.aors[0].feature_tags = {"+two"};
+  const std::string second = add(entry);
+  LogCapture log;
+  ClientMatches matches;
+  table.findClients(CF_METHOD, "MESSAGE", matches);
+  table.findClients_FtrTag("+two", matches);
+  for (const std::string& line :
+       {std::string("search string is method: INVITE"), std::string("search string is method: MESSAGE"),
+        "client key=" + first + ", AOR=a@x", "client key=" + second + ", AOR=a@x",
+        "client key=" + first + ", feature tag =+one", "client key=" + second + ", feature tag =+two"}) {
+    EXPECT_EQ(log.count(5, line), 1) << line;
+  }
+}
+
 }  // namespace

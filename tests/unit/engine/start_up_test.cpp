@@ -11,6 +11,7 @@
 #include "engine/port_number.h"
 #include "engine/sip_client_tcp_transport_listener.h"
 #include "engine/sip_server_transport_listener.h"
+#include "framework/options.h"
 #include "registrar/local_registrar.h"
 #include "registrar/registrar.h"
 #include "routing/routing_table_impl.h"
@@ -108,6 +109,14 @@ TEST_F(StartUp, PrintsUsageOnlyWhenAskedAndThenEnds) {
         engine->print_usage();
       },
       ::testing::ExitedWithCode(0), "print_usage: Usage:(.|\n)*print_usage: IMS Server options:");
+}
+
+TEST_F(StartUp, TheUsageTellsOfDynport) {
+  options({});
+  EXPECT_NE(
+      framework::usageText().find("\n  -dynport VALUE            yes: the listening ports may float over 100 ports\n"),
+      std::string::npos)
+      << framework::usageText();
 }
 
 // --- Life

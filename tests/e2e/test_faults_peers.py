@@ -8,6 +8,9 @@ from support import sip
 from support.faults import FULL, FaultCase, find_again, lose, measure, note
 
 class Reading(FaultCase):
+    # The one that only pings delivers no head.
+    options = FaultCase.options | {"settings": FaultCase.options["settings"] + "<head-timeout-s>3600</head-timeout-s>"}
+
     def test_peers_that_never_read_cost_a_bounded_queue_each(self):
         home = self.home_stream()
         pings = self.connect()

@@ -242,6 +242,21 @@ class ManyRoutes(ProxyCase):
         self.assertTrue(network.nothing(0))
 
 
+class FullRoutes(ProxyCase):
+    options = {"level": 4, "settings": "<max-routes>2</max-routes>"}
+
+    def test_a_route_above_the_bound_is_acknowledged_and_not_set(self):
+        line = "There are 2 routes already - one of profile 3 is not set (max-routes)"
+        for profile in ("1", "2"):
+            self.set_route(profile, "127.0.0.3:UDP:5060")
+        self.assertEqual(self.set_route("3", "127.0.0.3:UDP:5060").body, sip.route_answer("3"))
+        self.proxy.wait_log(line)
+        self.assertEqual(self.command(sip.route_body("delete-route", "1")).status, 200)
+        self.set_route("3", "127.0.0.3:UDP:5060")
+        self.assertEqual(self.command(sip.route_body("update-route", "3", "127.0.0.4:UDP:5060")).status, 200)
+        self.assertEqual(self.proxy.log().count("max-routes"), 1)
+
+
 class Unreachable(ProxyCase):
     def setUp(self):
         super().setUp()

@@ -59,6 +59,14 @@ TEST(ViaHeader, ReadsBlanksWhereTheyMayBe) {
   EXPECT_EQ(whole(*via), "SIP  / 2.0  / UDP   10.0.0.1 : 6050  ;  branch = b");
 }
 
+TEST(ViaHeader, AnyTokensAreAProtocolAndNothingElse) {
+  const auto via = make("Via", "a/b/c h");
+  ASSERT_TRUE(via);
+  EXPECT_EQ(get(*via, "host"), "h");
+  for (const char* none : {"@IP/2.0/UDP h", "SIP/@.0/UDP h", "SIP/2.0/@DP h", "/2.0/UDP h", "SIP//UDP h", "SIP/2.0/ h"})
+    EXPECT_FALSE(make("Via", none)) << none;
+}
+
 TEST(ViaHeader, WithoutPort) {
   const auto via = make("Via", "SIP/2.0/UDP host.example.com");
   ASSERT_TRUE(via);

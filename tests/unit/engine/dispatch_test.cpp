@@ -100,6 +100,32 @@ TEST_F(Dispatch, GivesEveryMessageOverUdpToItsOperation) {
   EXPECT_EQ(ofUdp("127.0.0.1", response(kLocalTo)), "process_ua_to_ua_udp_response");
 }
 
+TEST_F(Dispatch, TheNetworksRequestsReachWhomTheyAreForAfterA100) {
+  addDomain("1", "127.0.0.3", 5080, "TCP");
+  ClientTable_Entry_T bob;
+  bob.ua_port = "5070";
+  bob.profile_id = "1";
+  bob.aors = {{"bob@example.com", {}, {}, {}, {}}};
+  addClient(bob);
+  const auto invite = [](const std::string& transport) {
+    return sipRequest("INVITE", "sip:bob@127.0.0.2",
+                      {{"Via", "SIP/2.0/" + transport + " 127.0.0.3:5080;branch=z9hG4bK1"},
+                       {"From", "<sip:alice@example.com>;tag=1"},
+                       {"To", kNetworkTo},
+                       {"Call-ID", "a"},
+                       {"CSeq", "1 INVITE"}});
+  };
+  FakeServerTcp tcp(kNetIp, kNetPort, "127.0.0.3", 6000);
+  of(tcp, &IMS_engine_proxy::handle_default_tcp_request_message, invite("TCP"));
+  EXPECT_EQ(tcp.lastSent().statusCode(), 100);
+  EXPECT_EQ(connector.tcpClient("127.0.0.1", 5060, "127.0.0.1", 5070)->lastSent().method(), "INVITE");
+  FakeServerUdp udp(kNetIp, kNetPort, "127.0.0.3", 5080);
+  of(udp, &IMS_engine_proxy::handle_default_udp_message, invite("UDP"));
+  ASSERT_EQ(connector.udp_clients.size(), 2u);
+  EXPECT_EQ(connector.udp_clients[0]->lastSent().method(), "INVITE");
+  EXPECT_EQ(connector.udp_clients[1]->lastSent().statusCode(), 100);
+}
+
 TEST_F(Dispatch, DropsAnswersWhereOnlyRequestsAreLookedFor) {
   for (const char* ip : {"127.0.0.1", kNetIp}) {
     for (const char* to : {kNetworkTo, kLocalTo}) {

@@ -233,6 +233,53 @@ TEST_F(RoutingTable, HandlesOfADomainAreReplacedAndNothingIsClosed) {
   EXPECT_TRUE(log.has(4, "ERROR: Domain Entry does not exist "));
 }
 
+TEST_F(RoutingTable, AnEndedConnectionIsClosedOnceNobodyElseHasIt) {
+  const std::string one = add(domain("1"));
+  const std::string two = add(domain("2"));
+  SIPLIB_SIPClientTcpTransport* const shared = table.domain(one)->tcp_client_conn;
+  ASSERT_TRUE(table.updateDomain(DT_PROFILE_ID, "2", DT_TCP_CLIENT_CONN, static_cast<const void*>(shared)));
+  table.endConnection(one);
+  EXPECT_TRUE(engine.closed.empty());
+  EXPECT_EQ(table.domain(one)->tcp_client_conn, nullptr);
+  EXPECT_EQ(table.domain(two)->tcp_client_conn, shared);
+  table.endConnection(one);  // has none
+  EXPECT_TRUE(engine.closed.empty());
+  table.endConnection(two);
+  EXPECT_EQ(engine.closed, std::vector<SIPLIB_SIPClientTcpTransport*>{shared});
+  EXPECT_EQ(table.domain(two)->tcp_client_conn, shared) << "its field keeps it";
+  table.endConnection("no such domain");
+  EXPECT_EQ(engine.closed.size(), 1U);
+}
+
+TEST_F(RoutingTable, AConnectionThatAClientHasToStaysOpen) {
+  const std::string key = add(domain("1"));
+  const std::string user = add(client("6001"));
+  add(client("6002"));
+  ASSERT_TRUE(table.updateDomain(DT_PROFILE_ID, "1", DT_TCP_CLIENT_CONN,
+                                 static_cast<const void*>(table.client(user)->tcp_client_conn)));
+  table.endConnection(key);
+  EXPECT_TRUE(engine.closed.empty());
+  EXPECT_EQ(table.domain(key)->tcp_client_conn, nullptr);
+}
+
+TEST_F(RoutingTable, AnEndedConnectionThatAnotherDomainOpensAgainIsThatOnesOnly) {
+  for (const char* const left : {"1", "2", "3"}) {
+    SCOPED_TRACE(left);
+    IMS_Proxy_RoutingTable_Impl other;
+    for (const char* profile : {"1", "2", "3", "4"}) ASSERT_TRUE(other.addDomain(domain(profile)));
+    const auto connection = [&](const char* profile) {
+      return other.domain(other.findDomain(DT_PROFILE_ID, profile))->tcp_client_conn;
+    };
+    SIPLIB_SIPClientTcpTransport* const ended = connection(left);
+    other.endConnection(other.findDomain(DT_PROFILE_ID, left));
+    ASSERT_TRUE(other.updateDomain(DT_PROFILE_ID, "4", DT_TCP_CLIENT_CONN, static_cast<const void*>(ended)));
+    EXPECT_EQ(connection("4"), ended);
+    for (const std::string profile : {"1", "2", "3"}) {
+      EXPECT_EQ(connection(profile.c_str()) == nullptr, profile == left) << profile;
+    }
+  }
+}
+
 TEST_F(RoutingTable, SecurityAssociationsAreOverwrittenByTheirIdOrAppended) {
   Domain_Entry_T entry = domain("1");
   entry.sa_info_list = {{1, 7, 3}, {4, 7, 6}, {8, 9, 10}};

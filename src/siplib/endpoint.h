@@ -105,7 +105,10 @@ class DatagramPath final : public Path {
   bool reliable() const override { return false; }
   void local(std::string& ip, int& port) const override { local_.get(ip, port); }
   void peer(std::string& ip, int& port) const override { peer_.get(ip, port); }
-  std::optional<uid_t> peerOwner(std::string& why) const override { return udpPeerOwner(peer_, why); }
+  std::optional<uid_t> peerOwner(std::string& why) const override {
+    why = kDatagramOwner;
+    return std::nullopt;
+  }
 
  private:
   const std::weak_ptr<Endpoint> endpoint_;

@@ -31,8 +31,9 @@ struct SIPLIB_SIPStackConfig {
   /// An accepted connection that has not delivered a whole head so long after its acceptance, or not finished a message
   /// so long after its first byte, is closed.
   std::chrono::seconds head_timeout{10};
-  /// The user ids whose processes may send what changes who is served how: REGISTER and SUBSCRIBE to the local endpoint
-  /// (403 to others), and what SIPLIB_SIPConnector::mayControl is asked about. Unset: everybody's, and nobody is asked.
+  /// The user ids whose processes may send requests to the local endpoint's ordinary SIP processing (403 to others),
+  /// and what SIPLIB_SIPConnector::mayControl is asked about; over TCP only, a datagram does not tell whose it is.
+  /// Unset: everybody's, and nobody is asked.
   std::optional<std::vector<uid_t>> control_uids;
   /// RFC 3261 17.1.1.1, table 4.
   std::chrono::milliseconds t1{500};

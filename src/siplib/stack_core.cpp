@@ -128,8 +128,10 @@ void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> p
         ip.c_str(), port);
     return;
   }
+  // Every request takes a transaction, of which there is a number for all; so every one is asked about.
+  const auto owner = [&path](std::string& unknown) { return path->peerOwner(unknown); };
   std::string why = "not on the local endpoint";
-  if (!message->fromNetwork() && (message->isResponse() || mayTake(*message, *path, why))) {
+  if (!message->fromNetwork() && (message->isResponse() || mayControl(owner, why))) {
     layer_->receive(std::move(message), std::move(path));
   } else {
     refuse(*message, *path, why);
@@ -139,11 +141,6 @@ void StackCore::process(SIPLIB_SIPMessageHandle message, std::shared_ptr<Path> p
 void StackCore::tellKeptOut(const SIPLIB_message& message) {
   log(strangers_, 3, "send", "%s from the network to the local endpoint dropped",
       message.isRequest() ? "request" : "response");
-}
-
-bool StackCore::mayTake(const SIPLIB_message& request, const Path& path, std::string& why) const {
-  if (request.method() != "REGISTER" && request.method() != "SUBSCRIBE") return true;
-  return mayControl([&path](std::string& unknown) { return path.peerOwner(unknown); }, why);
 }
 
 bool StackCore::mayControl(const std::function<std::optional<uid_t>(std::string&)>& owner, std::string& why) const {

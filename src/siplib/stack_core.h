@@ -124,7 +124,6 @@ class StackCore : public std::enable_shared_from_this<StackCore> {
                     Deadline StackCore::*self);
   void startTimer(Deadline& deadline, std::int64_t earliest);
   void closeOverdue(Deadline& deadline);
-  bool mayTake(const SIPLIB_message& request, const Path& path, std::string& why) const;
   void refuse(const SIPLIB_message& request, Path& path, const std::string& why) const;
   void write(int level, const char* where, std::uint64_t left_out, const char* format, va_list arguments) const
       __attribute__((format(printf, 5, 0)));

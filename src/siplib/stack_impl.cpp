@@ -141,6 +141,10 @@ SIPLIB_SIPClientConnection* StackImpl::openClientTransaction(std::string_view tr
 
 bool StackImpl::mayControl(const SIPLIB_SIPTransportConnection& connection, std::string& why) {
   const auto owner = [&connection](std::string& unknown) -> std::optional<uid_t> {
+    if (dynamic_cast<const SIPLIB_SIPServerUdpTransport*>(&connection) != nullptr) {
+      unknown = kDatagramOwner;
+      return std::nullopt;
+    }
     std::string ip;
     int port = 0;
     const auto known = [&](bool found) { return found ? peerOf(ip, port) : std::nullopt; };
@@ -150,9 +154,7 @@ bool StackImpl::mayControl(const SIPLIB_SIPTransportConnection& connection, std:
       unknown = "its address is not known";
       return std::nullopt;
     }
-    return dynamic_cast<const SIPLIB_SIPServerUdpTransport*>(&connection) != nullptr
-               ? udpPeerOwner(*peer, unknown)
-               : tcpPeerOwner(*peer, *local, unknown);
+    return tcpPeerOwner(*peer, *local, unknown);
   };
   return core_->mayControl(owner, why);
 }

@@ -20,22 +20,6 @@ Owner tcpOwner(const SocketAddress& peer, const SocketAddress& local) {
   return owner;
 }
 
-Owner udpOwner(const SocketAddress& peer) {
-  Owner owner;
-  owner.uid = siplib::udpPeerOwner(peer, owner.why);
-  return owner;
-}
-
-Peer ipv6(int type, const in6_addr& address, int port) {
-  Peer peer(::socket(AF_INET6, type | SOCK_CLOEXEC, 0));
-  sockaddr_in6 place{};
-  place.sin6_family = AF_INET6;
-  place.sin6_addr = address;
-  place.sin6_port = htons(static_cast<std::uint16_t>(port));
-  if (::bind(peer.get(), reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0) peer.close();
-  return peer;
-}
-
 /// While it lives, sockets of this thread are made as another user's; that takes a privilege.
 class AnotherUser {
  public:
@@ -95,70 +79,8 @@ TEST(PeerOwner, AConnectionThatNobodyHasAcceptedIsNobodys) {
   EXPECT_EQ(tcpOwner(server.address(), client.address()).uid, std::nullopt);
 }
 
-TEST(PeerOwner, ADatagramSocketIsItsProcesses) {
-  const Peer exact = Peer::udp(at("127.0.0.1", 0));
-  EXPECT_EQ(udpOwner(exact.address()).uid, ::geteuid());
-  const Peer any = Peer::udp(at("0.0.0.0", 0));
-  EXPECT_EQ(udpOwner(at("127.0.0.1", any.port())).uid, ::geteuid());
-  const Peer wide = ipv6(SOCK_DGRAM, in6addr_any, 0);
-  EXPECT_EQ(udpOwner(at("127.0.0.1", wide.port())).uid, ::geteuid());
-}
-
-TEST(PeerOwner, ADatagramSocketThatIsGoneOrElsewhereIsNobodys) {
-  Peer peer = Peer::udp(at("127.0.0.1", 0));
-  const SocketAddress gone = peer.address();
-  peer.close();
-  EXPECT_EQ(udpOwner(gone).uid, std::nullopt);
-  EXPECT_EQ(udpOwner(gone).why, "its socket is gone");
-  const Peer elsewhere = Peer::udp(at("127.0.0.9", 0));
-  EXPECT_EQ(udpOwner(at("127.0.0.1", elsewhere.port())).why, "its socket is gone");
-  const Peer other_family = ipv6(SOCK_DGRAM, in6addr_loopback, 0);
-  EXPECT_EQ(udpOwner(at("127.0.0.1", other_family.port())).why, "its socket is gone");
-}
-
-TEST(PeerOwner, OneUsersSocketsMayShareAPort) {
-  const Peer peer = Peer::udp(at("127.0.0.1", 0));
-  const Peer second = Peer::udp(at("127.0.0.9", peer.port()));
-  EXPECT_EQ(udpOwner(peer.address()).uid, ::geteuid());
-}
-
-// A socket of the same port on another address can send with the first one's address as its source.
-TEST(PeerOwner, APortThatAnotherUserSharesIsNobodys) {
-  const Peer peer = Peer::udp(at("127.0.0.1", 0));
-  Peer second;
-  bool other = false;
-  {
-    const AnotherUser user;
-    other = user.granted();
-    second = Peer::udp(at("127.0.0.9", peer.port()));
-  }
-  const Owner owner = udpOwner(peer.address());
-  EXPECT_EQ(owner.uid, other ? std::nullopt : std::optional(::geteuid()));
-  EXPECT_EQ(owner.why, other ? "its port is shared" : "");
-  second.close();
-  EXPECT_EQ(udpOwner(peer.address()).uid, ::geteuid());
-}
-
-TEST(PeerOwner, ACrowdOnOnePortIsNotReadThrough) {
-  std::vector<Peer> crowd;
-  int port = 0;
-  for (int i = 0; i < 65; ++i) {
-    Peer peer(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const int on = 1;
-    ::setsockopt(peer.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-    const SocketAddress address = at("127.0.0.1", port);
-    ASSERT_EQ(::bind(peer.get(), address.data(), address.size()), 0);
-    port = peer.port();
-    crowd.push_back(std::move(peer));
-  }
-  EXPECT_EQ(udpOwner(at("127.0.0.1", port)).why, "its port is shared");
-  crowd.pop_back();
-  EXPECT_EQ(udpOwner(at("127.0.0.1", port)).uid, ::geteuid());
-}
-
 TEST(PeerOwner, OnlyLoopbackAddressesAreAskedAbout) {
   for (const SocketAddress& address : {at("192.0.2.1", 5060), at("::1", 5060), SocketAddress()}) {
-    EXPECT_EQ(udpOwner(address).why, "no loopback address");
     EXPECT_EQ(tcpOwner(address, at("127.0.0.1", 5060)).why, "no loopback address");
     EXPECT_EQ(tcpOwner(at("127.0.0.1", 5060), address).why, "no loopback address");
   }
@@ -167,18 +89,14 @@ TEST(PeerOwner, OnlyLoopbackAddressesAreAskedAbout) {
 TEST(PeerOwner, WithoutDescriptorsNobodyIsKnown) {
   const Peer server = Peer::listening(at("127.0.0.1", 0));
   const Peer client = Peer::connected(server.address());
-  const Peer datagrams = Peer::udp(at("127.0.0.1", 0));
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   const rlimit none{0, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  const Owner of_connection = tcpOwner(client.address(), server.address());
-  const Owner of_datagrams = udpOwner(datagrams.address());
+  const Owner owner = tcpOwner(client.address(), server.address());
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(of_connection.uid, std::nullopt);
-  EXPECT_EQ(of_connection.why, "the kernel does not tell");
-  EXPECT_EQ(of_datagrams.uid, std::nullopt);
-  EXPECT_EQ(of_datagrams.why, "the kernel does not tell");
+  EXPECT_EQ(owner.uid, std::nullopt);
+  EXPECT_EQ(owner.why, "the kernel does not tell");
 }
 
 class ControlUidsTest : public StackTest {
@@ -209,30 +127,51 @@ class ControlUidsTest : public StackTest {
   SocketAddress local;
 };
 
-TEST_F(ControlUidsTest, AUserWhoIsNamedMayRegisterAndSubscribe) {
+TEST_F(ControlUidsTest, AUserWhoIsNamedMayOverTcp) {
   start(std::vector<uid_t>{::geteuid() + 1, ::geteuid()});
-  for (const char* const method : {"REGISTER", "SUBSCRIBE"}) {
-    EXPECT_EQ(overUdp(method), 0);
-    EXPECT_EQ(overTcp(method), 0);
-  }
+  for (const char* const method : {"REGISTER", "SUBSCRIBE", "MESSAGE", "ACK"}) EXPECT_EQ(overTcp(method), 0);
   EXPECT_EQ(log.count("refused"), 0u);
 }
 
 TEST_F(ControlUidsTest, AnyOtherIsAnswered403WithALineThatNamesTheUser) {
   start(std::vector<uid_t>{::geteuid() + 1});
-  EXPECT_EQ(overUdp("REGISTER"), 403);
+  EXPECT_EQ(overTcp("REGISTER"), 403);
   EXPECT_EQ(log.count("4 REGISTER from 127.0.0.1:"), 1u);
   EXPECT_EQ(log.count(" refused: user id " + mine + " may not control the proxy"), 1u);
-  EXPECT_EQ(overTcp("REGISTER"), 403);
-  EXPECT_EQ(overUdp("SUBSCRIBE"), 403);
   EXPECT_EQ(overTcp("SUBSCRIBE"), 403);
-  EXPECT_EQ(log.count(" refused: user id " + mine + " may not control the proxy"), 4u);
-  EXPECT_EQ(overUdp("NOTIFY"), 0) << "what changes nothing is anybody's";
+  EXPECT_EQ(log.count(" refused: user id " + mine + " may not control the proxy"), 2u);
+}
+
+// Whoever has a socket can name another's as a datagram's source, and close its own before it is looked for.
+TEST_F(ControlUidsTest, TheSenderOfADatagramIsNeverKnown) {
+  start(std::vector<uid_t>{::geteuid()});
+  for (const char* const method : {"REGISTER", "SUBSCRIBE", "MESSAGE"}) EXPECT_EQ(overUdp(method), 403) << method;
+  EXPECT_EQ(log.count(" refused: its user is not known: a datagram does not tell whose it is"), 3u) << log.all();
+}
+
+// Each takes one of the transactions, of which there is a number for all.
+TEST_F(ControlUidsTest, EveryMethodIsAskedAbout) {
+  start(std::vector<uid_t>{::geteuid() + 1});
+  for (const char* const method : {"MESSAGE", "NOTIFY", "OPTIONS", "INVITE", "CANCEL", "BYE", "JUNK"}) {
+    EXPECT_EQ(overTcp(method), 403) << method;
+    EXPECT_EQ(overUdp(method), 403) << method;
+  }
+}
+
+TEST_F(ControlUidsTest, AnAckIsDroppedWithoutAnAnswerAndResponsesAreTaken) {
+  start(std::vector<uid_t>{::geteuid() + 1});
+  const Peer peer = Peer::udp(at("127.0.0.1", 0));
+  ASSERT_TRUE(peer.sendTo(local, request("ACK", "ordinary")));
+  ASSERT_TRUE(peer.sendTo(local, answer(200, "ordinary")));
+  ASSERT_TRUE(until([&] { return layer->received.size() == 1; }));
+  EXPECT_TRUE(layer->received[0].message->isResponse());
+  EXPECT_EQ(log.count("4 ACK from 127.0.0.1:"), 1u);
+  EXPECT_EQ(peer.read(), "");
 }
 
 TEST_F(ControlUidsTest, AListOfNobodyKeepsEverybodyOut) {
   start(std::vector<uid_t>());
-  EXPECT_EQ(overUdp("REGISTER"), 403);
+  EXPECT_EQ(overTcp("REGISTER"), 403);
 }
 
 TEST_F(ControlUidsTest, WithoutAListNobodyIsAsked) {
@@ -245,8 +184,8 @@ TEST_F(ControlUidsTest, WithoutAListNobodyIsAsked) {
 
 TEST_F(ControlUidsTest, ASenderThatIsGoneIsRefused) {
   start(std::vector<uid_t>{::geteuid()});
-  Peer peer = Peer::udp(at("127.0.0.1", 0));
-  ASSERT_TRUE(peer.sendTo(local, request("REGISTER", "ordinary")));
+  Peer peer = Peer::connected(local);
+  ASSERT_TRUE(peer.send(request("REGISTER", "ordinary")));
   peer.close();
   EXPECT_TRUE(until([&] { return log.count("refused: its user is not known: its socket is gone") == 1; }));
   EXPECT_TRUE(layer->received.empty());
@@ -289,7 +228,8 @@ TEST_F(ControlUidsTest, TheUserOfAConnectionIsToldToo) {
     connection.receive();
     std::string why;
     EXPECT_FALSE(stack->mayControl(connection, why));
-    EXPECT_EQ(why, "user id " + mine + " may not control the proxy");
+    EXPECT_EQ(why, event.kind == "datagram" ? "its user is not known: a datagram does not tell whose it is"
+                                            : "user id " + mine + " may not control the proxy");
     if (++told == 2) break;
   }
   EXPECT_EQ(told, 2);

@@ -95,6 +95,12 @@ std::size_t Places::keptFree() const {
   return kept - std::min(kept, held_[kProxy]);
 }
 
+/// Of the places that user agents leave to what the stack opens, those that it does not have.
+std::size_t Places::ownFree() const {
+  const std::size_t kept = most_ / 8;
+  return kept - std::min(kept, held_[kStack]);
+}
+
 bool Places::hasRoom(Holder holder) const {
   const std::size_t all = std::accumulate(std::begin(held_), std::end(held_), std::size_t{0});
   switch (holder) {
@@ -102,6 +108,8 @@ bool Places::hasRoom(Holder holder) const {
       return all + keptFree() < networkMost();
     case kProxy:
       return all < (keptFree() > 0 ? most_ : networkMost());
+    case kUserAgent:
+      return all + keptFree() + ownFree() < most_;
     default:
       return all + keptFree() < most_;
   }

@@ -2,7 +2,7 @@
 //
 // Peers of the network together hold three quarters at most, so that user agents and the stack itself always find some;
 // each of its addresses a quarter of that. Some of the network's places are kept for the addresses of the user's
-// proxies (keepFor), which no share binds.
+// proxies (keepFor), which no share binds. User agents leave an eighth to what the stack opens.
 //
 // An accepted connection is silent until it has delivered its first whole head. Where there is no room, the one that
 // has been silent longest gives way: to a stranger another stranger's, to one above its share its own only, to a proxy
@@ -89,6 +89,7 @@ class Places : public std::enable_shared_from_this<Places> {
   Holder holderOf(For whom, const SocketAddress& host) const;
   std::size_t networkMost() const { return most_ - most_ / 4; }
   std::size_t keptFree() const;
+  std::size_t ownFree() const;
   bool hasRoom(Holder holder) const;
   Place* givesWay(Holder holder) const;
   static Place* longest(const Silent& silent) { return silent.empty() ? nullptr : silent.begin()->second; }

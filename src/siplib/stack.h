@@ -22,8 +22,8 @@ class Reactor;
 struct SIPLIB_SIPStackConfig {
   siplib::Limits limits;
   /// Open TCP connections of either kind; above it an accepted one that is still silent gives way, or the new one is
-  /// closed at once, an opening one refused. The network's peers together get three quarters of them; places.h says who
-  /// gives way to whom.
+  /// closed at once, an opening one refused. The network's peers together get three quarters of them, all accepted ones
+  /// seven eighths; places.h says who gives way to whom.
   std::size_t max_connections = 256;
   std::chrono::milliseconds connect_timeout{4000};
   /// A TCP connection on which nothing moved for so long is closed. 0: never.

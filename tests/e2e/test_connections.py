@@ -146,6 +146,16 @@ class Silence(ProxyCase):
         self.accept(network)
         self.assertTrue(idle[0].closed())
 
+    def test_one_applications_chatty_connections_leave_the_proxy_its_own(self):
+        crowd = [self.chatty() for _ in range(64)]
+        self.assertEqual(sum(stream.closed(0.2) for stream in crowd), 8, "an eighth of 64")
+        listener = self.tcp(5071)
+        self.register(5071)
+        self.accept(listener)
+        network = self.tcp(5060, "127.0.0.3")
+        self.set_route("1", "127.0.0.3:TCP:5060")
+        self.accept(network)
+
 
 class LateHeads(ProxyCase):
     options = {"settings": "<head-timeout-s>2</head-timeout-s>"}

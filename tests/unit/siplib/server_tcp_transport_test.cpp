@@ -446,13 +446,43 @@ TEST_F(ServerTcpTransportTest, TheNetworkLeavesAQuarterOfTheConnectionsToTheLoca
   EXPECT_TRUE(until([&] { return late.ended(); }));
   EXPECT_FALSE(network[5].ended());
   EXPECT_EQ(1u, log.count("as many connections are open as may be"));
-  std::vector<Peer> phones(3);
+  std::vector<Peer> phones(2);
   address = local;
   heard(phones[0], "127.0.0.1");
-  heard(phones[1], "127.0.0.1");
-  phones[2] = Peer::connected(local);
-  EXPECT_TRUE(until([&] { return phones[2].ended(); }));
-  EXPECT_FALSE(phones[0].ended() || phones[1].ended());
+  phones[1] = Peer::connected(local);
+  EXPECT_TRUE(until([&] { return phones[1].ended(); })) << "the last is for what the stack opens";
+  EXPECT_FALSE(phones[0].ended());
+}
+
+TEST_F(ServerTcpTransportTest, UserAgentsLeaveAnEighthOfTheConnectionsToWhatTheStackOpens) {
+  config.max_connections = 16;
+  open();
+  address = openLocal();
+  std::vector<Peer> chatty(14);
+  for (Peer& one : chatty) heard(one, "127.0.0.1");
+  Peer late = Peer::connected(address);
+  EXPECT_TRUE(until([&] { return late.ended(); }));
+  const auto opens = [&](const Peer& server) {
+    return stack->openClient("TCP", address.ip(), address.port(), "127.0.0.1", server.port()) != nullptr;
+  };
+  const Peer servers[] = {Peer::listening(at("127.0.0.1", 0)), Peer::listening(at("127.0.0.1", 0)),
+                          Peer::listening(at("127.0.0.1", 0))};
+  EXPECT_TRUE(opens(servers[0]) && opens(servers[1])) << log.all();
+  EXPECT_FALSE(opens(servers[2]));
+  for (const Peer& one : chatty) EXPECT_FALSE(one.ended());
+}
+
+TEST_F(ServerTcpTransportTest, WhatTheStackHasOpenedIsNotKeptOnceMore) {
+  config.max_connections = 16;
+  open();
+  address = openLocal();
+  const Peer servers[] = {Peer::listening(at("127.0.0.1", 0)), Peer::listening(at("127.0.0.1", 0))};
+  for (const Peer& server : servers) {
+    ASSERT_NE(nullptr, stack->openClient("TCP", address.ip(), address.port(), "127.0.0.1", server.port()));
+  }
+  std::vector<Peer> chatty(14);
+  for (Peer& one : chatty) heard(one, "127.0.0.1");
+  for (const Peer& one : chatty) EXPECT_FALSE(one.ended());
 }
 
 TEST_F(ServerTcpTransportTest, WhoHasBeenSilentLongestGivesWayAndIsTold) {

@@ -37,6 +37,12 @@ struct Auth_Hdrs_T {
   std::string auth_hdr;  ///< the whole header value
   std::array<Nonce_Slot_T, 3> nonces;
   std::uint64_t last_seen = 0;  ///< when its last 401 or 407 came, in the order of all; the largest is the youngest
+  bool from_proxy = false;      ///< it came from the address of the domain's outbound proxy: outranks any that did not
+
+  /// Whether it gives way to the other, and the other is answered first.
+  bool below(const Auth_Hdrs_T& other) const {
+    return from_proxy != other.from_proxy ? other.from_proxy : last_seen < other.last_seen;
+  }
 };
 
 /// What one client last sent towards a domain.

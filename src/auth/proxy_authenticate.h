@@ -31,9 +31,10 @@ class IMS_Proxy_Authenticate {
 
   /// Appends a challenge; whether there is one of its kind and realm is not looked at. The domain's first takes its
   /// user name and password from the routing table, for good. Where the domain has as many as it may, the oldest
-  /// gives way, with one line. Refused with one line when the table has no such domain or the challenge is too large.
-  void create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type, std::string realm,
-                        std::string nonce);
+  /// gives way, with one line, one of the domain's proxy only where all are. Refused with one line when the table has
+  /// no such domain or the challenge is too large.
+  void create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type, std::string realm, std::string nonce,
+                        bool from_proxy = false);
   /// The first challenge of that kind and realm (the realm with its quotes).
   bool check_if_auth_hdr_present(std::string domain_key, Auth_T type, std::string realm, int& auth_index);
   /// Whether anything is stored for the domain.
@@ -64,8 +65,8 @@ class IMS_Proxy_Authenticate {
   bool is_mode_ietf_shared(std::string mode);
   /// 401 or 407.
   bool is_request_challenged(SIPLIB_SIPTransportConnection* response) const;
-  /// Records a 401's or 407's challenge: a new one, or the new text of a known kind and realm. False when there is none
-  /// that can be read, or it is not kept.
+  /// Records a 401's or 407's challenge: a new one, or the new text of a known kind and realm, but not in place of one
+  /// of the domain's proxy when it came from elsewhere. False when there is none that can be read, or it is refused.
   bool update_auth_info_for_response(SIPLIB_SIPTransportConnection* response, std::string domain_key);
   /// Reads a 401's or 407's topmost challenge. True when it can be read; an absent realm or nonce leaves its text.
   bool get_response_auth_hdr_info(SIPLIB_SIPTransportConnection* response, std::string& auth_hdr, Auth_T& type,
@@ -78,9 +79,9 @@ class IMS_Proxy_Authenticate {
   /// gets up to kMaxCredentials of them made again where their nonce is known. Any other gets the proxy's too, in place
   /// of those of its own that name one of their realms or none; the rest of its own stays.
   bool update_proxy_auth_info(SIPLIB_SIPTransportConnection* request, std::string domain_key, int client_index);
-  /// Adds one header per challenge with its newest nonce slot's count advanced: for the youngest kMaxCredentials, no
-  /// realm of a kind twice, in stored order. False when there is no challenge, or at the first one that cannot be
-  /// answered; headers added before stay.
+  /// Adds one header per challenge with its newest nonce slot's count advanced: for kMaxCredentials, those of the
+  /// domain's proxy before others, the youngest first, no realm of a kind twice; they stand in stored order. False when
+  /// there is no challenge, or at the first one that cannot be answered; headers added before stay.
   bool add_proxy_auth_hdrs(SIPLIB_SIPTransportConnection* request, std::string domain_key);
   /// Answers again, into `new_hdr`, the challenge whose nonce `client_hdr` has. False, and `new_hdr` as it was, when
   /// there is none of that kind, or no nonce; a null connection or header is refused with one line.
@@ -118,8 +119,11 @@ class IMS_Proxy_Authenticate {
   Client_Info_T* client_at(const std::string& domain_key, int client_index);
   Auth_Hdrs_T* challenge_at(const std::string& domain_key, int auth_index);
   std::size_t challenge_count(const std::string& domain_key) const;
+  /// Whether the response came from the address of the domain's outbound proxy; its port does not count.
+  static bool is_from_proxy(const SIPLIB_SIPTransportConnection& response, const std::string& domain_key);
   /// The challenge of that position has come (again) with this text, of at most kMaxChallengeSize: it is the youngest
-  /// now, and the oldest gives way to it where the domain has more than it may. Positions change then.
+  /// now. Where the domain has more than it may, the oldest gives way, or it itself where all others are of the
+  /// domain's proxy and it is not; positions change then.
   void keep_challenge(const std::string& domain_key, std::size_t position, const std::string& auth_hdr);
 
   std::map<std::string, Auth_Info_T> store_;

@@ -50,15 +50,15 @@ bool has_realm(const std::vector<Answered>& answered, Auth_T kind, const std::st
   });
 }
 
-/// The challenges that one request answers, in stored order: the youngest, no realm of a kind twice. So a judge never
-/// has to choose between two answers, and what others planted cannot stand before what the network asked for last.
+/// The challenges that one request answers, in stored order: those of the proxy before others, the youngest first, no
+/// realm of a kind twice. So a judge never has to choose between two answers, and what others planted cannot stand
+/// before what the network asked for last.
 std::vector<Answered> answered_challenges(std::vector<Auth_Hdrs_T>& stored) {
-  std::vector<Auth_Hdrs_T*> by_age;
-  for (Auth_Hdrs_T& challenge : stored) by_age.push_back(&challenge);
-  std::sort(by_age.begin(), by_age.end(),
-            [](const Auth_Hdrs_T* a, const Auth_Hdrs_T* b) { return a->last_seen > b->last_seen; });
+  std::vector<Auth_Hdrs_T*> by_rank;
+  for (Auth_Hdrs_T& challenge : stored) by_rank.push_back(&challenge);
+  std::sort(by_rank.begin(), by_rank.end(), [](const Auth_Hdrs_T* a, const Auth_Hdrs_T* b) { return b->below(*a); });
   std::vector<Answered> answered;
-  for (Auth_Hdrs_T* const challenge : by_age) {
+  for (Auth_Hdrs_T* const challenge : by_rank) {
     if (answered.size() == kMaxCredentials) break;
     std::string realm = parameter_text(challenge->realm);
     if (!has_realm(answered, challenge->auth_type, realm)) answered.push_back({challenge, std::move(realm)});
@@ -162,20 +162,28 @@ bool IMS_Proxy_Authenticate::update_auth_info_for_response(SIPLIB_SIPTransportCo
   IMS_log::loginfo(5, __func__, "Auth Header is Present in RESPONSE  - value is %s", auth_hdr.c_str());
   IMS_log::loginfo(5, __func__, "Auth Type is %d, Realm is %s, network nonce is %s", static_cast<int>(type),
                    realm.c_str(), nonce.c_str());
+  const bool from_proxy = is_from_proxy(*response, domain_key);
   int index = -1;
   if (check_if_auth_hdr_present(domain_key, type, realm, index)) {
     IMS_log::loginfo(5, __func__, "Auth Header is already present in Proxy - auth index %d", index);
+    Auth_Hdrs_T& known = *challenge_at(domain_key, index);
+    if (known.from_proxy && !from_proxy) {
+      IMS_log::loginfo(4, __func__, "Challenge from elsewhere is not kept in place of the proxy's, domain %s realm %s",
+                       domain_key.c_str(), realm.c_str());
+      return false;
+    }
     update_nonce(domain_key, index, nonce);
     if (auth_hdr.size() > kMaxChallengeSize) {
       IMS_log::loginfo(4, __func__, "New challenge of %zu bytes is not kept, domain %s realm %s", auth_hdr.size(),
                        domain_key.c_str(), realm.c_str());
       return false;
     }
+    known.from_proxy = from_proxy;
     keep_challenge(domain_key, static_cast<std::size_t>(index), auth_hdr);
     return true;
   }
   const std::uint64_t before = challenges_seen_;
-  create_auth_info(domain_key, auth_hdr, type, realm, nonce);
+  create_auth_info(domain_key, auth_hdr, type, realm, nonce, from_proxy);
   if (challenges_seen_ == before) return false;  // refused, and logged there
   IMS_log::loginfo(5, __func__, "Auth Header not present : Created  auth entry ");
   return true;

@@ -9,6 +9,7 @@
 #include "routing/routing_table_impl.h"
 #include "siplib/connection.h"
 #include "siplib/header.h"
+#include "siplib/socket_address.h"
 
 IMS_Proxy_RoutingTable_Impl* IMS_Proxy_Authenticate::rt_ptr = nullptr;
 
@@ -65,7 +66,7 @@ IMS_Proxy_Authenticate::IMS_Proxy_Authenticate(IMS_Proxy_RoutingTable_Impl* rout
 }
 
 void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::string auth_hdr, Auth_T type,
-                                              std::string realm, std::string nonce) {
+                                              std::string realm, std::string nonce, bool from_proxy) {
   IMS_log::loginfo(5, __func__, "Create Auth entry for domain %s,auth hdr %s,type %d,realm %s nonce %s",
                    domain_key.c_str(), auth_hdr.c_str(), static_cast<int>(type), realm.c_str(), nonce.c_str());
   // Refused before an entry is made: of a domain with an entry but no challenge, clients' own credentials would go.
@@ -87,7 +88,7 @@ void IMS_Proxy_Authenticate::create_auth_info(std::string domain_key, std::strin
                      found->second.password.c_str());
   }
   std::vector<Auth_Hdrs_T>& stored = found->second.auth_hdrs;
-  stored.push_back({type, realm, {}, {{{3, nonce, "0"}, {}, {}}}});
+  stored.push_back({type, realm, {}, {{{3, nonce, "0"}, {}, {}}}, 0, from_proxy});
   keep_challenge(domain_key, stored.size() - 1, auth_hdr);
 }
 
@@ -268,6 +269,16 @@ std::size_t IMS_Proxy_Authenticate::challenge_count(const std::string& domain_ke
   return info == nullptr ? 0 : info->auth_hdrs.size();
 }
 
+bool IMS_Proxy_Authenticate::is_from_proxy(const SIPLIB_SIPTransportConnection& response,
+                                           const std::string& domain_key) {
+  const DomainTable_Entry_T* record = rt_ptr == nullptr ? nullptr : rt_ptr->domain(domain_key);
+  std::string ip;
+  int port = 0;
+  if (record == nullptr || !response.getPeerAddress(ip, port)) return false;
+  const auto peer = siplib::SocketAddress::parse(ip, 0);
+  return peer && peer == siplib::SocketAddress::parse(record->domain.proxy_ip, 0);
+}
+
 void IMS_Proxy_Authenticate::keep_challenge(const std::string& domain_key, std::size_t position,
                                             const std::string& auth_hdr) {
   std::vector<Auth_Hdrs_T>& stored = store_[domain_key].auth_hdrs;
@@ -276,9 +287,8 @@ void IMS_Proxy_Authenticate::keep_challenge(const std::string& domain_key, std::
   // Anybody can make the network's side of the store full. What the network asks for again and again is young, and what
   // a stranger planted gives way to it.
   if (stored.size() <= framework::bounds().challenges) return;
-  const auto oldest = std::min_element(stored.begin(), stored.end(), [](const Auth_Hdrs_T& a, const Auth_Hdrs_T& b) {
-    return a.last_seen < b.last_seen;
-  });
+  const auto oldest = std::min_element(stored.begin(), stored.end(),
+                                       [](const Auth_Hdrs_T& a, const Auth_Hdrs_T& b) { return a.below(b); });
   IMS_log::loginfo(4, __func__, "Domain %s has too many challenges - the oldest gives way, realm %s",
                    domain_key.c_str(), oldest->realm.c_str());
   stored.erase(oldest);

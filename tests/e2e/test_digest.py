@@ -160,6 +160,24 @@ class Scripted(ProxyCase):
         real("after")
         check("after", 8)
 
+    def test_strays_between_the_challenge_and_the_next_try_displace_nothing(self):
+        self.stranger = self.udp(0, "127.0.0.9")
+        seen = self.ask()
+        number = 0
+        for strays in (8, 32, 200):
+            self.challenge(seen, f'Digest realm="example.net", nonce="n{strays}"')
+            for _ in range(strays):
+                number += 1
+                self.stray(seen, number)
+            # One of the same realm does not overwrite it either.
+            self.stranger.send(sip.response(seen, 401, "Stray", headers=[
+                ("WWW-Authenticate", 'Digest realm="example.net", nonce="stray"')]), ("127.0.0.2", 5060))
+            self.assertEqual(self.alice.receive().status, 401)
+            answered = self.ask()
+            self.assertEqual(len(self.realms(answered)), 8)
+            values = [strict(value)[1] for value in answered.all("Authorization")]
+            self.assertEqual([value["nonce"] for value in values if value["realm"] == "example.net"], [f"n{strays}"])
+
     def test_a_clients_own_answers_to_other_realms_stay(self):
         seen = self.ask()
         for realm in ("one", "two"):
@@ -310,6 +328,7 @@ class OtherMode(Scripted):
     test_stray_challenges_never_keep_the_real_one_from_being_answered = None
     test_large_stray_challenges_neither_displace_the_real_one_nor_make_a_request_large = None
     test_whatever_the_request_uri_is_the_answer_is_whole = None
+    test_strays_between_the_challenge_and_the_next_try_displace_nothing = None
     test_a_clients_own_answers_to_other_realms_stay = None
 
 

@@ -28,6 +28,7 @@ class Authenticate : public testing::Test {
     entry.profile_id = profile_id;
     entry.username = username;
     entry.password = password;
+    entry.proxy_ip = "192.0.2.1";
     EXPECT_TRUE(table.addDomain(entry));
     return table.findDomain(DT_PROFILE_ID, profile_id);
   }

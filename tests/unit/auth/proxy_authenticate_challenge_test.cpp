@@ -276,6 +276,23 @@ TEST_F(Authenticate, UpToEightAreAllAnswered) {
 
 // A judge looks for the first answer with its realm; one that a stranger planted under another spelling of the realm
 // must not stand before the right one.
+TEST_F(Authenticate, TheProxysChallengesAreAnsweredBeforeYoungerOnesFromElsewhere) {
+  response.peer_ip = "192.0.2.1";
+  challenge(401, "Digest realm=\"home\", nonce=\"n\"");
+  response.peer_ip = "192.0.2.9";
+  challenge(401, "Digest realm=\"HOME\", nonce=\"s\"");
+  for (int i = 0; i < 12; ++i) challenge(401, "Digest realm=\"stray " + std::to_string(i) + "\", nonce=\"s\"");
+  set_request(request);
+  EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
+  const Texts answers = values("Authorization");
+  ASSERT_EQ(answers.size(), kMaxCredentials);
+  // The one stored first goes in first, and each further one above it.
+  EXPECT_NE(answers.back().find("realm=\"home\""), std::string::npos) << answers.back();
+  for (std::size_t i = 0; i + 1 < answers.size(); ++i) {
+    EXPECT_NE(answers[i].find("\"stray " + std::to_string(11 - i) + "\""), std::string::npos) << answers[i];
+  }
+}
+
 TEST_F(Authenticate, OfOneRealmInSeveralSpellingsTheYoungestIsAnswered) {
   ASSERT_TRUE(challenge(401, kPlain));
   const Texts spellings = {"home.example", R"("home\.example")", R"("Home.Example")"};

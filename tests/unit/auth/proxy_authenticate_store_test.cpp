@@ -97,6 +97,46 @@ TEST_F(Authenticate, TheOldestChallengeOfAFullDomainGivesWay) {
   EXPECT_EQ(auth.auth_info(other)->auth_hdrs.size(), 1U);
 }
 
+TEST_F(Authenticate, TheProxysChallengesGiveWayToNoOther) {
+  response.peer_ip = "192.0.2.1";
+  EXPECT_TRUE(challenge(401, "Digest realm=\"home\", nonce=\"n\""));
+  const std::size_t most = framework::bounds().challenges;
+  response.peer_ip = "192.0.2.9";
+  for (std::size_t i = 0; i < most + 2; ++i) {
+    challenge(401, "Digest realm=\"stray " + std::to_string(i) + "\", nonce=\"s\"");
+  }
+  const std::vector<Auth_Hdrs_T>& stored = auth.auth_info(home)->auth_hdrs;
+  ASSERT_EQ(stored.size(), most);
+  EXPECT_EQ(stored.front().realm, "\"home\"");
+  EXPECT_EQ(stored.back().realm, "\"stray " + std::to_string(most + 1) + "\"") << "others are kept where there is room";
+  response.peer_ip = "192.0.2.1";
+  for (std::size_t i = 0; i < most; ++i) challenge(401, "Digest realm=\"" + std::to_string(i) + "\", nonce=\"n\"");
+  response.peer_ip = "192.0.2.9";
+  challenge(401, "Digest realm=\"late\", nonce=\"s\"");
+  ASSERT_EQ(stored.size(), most);
+  for (const Auth_Hdrs_T& one : stored) EXPECT_TRUE(one.from_proxy) << one.realm;
+  EXPECT_EQ(stored.front().realm, "\"0\"") << "of the proxy's own the oldest";
+}
+
+TEST_F(Authenticate, AChallengeFromElsewhereDoesNotReplaceTheProxys) {
+  const std::string stray = "Digest realm=\"home\", nonce=\"s\"";
+  const std::string genuine = "Digest realm=\"home\", nonce=\"n\"";
+  response.peer_ip = "192.0.2.9";
+  EXPECT_TRUE(challenge(401, stray));
+  response.peer_ip = "192.0.2.1";
+  EXPECT_TRUE(challenge(401, genuine));
+  response.peer_ip = "192.0.2.9";
+  LogCapture log(4);
+  EXPECT_FALSE(challenge(401, stray));
+  EXPECT_TRUE(
+      log.has(4, "Challenge from elsewhere is not kept in place of the proxy's, domain " + home + " realm \"home\""));
+  const std::vector<Auth_Hdrs_T>& stored = auth.auth_info(home)->auth_hdrs;
+  ASSERT_EQ(stored.size(), 1U);
+  EXPECT_EQ(stored[0].auth_hdr, genuine);
+  EXPECT_TRUE(challenge(407, stray)) << "another kind";
+  EXPECT_EQ(stored.size(), 2U);
+}
+
 TEST_F(Authenticate, ADomainIsKnownFromItsFirstChallengeUntilItIsDeleted) {
   LogCapture log;
   EXPECT_FALSE(auth.is_auth_hdr_available_for_profile(home));

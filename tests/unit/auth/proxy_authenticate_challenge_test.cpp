@@ -565,26 +565,6 @@ TEST_F(Authenticate, NoMoreThanEightAnswersOfTheClientsOwnAreMadeAgain) {
   }
 }
 
-TEST_F(Authenticate, AnswersAreMadeAgainUntilTogetherTheyReachTheRoomOfADomain) {
-  const LargeHeads large_heads;
-  const auto padded = [](std::size_t bytes) { return kPlain + ", opaque=\"" + std::string(bytes, 'o') + "\""; };
-  ASSERT_TRUE(challenge(401, padded(0)));
-  set_request(request, {{"Authorization", own("n1")}});
-  ASSERT_TRUE(auth.update_auth_info_for_request(&request, home, k));
-  const std::size_t around = values("Authorization").at(0).size();
-  for (const std::size_t missing : {1U, 0U}) {
-    auth.delete_auth_info(home);
-    ASSERT_TRUE(challenge(401, padded(kMaxChallengeBytes - missing - around)));
-    ASSERT_TRUE(challenge(407, R"(Digest realm="p", nonce="p")"));
-    set_request(request, {{"Authorization", own("n1")}, {"Authorization", own("n1")}});
-    EXPECT_TRUE(auth.update_auth_info_for_request(&request, home, k));
-    const Texts all = values("Authorization");
-    ASSERT_EQ(all.size(), 2U);
-    EXPECT_EQ(all[1].size(), kMaxChallengeBytes - missing);
-    EXPECT_EQ(all[0] == own("n1"), missing == 0);
-  }
-}
-
 TEST_F(Authenticate, AllAnswersOfOneKindAreMadeAgainTheLaterOnTop) {
   for (const auto& [status, name] : {std::pair(401, "Authorization"), std::pair(407, "Proxy-Authorization")}) {
     SCOPED_TRACE(name);

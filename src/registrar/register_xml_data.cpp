@@ -57,7 +57,7 @@ bool parse(framework::XmlDocument& document, const char* text, int length) {
   if (document.get() != nullptr) return true;
   std::string error;
   if (document.parse(text, static_cast<std::size_t>(length), error)) return true;
-  IMS_log::loginfo(4, __func__, "IMSE_REG: %s", error.c_str());
+  IMS_log::loginfo(5, __func__, "IMSE_REG: %s", error.c_str());
   return false;
 }
 

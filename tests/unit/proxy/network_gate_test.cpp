@@ -261,7 +261,7 @@ TEST_F(NetworkGate, AnswersAreNeitherOfNorForNorToALocalAddress) {
 TEST_F(NetworkGate, WithoutAMessageThereIsNothingToRefuse) {
   const FakeServerTcp empty;
   LogCapture log(3);
-  EXPECT_TRUE(network_gate::admits_request("f", &empty, "INVITE", nullptr, nullptr));
+  EXPECT_TRUE(network_gate::admits_request("f", &empty, "INVITE", nullptr));
   EXPECT_TRUE(network_gate::admits_response("f", &empty));
   EXPECT_EQ(log.count(3), 0);
 }

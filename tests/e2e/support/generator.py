@@ -164,7 +164,7 @@ class Generator:
         if self.often(0.15):
             return []
         sent, arrives = self.contact(method)
-        rest = b"" if self.often(0.8) else b" , <sip:other@192.0.2.8;mok=7>"
+        rest = b"" if self.often(0.8) else b" , <sip:other@192.0.2.8;key=7>"
         line = self.line(self.case(self.pick((b"Contact", b"Contact", b"m"))), b"\0" + rest)
         lines = [(line.replace(b"\0", sent), line.replace(b"\0", arrives))]
         if self.often(0.1):

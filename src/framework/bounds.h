@@ -25,7 +25,7 @@ struct Bounds {
   std::size_t challenges = 32;
 
   // What registrations bring, each and all together; a REGISTER above one of these is answered 400. With the defaults
-  // there is room for 256 user agents of 600 feature tags of 60 bytes beside as many ordinary ones. No input costs 5 ms
+  // there is room for 256 user agents of 600 feature tags of 60 bytes. No input costs 5 ms
   // then: what is searched for a request is linear in the texts, and hardly depends on the feature tags (see
   // routing/client_index.h).
 

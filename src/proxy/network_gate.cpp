@@ -80,8 +80,11 @@ bool drop_tagged(const char* function, const char* what, const char* where) {
 /// What requests and answers have in common: where a user agent's later requests would be led.
 bool admits(const char* function, const char* what, const SIPLIB_message& message) {
   for (const char* name : {"From", "To"}) {
-    // Which of them an answer goes on with is the user agent's choice.
-    if (message.headerLines(name) > 1) return drop(function, what, "more than one From or To");
+    // The topmost counts here; which of them an answer goes on with is the user agent's choice.
+    if (message.headerLines(name) > 1 && message.headerLines(name, IMS_engine_proxy::localhost_ip) > 0 &&
+        any_is_local(message, name)) {
+      return drop(function, what, "a further From or To is local");
+    }
   }
   if (leads_inside(message)) return drop(function, what, "it refers to a local user");
   if (const char* where = local_dialog_tag(message)) return drop_tagged(function, what, where);

@@ -147,7 +147,7 @@ TEST_F(NetworkGate, WhatOnlyALenientReaderTakesForALocalAddressIsOne) {
     ASSERT_FALSE(said.empty()) << from;
     EXPECT_EQ(said.back(), "request from the network dropped: its From or To is local") << from;
   }
-  const auto more = twice("request from the network dropped: more than one From or To");
+  const auto more = twice("request from the network dropped: a further From or To is local");
   EXPECT_EQ(dropped("INVITE", {.more = {{"From", "<sip:bob@127.0.0.1>;tag=2"}}}), more);
   EXPECT_EQ(dropped("INVITE", {.more = {{"t", "<sip:bob@127.0.0.1>"}}}), more);
   const auto refers = twice("request from the network dropped: it refers to a local user");

@@ -194,7 +194,8 @@ class Smuggling(Ways):
             if way.name.startswith("alice asks the network"):
                 out = out.replace(b"alice@127.0.0.1:5071", way.sent_by_out)
             out = tagged(out, way.contact)
-            other = b"<sip:evil@192.0.2.9;mok=7>"
+            # The network names no client there; what else it says is its own affair.
+            other = b"<sip:evil@192.0.2.9;mok=7>" if way.from_agent else b"<sip:evil@192.0.2.9;key=7>"
             for tail in (b"", b" , " + other, b",\r\n\t" + other):
                 lines = self.lines(way, b"INFO")
                 lines.insert(2, (form(b"Contact", contact + tail), form(b"Contact", out + tail)))

@@ -236,13 +236,14 @@ constexpr std::array kSettings{
     Setting{"max-waiting-notifies", 1, 65536, [](Settings s, long v) { s.bounds.waiting_notifies = count(v); }},
     Setting{"max-challenges", 1, 1024, [](Settings s, long v) { s.bounds.challenges = count(v); }},
     Setting{"max-client-aors", 1, 65536, [](Settings s, long v) { s.bounds.client_aors = count(v); }},
-    Setting{"max-aors", 1, 1048576, [](Settings s, long v) { s.bounds.aors = count(v); }},
+    // The least of these two leave room for the entry of the registrar itself.
+    Setting{"max-aors", 2, 1048576, [](Settings s, long v) { s.bounds.aors = count(v); }},
     Setting{"max-client-feature-tags", 1, 65536, [](Settings s, long v) { s.bounds.client_feature_tags = count(v); }},
     Setting{"max-feature-tags", 1, 16777216, [](Settings s, long v) { s.bounds.feature_tags = count(v); }},
     Setting{"max-feature-tag-size", 1, 65536, [](Settings s, long v) { s.bounds.feature_tag_size = count(v); }},
     Setting{"max-feature-tag-bytes", 1, 1073741824, [](Settings s, long v) { s.bounds.feature_tag_bytes = count(v); }},
     Setting{"max-client-text", 1, 65536, [](Settings s, long v) { s.bounds.client_text = count(v); }},
-    Setting{"max-text-bytes", 1, 1073741824, [](Settings s, long v) { s.bounds.text_bytes = count(v); }},
+    Setting{"max-text-bytes", 1024, 1073741824, [](Settings s, long v) { s.bounds.text_bytes = count(v); }},
 };
 constexpr std::string_view kIoThread = "io-thread";
 constexpr std::string_view kControlUids = "control-uids";

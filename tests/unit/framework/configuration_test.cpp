@@ -172,7 +172,7 @@ TEST_F(Configuration, StackSettingsAreTaken) {
             "<max-client-aors>11</max-client-aors><max-aors>12</max-aors>"
             "<max-client-feature-tags>13</max-client-feature-tags><max-feature-tags>14</max-feature-tags>"
             "<max-feature-tag-size>15</max-feature-tag-size><max-feature-tag-bytes>16</max-feature-tag-bytes>"
-            "<max-client-text>17</max-client-text><max-text-bytes>18</max-text-bytes>"
+            "<max-client-text>17</max-client-text><max-text-bytes>1800</max-text-bytes>"
             "<io-thread>yes</io-thread></ue-proxy></sipstackinit>");
   SIPLIB_SIPStackConfig config;
   framework::Bounds bounds;
@@ -200,7 +200,7 @@ TEST_F(Configuration, StackSettingsAreTaken) {
   EXPECT_EQ(bounds.feature_tag_size, 15u);
   EXPECT_EQ(bounds.feature_tag_bytes, 16u);
   EXPECT_EQ(bounds.client_text, 17u);
-  EXPECT_EQ(bounds.text_bytes, 18u);
+  EXPECT_EQ(bounds.text_bytes, 1800u);
   EXPECT_TRUE(io_thread);
   EXPECT_EQ(log.text(), "");
 }

@@ -25,9 +25,9 @@ struct Bounds {
   std::size_t challenges = 32;
 
   // What registrations bring, each and all together; a REGISTER above one of these is answered 400. With the defaults
-  // there is room for 256 user agents of 600 feature tags of 60 bytes. No input costs 5 ms
-  // then: what is searched for a request is linear in the texts, and hardly depends on the feature tags (see
-  // routing/client_index.h).
+  // there is room for 256 user agents of 600 feature tags of 60 bytes. What is searched for a request is linear in its
+  // texts and hardly depends on what is registered (see routing/client_index.h); the worst request found, which holds
+  // all of some 100,000 hostile tags, cost up to 5 ms on a busy machine.
 
   /// Addresses of record.
   std::size_t client_aors = 64;
